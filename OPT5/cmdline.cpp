@@ -1,0 +1,300 @@
+#include "OPT5/cmdline.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <sys/stat.h>
+
+#include "DEBUG_DISABLE/register_option.h"
+#include "DIAG/diag.h"
+#include "DIAG/user_msg_api.h"
+#include "OPT5/abort.h"
+#include "OPT5/funinfo.h"
+#include "OPT5/globals.h"
+
+namespace {
+const char THIS_MODULE[] = "OPT5/cmdline";
+
+int arg_count = 0;
+char** arg_vector = nullptr;
+int arg_index = 0;
+const char* program_name = "opt5";
+bool output_opened = false;
+}  // namespace
+
+int alias_vars_option, inline_single, cache_sys_funinfo, code_is_reentrant, dump_ocg_in_GDL;
+int dwim_aliases, dwim_loops, far_externs, kr_flag, memory_is_big_endian, memory_model;
+int mini_mult, apply_symbolic_methods, pass_args_in_regs, program_mode, source_interlist;
+int unsigned_index_wraps, unsigned_ok_for_RPTB, volit_vars, max_unrolled_loop_size;
+int old_const_pointer_behavior, chars_alias_other_types, pointer_args_are_disjoint;
+int loop_increments_are_not_zero, strict_fp, use_g2;
+unsigned char aux_cmd_flag[10];
+int ip_level = 0;
+int processor_version = PELLIN_PROCESSOR_VERSION;
+
+option_obj file_options(true);
+std::vector<option_obj> all_option_sets;
+
+FILE* input_file = nullptr;
+FILE* output_file = nullptr;
+FILE* info_stream = nullptr;
+std::string input_file_name, output_file_name, debug_file_name;
+
+void reset_global_flags() {
+    alias_vars_option = 0;
+    inline_single = 0;
+    cache_sys_funinfo = 2;
+    code_is_reentrant = 1;
+    dump_ocg_in_GDL = 0;
+    dwim_aliases = 0;
+    dwim_loops = 0;
+    far_externs = 0;
+    kr_flag = 0;
+    memory_is_big_endian = 0;
+    memory_model = 0;
+    mini_mult = 0;
+    apply_symbolic_methods = 0;
+    pass_args_in_regs = 0;
+    program_mode = -1;
+    source_interlist = 0;
+    unsigned_index_wraps = 1;
+    unsigned_ok_for_RPTB = 0;
+    volit_vars = 0;
+    max_unrolled_loop_size = 195;
+    old_const_pointer_behavior = 0;
+    chars_alias_other_types = 1;
+    pointer_args_are_disjoint = 0;
+    loop_increments_are_not_zero = 0;
+    strict_fp = 1;
+    use_g2 = 0;
+    std::memset(aux_cmd_flag, 0, sizeof aux_cmd_flag);
+}
+
+namespace {
+
+// Maps an enumerated argument through its table; -1 when the stored index
+// is not one of the words (a set read from elsewhere than the command line).
+int map_enumerated(const option_obj& o, option_id id, const int (&levels)[6], int absent) {
+    if (!o.isset(id)) return absent;
+    long long index = o.getnumarg(id, 0);
+    return index >= 0 && index < 6 ? levels[index] : -1;
+}
+
+const int opt_level_map[6] = {0, 1, 2, 3, 4, 0};
+const int goal_map[6] = {5, 0, 3, 2, 4, 1};
+
+// The numeric flags and display settings of a set.
+void apply_option_flags(const option_obj& o) {
+    reset_global_flags();
+    if (o.isset(OPT_opt_level) && map_enumerated(o, OPT_opt_level, opt_level_map, 1) < 0) {
+        std::fprintf(stderr, "--opt_level given invalid value: %ld\n", static_cast<long>(o.getnumarg(OPT_opt_level, 0)));
+        diag_exit();
+    }
+    if (o.isset(OPT_opt_for_speed) && map_enumerated(o, OPT_opt_for_speed, goal_map, 4) < 0) {
+        std::fprintf(stderr, "--size_speed_goal given invalid value:  %ld\n",
+                     static_cast<long>(o.getnumarg(OPT_opt_for_speed, 0)));
+        diag_exit();
+    }
+    ip_level = o.isset(OPT_ip_level) ? static_cast<int>(o.getnumarg(OPT_ip_level, 0)) : 0;
+    volit_vars = o.isset(OPT_volatile_all);
+    memory_is_big_endian = o.isset(OPT_big_endian);
+    if (o.isset(OPT_memory_model)) memory_model = o.getnumarg(OPT_memory_model, 0) == 0 ? 0 : 1;
+    if (o.isset(OPT_unroll_limit)) max_unrolled_loop_size = static_cast<int>(o.getnumarg(OPT_unroll_limit, 0));
+    if (o.isset(OPT_program_mode)) program_mode = 1;
+    if (o.isset(OPT_nonreentrant)) code_is_reentrant = 0;
+    if (o.isset(OPT_strict_fp)) strict_fp = o.getnumarg(OPT_strict_fp, 0) == 0;
+    for (unsigned i = 0; i < o.getargcount(OPT_aux_flags) && i < sizeof aux_cmd_flag; ++i)
+        aux_cmd_flag[i] = static_cast<unsigned char>(o.getnumarg(OPT_aux_flags, i));
+}
+
+void apply_display_settings(const option_obj& o) {
+    for (unsigned i = 0; i < o.getargcount(OPT_diagnostics); ++i) {
+        std::string w = o.getstrarg(OPT_diagnostics, i);
+        if (w == "error_number") DIAGNOSTIC::display_code_m = true;
+        else if (w == "source_position") DIAGNOSTIC::display_ipos_m = true;
+        else if (w == "remarks") DIAGNOSTIC::remarks_m = true;
+        else if (w == "advice") DIAGNOSTIC::advice_m = true;
+        else if (w == "debug") DIAGNOSTIC::debug_m = true;
+        else if (w == "no_warnings") DIAGNOSTIC::warnings_m = false;
+        else if (w == "warnings_as_errors") USER_MSG::get_umsg_obj().emit_warnings_as_errors();
+        else if (w == "wrap") DIAGNOSTIC::wrap_enabled_m = true;
+    }
+    if (o.isset(OPT_error_limit)) diag_error_limit = static_cast<unsigned>(o.getnumarg(OPT_error_limit, 0));
+    if (o.isset(OPT_silicon_version)) {
+        processor_version = static_cast<int>(o.getnumarg(OPT_silicon_version, 0));
+        if (processor_version != PELLIN_PROCESSOR_VERSION) {
+            std::string v = std::to_string(processor_version);
+            emit_diag(24033, THIS_MODULE, __LINE__, nullptr, v.c_str());
+        }
+    }
+}
+
+[[noreturn]] void open_failure(const char* format, const std::string& name) {
+    std::fprintf(stderr, format, name.c_str(), std::strerror(errno));
+    discard_output();
+    std::exit(1);
+}
+
+}  // namespace
+
+void set_global_flags(option_obj* options) {
+    for (unsigned i = 0; i < options->getargcount(OPT_disable); ++i)
+        process_debug_option("disable", options->getstrarg(OPT_disable, i));
+    for (unsigned i = 0; i < options->getargcount(OPT_enable); ++i)
+        process_debug_option("enable", options->getstrarg(OPT_enable, i));
+    for (unsigned i = 0; i < options->getargcount(OPT_debug); ++i)
+        process_debug_option("debug", options->getstrarg(OPT_debug, i));
+    apply_display_settings(*options);
+    apply_option_flags(*options);
+}
+
+void restore_global_flags() {
+    apply_option_flags(file_options);
+    if (print_debug && FDEBUG) {
+        DBG_CHECK(std::fprintf(FDEBUG, "[Restoring options"));
+        DBG_CHECK(std::fprintf(FDEBUG, " --> -o%d -i%d", opt_level(), ip_level));
+        DBG_CHECK(std::fprintf(FDEBUG, " --opt_for_speed=%d", size_speed_goal()));
+        DBG_CHECK(std::fprintf(FDEBUG, "]\n"));
+    }
+}
+
+void init_fileopts() { all_option_sets.clear(); }
+
+const option_obj& current_options() {
+    if (currfuninfo && currfuninfo->option_set >= 0 &&
+        static_cast<size_t>(currfuninfo->option_set) < all_option_sets.size())
+        return all_option_sets[currfuninfo->option_set];
+    return file_options;
+}
+
+int opt_level() { return map_enumerated(current_options(), OPT_opt_level, opt_level_map, 1); }
+int size_speed_goal() { return map_enumerated(current_options(), OPT_opt_for_speed, goal_map, 4); }
+
+const char* next_arg() { return arg_index < arg_count ? arg_vector[arg_index++] : nullptr; }
+
+void open_files(int argc, char** argv) {
+    arg_count = argc;
+    arg_vector = argv;
+    arg_index = 1;
+    if (argc > 0 && argv[0]) program_name = argv[0];
+    set_diag_exit_hook(discard_output);
+
+    std::vector<const char*> names;
+    while (const char* arg = next_arg()) {
+        if (arg[0] == '-' && arg[1]) {
+            if (names.size() >= 2) {
+                // Options must come before the file names.
+                const char* a = next_arg();
+                const char* b = a ? next_arg() : nullptr;
+                std::fprintf(stderr, "\n>>>> OPTIMIZER ERROR: Unexpected options: %s %s %s\n", arg, a ? a : "",
+                             b ? b : "");
+                std::exit(1);
+            }
+            const char* following = arg_index < arg_count ? arg_vector[arg_index] : nullptr;
+            if (file_options.process_option(arg + 1, &following) > 0) next_arg();
+        } else {
+            names.push_back(arg);
+        }
+    }
+    if (diag_error_count() > 0) std::exit(1);
+    if (names.size() > 2) {
+        std::fputs("\n>>>> OPTIMIZER ERROR: Garbage on command line\n\n", stderr);
+        std::exit(1);
+    }
+    if (names.size() < 2) {
+        std::fprintf(stderr, "Usage: %s [-options] filename\n", program_name);
+        std::exit(1);
+    }
+
+    set_global_flags(&file_options);
+
+    input_file_name = names[0];
+    output_file_name = names[1];
+    input_file = std::fopen(input_file_name.c_str(), "rb");
+    if (!input_file) open_failure("\n>> Cannot Open Input icode File, %s : %s, Aborting\n", input_file_name);
+    struct stat st;
+    if (fstat(fileno(input_file), &st) != 0 || S_ISDIR(st.st_mode)) {
+        std::fprintf(stderr, "\n>> Error when opening input icode file : %s, Aborting\n", input_file_name.c_str());
+        discard_output();
+        std::exit(1);
+    }
+    output_file = std::fopen(output_file_name.c_str(), "wb");
+    if (!output_file) open_failure("\n>> Cannot Open Output icode File, %s : %s, Aborting\n", output_file_name);
+    output_opened = true;
+
+    if (file_options.isset(OPT_info_file)) {
+        const char* name = file_options.getstrarg(OPT_info_file, 0);
+        info_stream = std::fopen(name, "w");
+        if (!info_stream) open_failure("\n>> Cannot Open Info File, %s : %s, Aborting\n", name);
+        finfo = info_stream;
+        write_opt_info = true;
+    }
+    if (file_options.isset(OPT_debug_file)) {
+        debug_file_name = file_options.getstrarg(OPT_debug_file, 0);
+        open_debug_file(debug_file_name.c_str());
+        print_debug = true;
+    }
+
+    if (size_speed_goal() == 0) std::fputs("\n\t*** Optimizing code size, not speed ***\n\n", stderr);
+    if (volit_vars) std::fputs("\n>>>> Warning: All non-auto lvalues are considered VOLATILE.\n\n", stderr);
+}
+
+FILE* open_debug_file(const char* name, bool append) {
+    FILE* f = std::fopen(name, append ? "a" : "w");
+    if (!f) open_failure("\n>> Cannot Open Debug File, %s : %s, Aborting\n", name);
+    FILE* previous = FDEBUG;
+    if (previous) DBG_CHECK(std::fprintf(previous, ">>>> SWITCHING LOG TO %s\n", name));
+    FDEBUG = f;
+    return previous;
+}
+
+void emit_cmd_line_text(FILE* out) {
+    auto emit = [out](int n, const option_obj& o, const char* note) {
+        std::fprintf(out, "Option set %d%s:\n", n, note);
+        for (const std::string& s : o.export_option_list()) std::fprintf(out, "\t%s\n", s.c_str());
+    };
+    emit(0, file_options, " (file-level options)");
+    for (size_t i = 0; i < all_option_sets.size(); ++i) emit(static_cast<int>(i + 1), all_option_sets[i], "");
+}
+
+void close_files() {
+    if (FDEBUG) {
+        DBG_CHECK(std::fprintf(FDEBUG, "\n== END OF DEBUG OUTPUT==\n"));
+        if (std::fclose(FDEBUG) != 0) {
+            FDEBUG = nullptr;
+            optassert("fclose(FDEBUG) == 0", THIS_MODULE, __LINE__);
+        }
+        FDEBUG = nullptr;
+    }
+    if (info_stream) {
+        std::fprintf(info_stream, "\n== END OF INFO OUTPUT==\n");
+        bool failed = std::fclose(info_stream) != 0;
+        info_stream = nullptr;
+        finfo = nullptr;
+        if (failed) abort_optimizer("Cannot write the information file");
+    }
+    if (input_file) {
+        std::fclose(input_file);
+        input_file = nullptr;
+    }
+    if (output_file) {
+        bool failed = std::fclose(output_file) != 0;
+        output_file = nullptr;
+        if (failed) abort_optimizer("Cannot write the output icode file");
+    }
+}
+
+void discard_output() {
+    if (input_file) {
+        std::fclose(input_file);
+        input_file = nullptr;
+    }
+    if (output_file) {
+        std::fclose(output_file);
+        output_file = nullptr;
+    }
+    if (output_opened) {
+        std::remove(output_file_name.c_str());
+        output_opened = false;
+    }
+}

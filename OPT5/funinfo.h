@@ -1,0 +1,52 @@
+// Per-function record of the optimizer.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <mutex>
+#include <string>
+#include <vector>
+
+struct SYMTAB;
+
+// Bits of FUNINFO::flags.
+enum : unsigned {
+    FUN_MUST_BE_UNSUPPRESSED = 4,  // output of the function must be forced
+    FUN_BODY_NOT_WRITTEN = 64,     // the function's body is not written out
+};
+
+struct FUNINFO {
+    explicit FUNINFO(SYMTAB* sym) : symbol(sym) {}
+
+    SYMTAB* symbol;
+    int nblocks = 0;
+    int option_set = -1;           // index into all_option_sets, -1: the file's set
+    int64_t pass_time = 0;         // clock ticks spent in this function's passes
+    bool simd_value_propagation = false;
+    bool split_debug_started = false;    // its own debug file exists (debug:split_odb)
+    std::vector<std::string> info_text;  // optimisation information captured by a worker
+
+    unsigned flags() {
+        std::lock_guard<std::mutex> lock(flags_mutex_);
+        return flags_;
+    }
+    void set_flags(unsigned bits) {
+        std::lock_guard<std::mutex> lock(flags_mutex_);
+        flags_ |= bits;
+    }
+    void clear_flags(unsigned bits) {
+        std::lock_guard<std::mutex> lock(flags_mutex_);
+        flags_ &= ~bits;
+    }
+
+private:
+    std::mutex flags_mutex_;
+    unsigned flags_ = 0;
+};
+
+// The table of function infos: make_FUNINFO creates the record on first use
+// and returns the same one afterwards; find_FUNINFO never creates.
+FUNINFO* make_FUNINFO(SYMTAB* sym);
+FUNINFO* find_FUNINFO(SYMTAB* sym);
+void clear_FUNINFO_table();
+void dump_FUNINFO(FILE* out, FUNINFO* fi);

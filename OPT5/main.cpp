@@ -1,0 +1,258 @@
+#include <algorithm>
+#include <cstdlib>
+#include <future>
+#include <list>
+#include <mutex>
+#include <new>
+#include <stdexcept>
+#include <string>
+
+#include "DEBUG_DISABLE/switches.h"
+#include "OPT5/abort.h"
+#include "OPT5/cmdline.h"
+#include "OPT5/driver.h"
+#include "OPT5/funinfo.h"
+#include "OPT5/globals.h"
+#include "OPT5/pass.h"
+#include "OPT5/symtab.h"
+
+namespace {
+const char THIS_MODULE[] = "OPT5/main";
+
+std::list<SYMTAB*> functions_queue;
+std::mutex functions_queue_mutex;
+
+// Turns whatever escapes a group of start-up or pipeline work into the
+// matching abnormal end.
+template <class F>
+void guarded(F&& work) {
+    try {
+        work();
+    } catch (const std::bad_alloc&) {
+        abort_optimizer("ERROR - OUT OF MEMORY");
+    } catch (const std::exception& e) {
+        std::string reason = std::string("Exception:  ") + e.what();
+        abort_optimizer(reason.c_str());
+    } catch (...) {
+        abort_optimizer("Caught something that isn't std::exception.");
+    }
+}
+
+SYMTAB* defining_symbol(SYMTAB* fn) { return fn->is_declaration && fn->definition ? fn->definition : fn; }
+
+// The last step of each function: writes it and lets go of it.
+void output_function() {
+    SYMTAB* fn = currfunc;
+    if (!(currfuninfo->flags() & FUN_BODY_NOT_WRITTEN) && write_function_body) write_function_body(fn);
+    currfunc = nullptr;
+    currfuninfo = nullptr;
+    restore_global_flags();
+}
+
+bool all_step_lists_empty() {
+    for (SYMTAB* fn : functions)
+        if (!steps_table[fn].empty()) return false;
+    return true;
+}
+
+void worker_loop() {
+    for (;;) {
+        SYMTAB* fn;
+        {
+            std::lock_guard<std::mutex> lock(functions_queue_mutex);
+            if (functions_queue.empty()) return;
+            fn = functions_queue.front();
+            functions_queue.pop_front();
+        }
+        FILE* saved = finfo;
+        FILE* capture = std::tmpfile();
+        OPT_REQUIRE(capture != nullptr);
+        finfo = capture;
+        try {
+            run_function_steps(fn, steps_table.at(fn));
+        } catch (...) {
+            currfunc_at_abort = fn;
+            finfo = saved;
+            std::fclose(capture);
+            throw;
+        }
+        long size = std::ftell(capture);
+        if (size > 0) {
+            std::string text(static_cast<size_t>(size), '\0');
+            std::rewind(capture);
+            size_t got = std::fread(text.data(), 1, text.size(), capture);
+            text.resize(got);
+            make_FUNINFO(defining_symbol(fn))->info_text.push_back(std::move(text));
+        }
+        std::fclose(capture);
+        finfo = saved;
+    }
+}
+
+void run_stretch() {
+    if (max_threads > 0) {
+        {
+            std::lock_guard<std::mutex> lock(functions_queue_mutex);
+            functions_queue.assign(functions.begin(), functions.end());
+        }
+        size_t k = std::min(functions.size(), static_cast<size_t>(max_threads));
+        std::vector<std::future<void>> workers;
+        for (size_t i = 0; i < k; ++i) workers.push_back(std::async(std::launch::async, worker_loop));
+        for (auto& w : workers) w.get();
+    } else {
+        for (SYMTAB* fn : functions) run_function_steps(fn, steps_table[fn]);
+    }
+}
+
+// After a stretch run by workers: hands each function's captured information
+// to the information stream in input order, so that it reads as in a serial
+// run; after the last stretch, writes the functions whose tables lacked
+// "output function", one at a time on this thread.
+void finish_worker_stretch(bool last) {
+    for (SYMTAB* fn : functions) {
+        FUNINFO* fi = find_FUNINFO(defining_symbol(fn));
+        if (fi) {
+            if (finfo)
+                for (const std::string& text : fi->info_text) std::fputs(text.c_str(), finfo);
+            fi->info_text.clear();
+        }
+        if (last && output_function_pass && !print_debug) {
+            std::deque<pass*> only_output{output_function_pass};
+            run_function_steps(fn, only_output);
+        }
+    }
+}
+
+}  // namespace
+
+std::map<SYMTAB*, std::deque<pass*>> steps_table;
+std::vector<SYMTAB*> unsuppressed_functions;
+pass* output_function_pass = nullptr;
+void (*read_input_unit)() = nullptr;
+void (*write_function_body)(SYMTAB*) = nullptr;
+
+void build_step_tables() {
+    if (functions.empty()) return;
+    if (!output_function_pass) output_function_pass = new pass("output function", output_function);
+    for (SYMTAB* sym : functions) {
+        steps_table[sym] = std::deque<pass*>(permuted_order.begin(), permuted_order.end());
+        OPT_REQUIRE(steps_table[sym].size() == permuted_order.size());
+        if (max_threads == 0 || print_debug) steps_table[sym].push_back(output_function_pass);
+    }
+}
+
+void run_function_steps(SYMTAB* fn, std::deque<pass*>& passes) {
+    if (passes.empty() || passes.front()->is_barrier()) return;
+
+    SYMTAB* def = defining_symbol(fn);
+    currfuninfo = make_FUNINFO(def);
+    currfunc = def;
+    OPT_REQUIRE(currfunc == currfuninfo->symbol);
+    if (currfuninfo->option_set >= 0 && static_cast<size_t>(currfuninfo->option_set) < all_option_sets.size())
+        set_global_flags(&all_option_sets[currfuninfo->option_set]);
+
+    FILE* saved_debug = nullptr;
+    bool split = pass_debug_split_odb && print_debug;
+    if (split) {
+        // The first stretch starts the function's file, later ones add to it.
+        std::string name = debug_file_name + "." + def->name;
+        saved_debug = open_debug_file(name.c_str(), currfuninfo->split_debug_started);
+        currfuninfo->split_debug_started = true;
+    }
+    if (print_debug) {
+        DBG_CHECK(std::fprintf(FDEBUG, "\n\n==================== FUNCTION %s() ====================\n",
+                               def->name.c_str()));
+        dump_FUNINFO(FDEBUG, currfuninfo);
+        DBG_FLUSH();
+    }
+    if (write_opt_info && finfo) std::fprintf(finfo, "\n%s\n", std::string(78, '=').c_str());
+    if ((currfuninfo->flags() & FUN_MUST_BE_UNSUPPRESSED) && print_debug && opt_level() >= 3)
+        DBG_CHECK(std::fprintf(FDEBUG, "\n!!! %s() (%s) must be unsuppressed !!!\n\n", def->name.c_str(),
+                               def->decl.c_str()));
+
+    while (!passes.empty() && !passes.front()->is_barrier()) {
+        passes.front()->run();
+        passes.pop_front();
+    }
+
+    OPT_REQUIRE(passes.empty() || passes.front()->is_barrier());
+    if (split) {
+        if (std::fclose(FDEBUG) != 0) optassert("fclose(FDEBUG) == 0", THIS_MODULE, __LINE__);
+        FDEBUG = saved_debug;
+    }
+}
+
+void run_function_loop() {
+    while (!all_step_lists_empty()) {
+        run_stretch();
+        bool last = all_step_lists_empty();
+        if (max_threads > 0) finish_worker_stretch(last);
+        if (last) break;
+
+        pass* barrier = steps_table[functions.front()].front();
+        for (SYMTAB* fn : functions) {
+            std::deque<pass*>& passes = steps_table[fn];
+            OPT_REQUIRE(!passes.empty() && barrier == passes.front());
+        }
+        currfunc = nullptr;
+        currfuninfo = nullptr;
+        barrier->run();
+        for (SYMTAB* fn : functions) steps_table[fn].pop_front();
+        OPT_REQUIRE(unsuppressed_functions.empty());
+    }
+}
+
+void print_time_stats(FILE* out, clock_t unit_ticks) {
+    std::fprintf(out, "\nTime for whole compilation unit:  %.2f secs\n", static_cast<double>(unit_ticks) / 1e6);
+    std::vector<FUNINFO*> infos;
+    for (SYMTAB* fn : functions)
+        if (FUNINFO* fi = find_FUNINFO(defining_symbol(fn))) infos.push_back(fi);
+    std::stable_sort(infos.begin(), infos.end(),
+                     [](FUNINFO* a, FUNINFO* b) { return a->pass_time > b->pass_time; });
+    int64_t in_functions = 0;
+    for (FUNINFO* fi : infos) {
+        std::fprintf(out, "%s:  %.2f secs\n", fi->symbol->name.c_str(), static_cast<double>(fi->pass_time) / 1e6);
+        in_functions += fi->pass_time;
+    }
+    std::fprintf(out, "Non-function time:  %.2f secs\n", static_cast<double>(unit_ticks - in_functions) / 1e6);
+}
+
+void reset_driver() {
+    destroy_passes();
+    delete output_function_pass;
+    output_function_pass = nullptr;
+    serial_namespace<pass::pass_manager>::reset();
+    steps_table.clear();
+    unsuppressed_functions.clear();
+    functions.clear();
+    clear_FUNINFO_table();
+    currfunc = nullptr;
+    currfuninfo = nullptr;
+    currfunc_at_abort = nullptr;
+}
+
+void optimizer_main(int argc, char** argv) {
+    install_optimizer_signal_handlers(argc > 0 ? argv[0] : "opt5");
+    guarded([&] { open_files(argc, argv); });
+    guarded([] { init_fileopts(); });
+    guarded([] { setup_passes(true); });
+    if (pass_debug_parser) {
+        close_files();
+        std::exit(0);
+    }
+    clock_t start = (print_debug || enable_time_stats) ? std::clock() : 0;
+
+    guarded([] {
+        if (read_input_unit) read_input_unit();
+    });
+    guarded(build_step_tables);
+    guarded(run_function_loop);
+
+    if (enable_time_stats || print_debug) {
+        clock_t total = std::clock() - start;
+        if (enable_time_stats) print_time_stats(stderr, total);
+        if (print_debug) print_time_stats(FDEBUG, total);
+    }
+    guarded(close_files);
+    std::exit(0);
+}

@@ -1,0 +1,229 @@
+#include "OPT5/pass.h"
+
+#include <cctype>
+#include <cstdlib>
+#include <ctime>
+
+#include "DEBUG_DISABLE/switches.h"
+#include "DIAG/diag.h"
+#include "OPT5/abort.h"
+#include "OPT5/cmdline.h"
+#include "OPT5/funinfo.h"
+#include "OPT5/globals.h"
+#include "UTIL/support.h"
+
+namespace {
+const char THIS_MODULE[] = "OPT5/pass";
+
+// Steps whose subsystem is not part of this build keep their place in the
+// pipeline (they are announced, skipped by serial and timed like the others)
+// and do nothing.
+void no_action() {}
+
+// "pass 2 header": the end of the whole-unit analyses.
+void pass_2_header() {
+    if (write_opt_info && finfo) std::fflush(finfo);
+    if (print_debug) {
+        DBG_FLUSH();
+        std::printf("%s Pass 2\n", isa_and_tool_name());
+        std::fflush(stdout);
+    }
+}
+
+// "pass 2 inits": per-function set-up after the interprocedural steps.  No
+// function carries a scope tree yet, so the dump shows the empty tree.
+void pass_2_inits() {
+    if (print_debug) DBG_CHECK(std::fputs("<<NULL SCOPE>>\n", FDEBUG));
+}
+
+struct step {
+    const char* name;
+    bool barrier;
+    void (*action)();
+};
+
+const step pass_table[] = {
+    {"pass 1 fcp/eda", false, no_action},
+    {"pass 1 fast_CP(4,0)", false, no_action},
+    {"value propagation for pass 1", false, no_action},
+    {"analyze globals", true, no_action},
+    {"detect_recursion", true, no_action},
+    {"do_interprocedural_propagation", true, no_action},
+    {"auto_inline_call_sites", true, no_action},
+    {"dump_call_graph_debug", true, no_action},
+    {"collect_clustered_symbols", true, no_action},
+    {"pass 2 header", true, pass_2_header},
+    {"set call-graph order", true, no_action},
+    {"pass 2 inits", false, pass_2_inits},
+    {"stack sharing", false, no_action},
+    {"CPS", false, no_action},
+    {"early LIR", false, no_action},
+    {"early fast_CP(4,1)", false, no_action},
+    {"MVP global assertions", false, no_action},
+    {"intraprocedural MVP", false, no_action},
+    {"value propagation for SIMD", false, no_action},
+    {"explode auto structs", false, no_action},
+    {"non-DD clone SSA NASSERTs", false, no_action},
+    {"non-DD SSA CP", false, no_action},
+    {"non-DD SSA EDA", false, no_action},
+    {"SSA RP with benign loads", false, no_action},
+    {"expand bitfields", false, no_action},
+    {"fast_CP(0,1)", false, no_action},
+    {"add profile loop annotations", false, no_action},
+    {"CD vectorizations", false, no_action},
+    {"CD ILP", false, no_action},
+    {"late fast_CP(4,1)", false, no_action},
+    {"Disclose Vectors", false, no_action},
+    {"global CP", false, no_action},
+    {"late points-to", false, no_action},
+    {"global CSE", false, no_action},
+    {"Pellin rotate loops", false, no_action},
+    {"late rename symbols", false, no_action},
+    {"merge symbols", false, no_action},
+    {"DD restructuring", false, no_action},
+    {"expand cluster refs", false, no_action},
+    {"CSU returning temp", false, no_action},
+    {"superblocks", false, no_action},
+    {"subrange", false, no_action},
+    {"lcp", false, no_action},
+    {"sti-to-cinit", false, no_action},
+    {"lcse", false, no_action},
+    {"propagate increments", false, no_action},
+    {"Disguise Vectors", false, no_action},
+    {"late LIR", false, no_action},
+};
+
+// Reads a forced order: serials separated by commas or blanks.
+std::vector<pass*> parse_forced_order(const std::string& text, const char* source) {
+    std::string s = text;
+    for (char& c : s)
+        if (c == ',') c = ' ';
+    std::vector<pass*> order;
+    size_t i = 0;
+    while (i < s.size()) {
+        if (std::isspace(static_cast<unsigned char>(s[i]))) {
+            ++i;
+            continue;
+        }
+        size_t j = i;
+        while (j < s.size() && !std::isspace(static_cast<unsigned char>(s[j]))) ++j;
+        std::string token = s.substr(i, j - i);
+        char* end = nullptr;
+        long serial = std::strtol(token.c_str(), &end, 10);
+        if (*end != '\0' || serial < 0 || serial >= static_cast<long>(normal_order_passes.size())) {
+            std::string msg = "invalid pass serial '" + token + "' in the forced pass order from " + source +
+                              " (serials are 0 to " + std::to_string(normal_order_passes.size() - 1) + ")";
+            emit_diag(24041, THIS_MODULE, __LINE__, nullptr, msg.c_str());
+        }
+        order.push_back(normal_order_passes[serial]);
+        i = j;
+    }
+    return order;
+}
+
+// A random order of n serials, drawn by the inside-out shuffle.
+std::vector<int> random_permutation(size_t n) {
+    std::srand(static_cast<unsigned>(std::time(nullptr) + std::clock()));
+    std::vector<int> p(n);
+    if (n == 0) return p;
+    p[0] = 0;
+    for (size_t i = 0; i + 2 <= n; ++i) {
+        size_t j = static_cast<size_t>(static_cast<double>(std::rand()) * static_cast<double>(i + 2) *
+                                       4.656612873077393e-10);
+        p[i + 1] = p[j];
+        p[j] = static_cast<int>(i + 1);
+    }
+    return p;
+}
+
+}  // namespace
+
+std::vector<pass*> normal_order_passes;
+std::vector<pass*> permuted_order;
+
+void pass::run() {
+    if (pass_debug_skip_pass > 0 && pass_debug_skip_pass == serial()) {
+        if (print_debug) {
+            DBG_CHECK(std::fprintf(FDEBUG, "\n\n\t\t\t---------- SKIPPING step %d '%s' ----------\n", serial(),
+                                   name_.c_str()));
+            DBG_FLUSH();
+        }
+        return;
+    }
+    if (print_debug) {
+        DBG_CHECK(std::fprintf(FDEBUG, "\n\n\t\t\t---------- ENTERING step %d '%s' ----------\n", serial(),
+                               name_.c_str()));
+        DBG_FLUSH();
+    }
+    // The action may end the function ("output function"); time goes to the
+    // function that was current when the step began.
+    FUNINFO* fi = currfuninfo;
+    if (print_debug || enable_time_stats) {
+        clock_t start = std::clock();
+        action_();
+        clock_t end = std::clock();
+        if (print_debug)
+            DBG_CHECK(std::fprintf(FDEBUG, "(%.1f sec for pass.)\n", static_cast<float>(end - start) / 1000000.0f));
+        if (fi) fi->pass_time += end - start;
+    } else {
+        action_();
+    }
+    if (print_debug) {
+        DBG_CHECK(std::fprintf(FDEBUG, "\n\n\n\t\t\t---------- EXITING step %d '%s' ----------\n", serial(),
+                               name_.c_str()));
+        DBG_FLUSH();
+    }
+}
+
+void setup_passes(bool forced) {
+    for (const step& s : pass_table)
+        normal_order_passes.push_back(s.barrier ? new barrier_pass(s.name, s.action) : new pass(s.name, s.action));
+
+    const char* order_text = nullptr;
+    const char* source = nullptr;
+    if (forced) {
+        if (file_options.isset(OPT_forced_passes)) {
+            order_text = file_options.getstrarg(OPT_forced_passes, 0);
+            source = "command-line option";
+        } else if ((order_text = std::getenv("FORCED_OPT_PASSES")) != nullptr) {
+            source = "environment variable";
+        }
+    }
+    if (!order_text) {
+        permuted_order = normal_order_passes;
+        if (print_debug) {
+            DBG_CHECK(std::fprintf(FDEBUG, "Pass list is normal order.\n"));
+            DBG_FLUSH();
+        }
+    } else {
+        const char* label = "";
+        if (std::string(order_text) == "random") {
+            label = " (random)";
+            permuted_order.clear();
+            for (int serial : random_permutation(normal_order_passes.size()))
+                permuted_order.push_back(normal_order_passes[serial]);
+        } else {
+            permuted_order = parse_forced_order(order_text, source);
+        }
+        if (print_debug) {
+            DBG_CHECK(std::fprintf(FDEBUG, "Pass list, from %s, is%s: ", source, label));
+            if (permuted_order.empty()) DBG_CHECK(std::fprintf(FDEBUG, "<empty>"));
+            for (pass* p : permuted_order) DBG_CHECK(std::fprintf(FDEBUG, " %d", p->serial()));
+            DBG_CHECK(std::fprintf(FDEBUG, "\n\n"));
+            DBG_FLUSH();
+        }
+    }
+    if (pass_debug_list_passes) list_passes(stdout);
+}
+
+void list_passes(FILE* out) {
+    for (pass* p : permuted_order) std::fprintf(out, "%2d:  %s\n", p->serial(), p->name().c_str());
+    std::fflush(out);
+}
+
+void destroy_passes() {
+    for (pass* p : normal_order_passes) delete p;
+    normal_order_passes.clear();
+    permuted_order.clear();
+    serial_namespace<pass::pass_manager>::reset();
+}

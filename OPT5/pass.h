@@ -1,0 +1,82 @@
+// The steps of the pipeline and the pass lists.
+#pragma once
+
+#include <cstdio>
+#include <string>
+#include <vector>
+
+// Objects numbered serially, from 0 in order of construction, within a
+// namespace NS.  The registry is a vector indexed by serial; destroying an
+// object clears its slot, and serials are not reused.
+template <class NS>
+class serial_namespace {
+public:
+    static std::vector<void*>& slots() {
+        static std::vector<void*> v;
+        return v;
+    }
+    // Forgets every serial; only allowed when no object is alive.
+    static bool reset() {
+        for (void* p : slots())
+            if (p) return false;
+        slots().clear();
+        return true;
+    }
+};
+
+template <class NS>
+class serial_object {
+public:
+    serial_object() : serial_(static_cast<int>(serial_namespace<NS>::slots().size())) {
+        serial_namespace<NS>::slots().push_back(this);
+    }
+    ~serial_object() { serial_namespace<NS>::slots()[serial_] = nullptr; }
+    serial_object(const serial_object&) = delete;
+    serial_object& operator=(const serial_object&) = delete;
+    int serial() const { return serial_; }
+
+private:
+    int serial_;
+};
+
+struct pass_manager_tag {};
+
+class pass : public serial_object<pass_manager_tag> {
+public:
+    using pass_manager = pass_manager_tag;
+    using action_fn = void (*)();
+
+    pass(std::string name, action_fn action) : name_(std::move(name)), action_(action) {}
+    virtual ~pass() = default;
+    virtual bool is_barrier() const { return false; }
+
+    // Runs the step once for the current function (or, for a barrier, for the
+    // whole unit), framed in the debug stream and timed when asked.
+    void run();
+
+    const std::string& name() const { return name_; }
+    action_fn action() const { return action_; }
+    void set_action(action_fn action) { action_ = action; }
+
+private:
+    std::string name_;
+    action_fn action_;
+};
+
+class barrier_pass : public pass {
+public:
+    barrier_pass(std::string name, void (*action)()) : pass(std::move(name), action) {}
+    bool is_barrier() const override { return true; }
+};
+
+// The passes in their fixed order, and the order actually run.
+extern std::vector<pass*> normal_order_passes;
+extern std::vector<pass*> permuted_order;
+
+// Builds both lists; with `forced`, the order may come from the command line
+// or the environment variable FORCED_OPT_PASSES.
+void setup_passes(bool forced);
+void list_passes(FILE* out);
+// Deletes every pass of the lists; when no other pass is alive the serials
+// start again from 0 (tests build the pipeline more than once).
+void destroy_passes();

@@ -1,0 +1,12 @@
+// Tool identity and the text printed after an internal failure.
+#pragma once
+
+#include <cstdio>
+
+const char* tool_name();           // "C/C++ Optimizer"
+const char* isa_and_tool_name();   // the tool's name with its target family
+// The paragraph asking the user to report an internal failure, written to
+// the standard error stream for the named tool (tool_name() by default).
+void print_support_message(const char* tool = nullptr);
+// Appends a stack trace of this process (taken with gdb) to the stream.
+void dump_stack(FILE* out);
