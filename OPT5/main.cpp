@@ -49,6 +49,12 @@ void output_function() {
     restore_global_flags();
 }
 
+// A function with an option set of its own runs under it.
+void apply_function_options() {
+    if (currfuninfo->option_set >= 0 && static_cast<size_t>(currfuninfo->option_set) < all_option_sets.size())
+        set_global_flags(&all_option_sets[currfuninfo->option_set]);
+}
+
 bool all_step_lists_empty() {
     for (SYMTAB* fn : functions)
         if (!steps_table[fn].empty()) return false;
@@ -117,8 +123,11 @@ void finish_worker_stretch(bool last) {
             fi->info_text.clear();
         }
         if (last && output_function_pass && !print_debug) {
-            std::deque<pass*> only_output{output_function_pass};
-            run_function_steps(fn, only_output);
+            // The function's last stretch continues here: no new header.
+            currfuninfo = make_FUNINFO(defining_symbol(fn));
+            currfunc = currfuninfo->symbol;
+            apply_function_options();
+            output_function_pass->run();
         }
     }
 }
@@ -148,8 +157,7 @@ void run_function_steps(SYMTAB* fn, std::deque<pass*>& passes) {
     currfuninfo = make_FUNINFO(def);
     currfunc = def;
     OPT_REQUIRE(currfunc == currfuninfo->symbol);
-    if (currfuninfo->option_set >= 0 && static_cast<size_t>(currfuninfo->option_set) < all_option_sets.size())
-        set_global_flags(&all_option_sets[currfuninfo->option_set]);
+    apply_function_options();
 
     FILE* saved_debug = nullptr;
     bool split = pass_debug_split_odb && print_debug;
