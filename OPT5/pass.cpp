@@ -121,8 +121,13 @@ std::vector<pass*> parse_forced_order(const std::string& text, const char* sourc
     return order;
 }
 
+}  // namespace
+
+std::vector<pass*> normal_order_passes;
+std::vector<pass*> permuted_order;
+
 // A random order of n serials, drawn by the inside-out shuffle.
-std::vector<int> random_permutation(size_t n) {
+std::vector<int> random_pass_permutation(size_t n) {
     std::srand(static_cast<unsigned>(std::time(nullptr) + std::clock()));
     std::vector<int> p(n);
     if (n == 0) return p;
@@ -135,11 +140,6 @@ std::vector<int> random_permutation(size_t n) {
     }
     return p;
 }
-
-}  // namespace
-
-std::vector<pass*> normal_order_passes;
-std::vector<pass*> permuted_order;
 
 void pass::run() {
     if (pass_debug_skip_pass > 0 && pass_debug_skip_pass == serial()) {
@@ -200,7 +200,7 @@ void setup_passes(bool forced) {
         if (std::string(order_text) == "random") {
             label = " (random)";
             permuted_order.clear();
-            for (int serial : random_permutation(normal_order_passes.size()))
+            for (int serial : random_pass_permutation(normal_order_passes.size()))
                 permuted_order.push_back(normal_order_passes[serial]);
         } else {
             permuted_order = parse_forced_order(order_text, source);

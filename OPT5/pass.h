@@ -77,6 +77,9 @@ extern std::vector<pass*> permuted_order;
 // or the environment variable FORCED_OPT_PASSES.
 void setup_passes(bool forced);
 void list_passes(FILE* out);
+// A random permutation of the serials 0..n-1 (inside-out shuffle, seeded
+// from the time), as used by the forced order "random".
+std::vector<int> random_pass_permutation(size_t n);
 // Deletes every pass of the lists; when no other pass is alive the serials
 // start again from 0 (tests build the pipeline more than once).
 void destroy_passes();
