@@ -2,10 +2,12 @@
 
 #include <cstdio>
 #include <string>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include "DIAG/diag.h"
 #include "DIAG/user_msg_api.h"
+#include "UTIL/safealloc.h"
 #include "UTIL/signals.h"
 
 namespace {
@@ -155,7 +157,31 @@ TEST_F(Diag, WrappingBreaksLongLinesAtBlanks) {
     EXPECT_EQ(s, "error: one two three\n  four five six seven\n  eight\n");
 }
 
+TEST_F(Diag, AnnotatedSourceShowsTheLineAndACaret) {
+    char name[] = "/tmp/opt5_src_XXXXXX";
+    int fd = mkstemp(name);
+    ASSERT_GE(fd, 0);
+    const char text[] = "int a;\nint b = c + 1;\n";
+    ASSERT_EQ(write(fd, text, sizeof text - 1), static_cast<ssize_t>(sizeof text - 1));
+    close(fd);
+    DIAG_SRCINFO_DATA where(name, 2, 9);
+    umsg.error(&where, "undeclared");
+    std::remove(name);
+    EXPECT_EQ(printed(), std::string(name) + ", line 2: error: undeclared\nint b = c + 1;\n        ^\n");
+}
+
 using DiagDeath = Diag;
+
+TEST_F(DiagDeath, SafemallocFailureExitsWithOne) {
+    EXPECT_EXIT(
+        {
+            struct rlimit small;
+            small.rlim_cur = small.rlim_max = 64 << 20;
+            setrlimit(RLIMIT_AS, &small);
+            safemalloc(size_t(1) << 30);
+        },
+        ::testing::ExitedWithCode(1), "^ERROR: out of memory\n$");
+}
 
 TEST_F(DiagDeath, DieJoinsWhereAndTextAndExitsWithOne) {
     EXPECT_EXIT(
