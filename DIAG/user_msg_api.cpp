@@ -47,24 +47,23 @@ void USER_MSG::advice(const DIAG_SRCINFO* src, const char* fmt, ...) {
     report<DIAG::gadvice>(99927, src, text);
 }
 
-void USER_MSG::warning(unsigned, const char* fmt, ...) {
-    FORMATTED(fmt);
-    if (warnings_as_errors_) {
-        report<DIAG::gerror>(99923, nullptr, text);
-        diag_count_error();
-    } else {
-        report<DIAG::gwarning>(99922, nullptr, text);
-    }
-}
-
-void USER_MSG::warning(const DIAG_SRCINFO* src, unsigned, const char* fmt, ...) {
-    FORMATTED(fmt);
+void USER_MSG::emit_warning(const DIAG_SRCINFO* src, const std::string& text) {
     if (warnings_as_errors_) {
         report<DIAG::gerror>(99923, src, text);
         diag_count_error();
     } else {
         report<DIAG::gwarning>(99922, src, text);
     }
+}
+
+void USER_MSG::warning(unsigned, const char* fmt, ...) {
+    FORMATTED(fmt);
+    emit_warning(nullptr, text);
+}
+
+void USER_MSG::warning(const DIAG_SRCINFO* src, unsigned, const char* fmt, ...) {
+    FORMATTED(fmt);
+    emit_warning(src, text);
 }
 
 void USER_MSG::error(const char* fmt, ...) {

@@ -2,6 +2,8 @@
 // diagnostic of its own kind (codes 99920 to 99927).
 #pragma once
 
+#include <string>
+
 #include "DIAG/diag.h"
 
 #define UMSG_PRINTF(f, a) __attribute__((format(printf, f, a)))
@@ -31,6 +33,7 @@ public:
 
 private:
     USER_MSG() = default;
+    void emit_warning(const DIAG_SRCINFO* src, const std::string& text);
     bool warnings_as_errors_ = false;
 };
 

@@ -9,6 +9,7 @@
 #include "DIAG/user_msg_api.h"
 #include "UTIL/safealloc.h"
 #include "UTIL/signals.h"
+#include "test_util.h"
 
 namespace {
 
@@ -37,12 +38,7 @@ protected:
         std::fclose(out_);
     }
     std::string printed() {
-        std::fflush(out_);
-        std::string s;
-        std::rewind(out_);
-        char buf[512];
-        size_t n;
-        while ((n = std::fread(buf, 1, sizeof buf, out_)) > 0) s.append(buf, n);
+        std::string s = read_all(out_);
         std::rewind(out_);
         if (ftruncate(fileno(out_), 0) != 0) ADD_FAILURE() << "can't clear capture";
         return s;

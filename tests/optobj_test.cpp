@@ -11,6 +11,7 @@
 #include "OPT5/funinfo.h"
 #include "OPT5/globals.h"
 #include "OPT5/optobj.h"
+#include "test_util.h"
 
 namespace {
 
@@ -46,15 +47,7 @@ protected:
         }
         return o;
     }
-    std::string messages() {
-        std::fflush(capture_);
-        std::rewind(capture_);
-        std::string s;
-        char buf[512];
-        size_t n;
-        while ((n = std::fread(buf, 1, sizeof buf, capture_)) > 0) s.append(buf, n);
-        return s;
-    }
+    std::string messages() { return read_all(capture_); }
     FILE* capture_ = nullptr;
 };
 
@@ -251,10 +244,7 @@ TEST_F(Options, DumpShowsStateKindAndArguments) {
     o.setopt(OPT_debug_file);
     FILE* f = std::tmpfile();
     o.dump(f);
-    std::rewind(f);
-    std::string all;
-    char line[256];
-    while (std::fgets(line, sizeof line, f)) all += line;
+    std::string all = read_all(f);
     std::fclose(f);
     EXPECT_NE(all.find("--opt_level          SEEN      ENABLED   ENUMERATED ARG: 2\n"), std::string::npos) << all;
     EXPECT_NE(all.find("--debug_file         SEEN      ENABLED   STRING ARG: <arg not provided>\n"), std::string::npos);

@@ -19,6 +19,7 @@
 #include "OPT5/globals.h"
 #include "OPT5/pass.h"
 #include "OPT5/symtab.h"
+#include "test_util.h"
 
 namespace {
 
@@ -75,15 +76,7 @@ protected:
         FDEBUG = nullptr;
         print_debug = false;
     }
-    std::string debug_text() {
-        std::fflush(FDEBUG);
-        std::rewind(FDEBUG);
-        std::string s;
-        char buf[4096];
-        size_t n;
-        while ((n = std::fread(buf, 1, sizeof buf, FDEBUG)) > 0) s.append(buf, n);
-        return s;
-    }
+    std::string debug_text() { return read_all(FDEBUG); }
     // The steps run, as "function:serial" ("*" for barriers), read back from
     // the frames of the debug stream.
     std::vector<std::string> steps_run() {
@@ -194,11 +187,7 @@ TEST_F(Pipeline, WorkerCapturesInformationTextInFunctionOrder) {
     run_unit({&f, &g});
     finfo = nullptr;
     write_opt_info = false;
-    std::rewind(info);
-    std::string text;
-    char buf[512];
-    size_t n;
-    while ((n = std::fread(buf, 1, sizeof buf, info)) > 0) text.append(buf, n);
+    std::string text = read_all(info);
     std::fclose(info);
     // One header line per function and stretch, as in a serial run.
     const std::string rule = "\n" + std::string(78, '=') + "\n";
@@ -320,10 +309,7 @@ TEST_F(Pipeline, TimeStatisticsSortLargestFirst) {
 
     FILE* out = std::tmpfile();
     print_time_stats(out, 1000000);
-    std::rewind(out);
-    std::string text;
-    char line[128];
-    while (std::fgets(line, sizeof line, out)) text += line;
+    std::string text = read_all(out);
     std::fclose(out);
     std::regex shape(
         "\nTime for whole compilation unit:  1\\.00 secs\ng:  0\\.0\\d secs\nf:  0\\.0\\d secs\n"
