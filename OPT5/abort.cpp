@@ -77,5 +77,6 @@ void install_optimizer_signal_handlers(const char* program_name) {
     signal_program_name = program_name;
     signal_function_name_fn = current_function_name;
     signal_file_name_fn = current_file_name;
+    signal_cleanup_fn = discard_output;
     install_common_handlers(common_signal_handler, optimizer_signal_callback);
 }

@@ -11,6 +11,7 @@
 const char* volatile signal_program_name = nullptr;
 const char* (*signal_function_name_fn)() = nullptr;
 const char* (*signal_file_name_fn)() = nullptr;
+void (*signal_cleanup_fn)() = nullptr;
 
 namespace {
 signal_callback_fn stored_callback = nullptr;
@@ -66,12 +67,10 @@ void install_common_handlers(signal_handler_fn handler, signal_callback_fn callb
 
 void common_signal_handler(int sig) {
     const char* prog = plausible(signal_program_name, "unknown");
-    if (sig == 1 || sig == 2) {
-        std::fprintf(stderr, "[%s forced exit]\n", prog);
-        std::_Exit(2);
-    }
-    if (sig == 15) {
-        std::fprintf(stderr, "[%s received a terminate signal]\n", prog);
+    if (sig == 1 || sig == 2 || sig == 15) {
+        if (sig == 15) std::fprintf(stderr, "[%s received a terminate signal]\n", prog);
+        else std::fprintf(stderr, "[%s forced exit]\n", prog);
+        if (signal_cleanup_fn) signal_cleanup_fn();
         std::_Exit(2);
     }
     static const char* const description = signal_description(sig);

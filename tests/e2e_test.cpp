@@ -219,6 +219,12 @@ TEST_F(EndToEnd, TerminateAndInterruptExitWithTwo) {
     r = run(OPT5_BINARY, {"pipe.if", "out.if"}, {}, interrupt_soon);
     EXPECT_EQ(r.status, 2);
     EXPECT_EQ(r.err, std::string("[") + OPT5_BINARY + " forced exit]\n");
+
+    // A debug file that is a FIFO holds the run after the output is open.
+    ASSERT_EQ(mkfifo((dir / "pipe.dbg").c_str(), 0600), 0);
+    r = run(OPT5_BINARY, {"--debug_file=pipe.dbg", "in.if", "out.if"}, {}, terminate_soon);
+    EXPECT_EQ(r.status, 2);
+    EXPECT_FALSE(has("out.if"));
 }
 
 TEST_F(EndToEnd, FunctionsAreWrittenUnlessMarked) {
