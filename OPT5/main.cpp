@@ -191,7 +191,10 @@ void run_function_steps(SYMTAB* fn, std::deque<pass*>& passes) {
 }
 
 void run_function_loop() {
-    while (!all_step_lists_empty()) {
+    // A stretch may be empty (the unit has no functions, or the order ends
+    // with a barrier); the last one still hands over what workers captured
+    // and writes what they left unwritten.
+    for (;;) {
         run_stretch();
         bool last = all_step_lists_empty();
         if (max_threads > 0) finish_worker_stretch(last);

@@ -197,6 +197,16 @@ TEST_F(Pipeline, WorkerCapturesInformationTextInFunctionOrder) {
     EXPECT_TRUE(make_FUNINFO(&f)->info_text.empty());
 }
 
+TEST_F(Pipeline, WorkersWriteFunctionsWhenTheOrderEndsWithABarrier) {
+    setenv("FORCED_OPT_PASSES", "0,3", 1);
+    setup_passes(true);
+    max_threads = 1;
+    run_unit({&f, &g});
+    std::vector<std::string> order;
+    for (auto& [what, id] : seen) order.push_back(what);
+    EXPECT_EQ(order, (std::vector<std::string>{"write f", "write g"}));
+}
+
 TEST_F(Pipeline, WorkerExceptionNamesItsFunction) {
     setup_passes(false);
     normal_order_passes[12]->set_action(throw_in_g);
