@@ -6,6 +6,8 @@
 #include <fstream>
 #include <map>
 
+#include "UTIL/cleanup.h"
+
 namespace {
 std::map<unsigned, dc_SEVERITY>& overrides() {
     static std::map<unsigned, dc_SEVERITY> m;
@@ -20,7 +22,6 @@ std::vector<int>& indent_stack() {
     return s;
 }
 unsigned error_count = 0;
-diag_exit_fn exit_hook = nullptr;
 
 }  // namespace
 
@@ -272,10 +273,8 @@ void DIAGNOSTIC::dump() {
 unsigned diag_error_count() { return error_count; }
 void diag_reset_error_count() { error_count = 0; }
 
-void set_diag_exit_hook(diag_exit_fn fn) { exit_hook = fn; }
-
 void diag_exit() {
-    if (exit_hook) exit_hook();
+    run_abnormal_exit_cleanup();
     std::exit(1);
 }
 

@@ -156,8 +156,6 @@ void diag_count_error();
 void diag_reset_error_count();
 extern unsigned diag_error_limit;
 
-// Ends the run after a fatal user message: calls the hook installed by the
-// application (which removes partial output), then exits with status 1.
-using diag_exit_fn = void (*)();
-void set_diag_exit_hook(diag_exit_fn fn);
+// Ends the run after a fatal user message: runs the abnormal-exit cleanup
+// (which removes partial output), then exits with status 1.
 [[noreturn]] void diag_exit();

@@ -10,6 +10,7 @@
 #include "OPT5/cmdline.h"
 #include "OPT5/globals.h"
 #include "OPT5/symtab.h"
+#include "UTIL/cleanup.h"
 #include "UTIL/signals.h"
 #include "UTIL/support.h"
 
@@ -27,7 +28,7 @@ void abort_optimizer(const char* reason) {
         // Another thread is already ending the run.
         for (;;) pause();
     }
-    discard_output();
+    run_abnormal_exit_cleanup();
 
     if (print_debug && FDEBUG) {
         std::fputs("\n>>>> Optimizer terminated abnormally.\n", FDEBUG);
@@ -70,13 +71,12 @@ void optimizer_signal_callback(int sig) {
         std::fclose(info_stream);
         info_stream = nullptr;
     }
-    discard_output();
+    run_abnormal_exit_cleanup();
 }
 
 void install_optimizer_signal_handlers(const char* program_name) {
     signal_program_name = program_name;
     signal_function_name_fn = current_function_name;
     signal_file_name_fn = current_file_name;
-    signal_cleanup_fn = discard_output;
     install_common_handlers(common_signal_handler, optimizer_signal_callback);
 }

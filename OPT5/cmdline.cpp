@@ -11,6 +11,7 @@
 #include "OPT5/abort.h"
 #include "OPT5/funinfo.h"
 #include "OPT5/globals.h"
+#include "UTIL/cleanup.h"
 
 namespace {
 const char THIS_MODULE[] = "OPT5/cmdline";
@@ -177,7 +178,7 @@ void open_files(int argc, char** argv) {
     arg_vector = argv;
     arg_index = 1;
     if (argc > 0 && argv[0]) program_name = argv[0];
-    set_diag_exit_hook(discard_output);
+    set_abnormal_exit_cleanup(discard_output);
 
     std::vector<const char*> names;
     while (const char* arg = next_arg()) {

@@ -6,12 +6,12 @@
 #include <cstdlib>
 #include <initializer_list>
 
+#include "UTIL/cleanup.h"
 #include "UTIL/support.h"
 
 const char* volatile signal_program_name = nullptr;
 const char* (*signal_function_name_fn)() = nullptr;
 const char* (*signal_file_name_fn)() = nullptr;
-void (*signal_cleanup_fn)() = nullptr;
 
 namespace {
 signal_callback_fn stored_callback = nullptr;
@@ -70,7 +70,8 @@ void common_signal_handler(int sig) {
     if (sig == 1 || sig == 2 || sig == 15) {
         if (sig == 15) std::fprintf(stderr, "[%s received a terminate signal]\n", prog);
         else std::fprintf(stderr, "[%s forced exit]\n", prog);
-        if (signal_cleanup_fn) signal_cleanup_fn();
+        // The quick exit skips the callback but not the removal of partial output.
+        run_abnormal_exit_cleanup();
         std::_Exit(2);
     }
     static const char* const description = signal_description(sig);

@@ -24,6 +24,4 @@ const char* signal_description(int sig);   // "experienced a segmentation fault"
 extern const char* volatile signal_program_name;
 extern const char* (*signal_function_name_fn)();
 extern const char* (*signal_file_name_fn)();
-// Run before the process ends on SIGHUP, SIGINT and SIGTERM, whose quick
-// exit skips the callback: removes partial output.
-extern void (*signal_cleanup_fn)();
+
