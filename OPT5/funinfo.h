@@ -24,6 +24,8 @@ struct FUNINFO {
     int64_t pass_time = 0;         // clock ticks spent in this function's passes
     bool simd_value_propagation = false;
     bool split_debug_started = false;    // its own debug file exists (debug:split_odb)
+    bool no_calls = true;                // no call node has been made in the function
+    bool marks_symbol_refs = false;      // it names a symbol whose flag byte has bit value 16
     std::vector<std::string> info_text;  // optimisation information captured by a worker
 
     unsigned flags() {

@@ -1,0 +1,155 @@
+// Expression-tree nodes.
+#pragma once
+
+#include <functional>
+#include <string>
+
+#include "OPT5/opcodes.h"
+#include "TYPES/type_pkg.h"
+#include "XINT/int65.h"
+
+class I_SYMTAB;
+struct SYMTAB;
+struct PRAGMA;
+using fkMDATA = TYPE_ELEM;
+
+// The node as the I-file layer sees it: getters for writing, setters for
+// the payload read with each expression-node record.
+class BASE_NODE {
+public:
+    virtual I_SYMTAB* name_symbol() const = 0;
+    virtual int field_kind() const = 0;
+    virtual fkMDATA* field_mval() const = 0;
+    virtual TYPE* field_csu() const = 0;
+    virtual unsigned icon_uvalue() const = 0;
+    virtual int icon_svalue() const = 0;
+    virtual const char* lcon_value() const = 0;
+    virtual const char* fcon_value() const = 0;
+    virtual const char* scon_value() const = 0;
+    virtual unsigned scon_length() const = 0;
+    virtual int label_id() const = 0;
+    virtual int vreg_id() const = 0;
+    virtual int skip_count() const = 0;
+    virtual int case_count() const = 0;
+    virtual unsigned ddnode_id() const = 0;
+    virtual unsigned ddnode_locale() const = 0;
+    virtual unsigned ddnode_flags() const = 0;
+    virtual unsigned call_num_vargs() const = 0;
+    virtual const char* icall_name() const = 0;
+    virtual unsigned eh_entry_id() const = 0;
+    virtual unsigned get_edge_profile_value() const = 0;
+    virtual void set_edge_profile_value(unsigned v) = 0;
+    virtual void mk_name(I_SYMTAB* sym) = 0;
+    virtual void mk_field(int kind, fkMDATA* member, TYPE* csu) = 0;
+    virtual void mk_icon(int v) = 0;
+    virtual void mk_lcon(const char* text) = 0;
+    virtual void mk_fcon(const char* text) = 0;
+    virtual void mk_scon(const char* text, unsigned length) = 0;
+    virtual void mk_label(int id) = 0;
+    virtual void mk_vreg(int id) = 0;
+    virtual void mk_skip(int count) = 0;
+    virtual void mk_switch(int cases) = 0;
+    virtual void mk_ddnode(int id, int locale, int flags) = 0;
+    virtual void mk_call(unsigned count, unsigned second) = 0;
+    virtual void mk_ucall(unsigned count) = 0;
+    virtual void mk_icall(const char* name) = 0;
+    virtual ~BASE_NODE() = default;
+};
+
+struct PTENV;          // points-to environment of a node (owned)
+void delete_PTENV(PTENV* env);
+
+struct NODE_SIDE {     // a side record attached to a node, which may own a tree
+    class NODE* tree = nullptr;
+};
+
+class NODE : public BASE_NODE {
+public:
+    int opcode = NOP;
+    TYPE* type = nullptr;
+    NODE* left = nullptr;
+    NODE* right = nullptr;
+    INT65 value;
+    SYMTAB* symbol = nullptr;
+    // Payloads of particular opcodes.
+    int fld_kind = 0;
+    fkMDATA* fld_member = nullptr;
+    TYPE* fld_csu = nullptr;
+    std::string text;            // SCON, FCON and ICALL texts, ASM text
+    unsigned text_length = 0;    // SCON length
+    unsigned dd_id = 0, dd_locale = 0, dd_flags = 0;
+    unsigned edge_profile = 0;
+    unsigned call_second = 0;    // the second count of CALL, the count of UCALL
+    PRAGMA* pragma = nullptr;    // PPRAGMA statements (owned)
+    int unset_int = -1;
+    double unset_double = -1.0;
+    TYPE* creation_type = nullptr;
+    NODE_SIDE* side = nullptr;
+    PTENV* ptenv = nullptr;
+    unsigned char flags[4] = {0, 0, 0, 0};
+
+    NODE() = default;
+    NODE(const NODE&) = default;
+    NODE& operator=(const NODE&) = default;
+
+    I_SYMTAB* name_symbol() const override;
+    int field_kind() const override { return fld_kind; }
+    fkMDATA* field_mval() const override { return fld_member; }
+    TYPE* field_csu() const override { return fld_csu; }
+    unsigned icon_uvalue() const override { return value.as<uint32_t>(); }
+    int icon_svalue() const override { return value.as<int32_t>(); }
+    const char* lcon_value() const override { return text.c_str(); }
+    const char* fcon_value() const override { return text.c_str(); }
+    const char* scon_value() const override { return text.c_str(); }
+    unsigned scon_length() const override { return text_length; }
+    int label_id() const override { return value.as<int32_t>(); }
+    int vreg_id() const override { return static_cast<int>(value.low_word()); }
+    int skip_count() const override { return value.as<int32_t>(); }
+    int case_count() const override { return value.as<int32_t>(); }
+    unsigned ddnode_id() const override { return dd_id; }
+    unsigned ddnode_locale() const override { return dd_locale; }
+    unsigned ddnode_flags() const override { return dd_flags; }
+    unsigned call_num_vargs() const override { return static_cast<unsigned>(value.low_word()); }
+    const char* icall_name() const override { return text.c_str(); }
+    unsigned eh_entry_id() const override { return static_cast<unsigned>(value.low_word()); }
+    unsigned get_edge_profile_value() const override { return edge_profile; }
+    void set_edge_profile_value(unsigned v) override { edge_profile = v; }
+    void mk_name(I_SYMTAB* sym) override;
+    void mk_field(int kind, fkMDATA* member, TYPE* csu) override;
+    void mk_icon(int v) override;
+    void mk_lcon(const char* text) override;
+    void mk_fcon(const char* text) override;
+    void mk_scon(const char* text, unsigned length) override;
+    void mk_label(int id) override { value = INT65(id); }
+    void mk_vreg(int id) override { value = INT65(id); }
+    void mk_skip(int count) override { value = INT65(count); }
+    void mk_switch(int cases) override { value = INT65(cases); }
+    void mk_ddnode(int id, int locale, int flags) override;
+    void mk_call(unsigned count, unsigned second) override;
+    void mk_ucall(unsigned count) override;
+    void mk_icall(const char* name) override { text = name ? name : ""; }
+};
+
+// Creates a node (from a pool, so that an erased node keeps its ILLOP mark
+// until the memory is used again) and applies the creation rules.
+NODE* new_node(int opcode, TYPE* type);
+NODE* mktree(int opcode, TYPE* type, NODE* left, NODE* right = nullptr);
+NODE* mk_ICON(INT65 v, TYPE* type);
+NODE* mk_integer_constant(INT65 v, TYPE* type);
+NODE* mk_LABELREF(int label);
+NODE* mk_LABELDEF(NODE* label);
+NODE* mk_ASM(int kind, const std::string& text);
+// The value wrapped to the width and signedness of an integer type.
+INT65 truncate_to_type(INT65 v, TYPE* type);
+
+NODE* copy_node_if_changed(NODE* node, NODE* left, NODE* right);
+NODE* copy_tree(const NODE* tree);
+void erase_node(NODE* node);
+void erase_tree(NODE* tree);
+// Visits every operand slot of the tree, a node before its operands, and
+// lets the callback replace the node in the slot.
+void walk_and_modify_tree(NODE* tree, const std::function<void(NODE*&)>& visit);
+// Structural equality of two trees (opcode, type, payload, operands).
+bool same_tree(const NODE* a, const NODE* b);
+// Nodes currently allocated and not erased (for leak checks in tests).
+size_t live_node_count();

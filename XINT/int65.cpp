@@ -1,0 +1,101 @@
+#include "XINT/int65.h"
+
+#include <cctype>
+
+#include "OPT5/abort.h"
+
+namespace {
+using u128 = unsigned __int128;
+using s128 = __int128;
+
+constexpr u128 MASK65 = (static_cast<u128>(1) << 65) - 1;
+
+u128 bits(const INT65& v) { return (static_cast<u128>(v.sign_word() & 1) << 64) | v.low_word(); }
+
+INT65 from_bits(u128 b) {
+    b &= MASK65;
+    return INT65::from_words((b >> 64) ? -1 : 0, static_cast<uint64_t>(b));
+}
+
+s128 value(const INT65& v) {
+    return v.is_negative() ? static_cast<s128>(v.low_word()) - (static_cast<s128>(1) << 64)
+                           : static_cast<s128>(v.low_word());
+}
+}  // namespace
+
+INT65 INT65::operator-() const { return from_bits(~bits(*this) + 1); }
+INT65 INT65::operator+(const INT65& o) const { return from_bits(bits(*this) + bits(o)); }
+INT65 INT65::operator*(const INT65& o) const { return from_bits(bits(*this) * bits(o)); }
+
+INT65 INT65::operator/(const INT65& o) const {
+    s128 d = value(o);
+    if (d == 0) return INT65();
+    return from_bits(static_cast<u128>(value(*this) / d));
+}
+
+INT65 INT65::operator%(const INT65& o) const {
+    s128 d = value(o);
+    if (d == 0) return INT65();
+    return from_bits(static_cast<u128>(value(*this) % d));
+}
+
+bool INT65::operator<(const INT65& o) const { return value(*this) < value(o); }
+
+INT65 INT65::operator<<(const INT65& amount) const {
+    if (amount.is_negative()) return *this >> -amount;
+    if (amount.is_zero()) return *this;
+    if (amount.sign_ != 0 || amount.low_ > 64) return INT65();
+    return from_bits(bits(*this) << amount.low_);
+}
+
+INT65 INT65::operator>>(const INT65& amount) const {
+    if (amount.is_negative()) return *this << -amount;
+    if (amount.is_zero()) return *this;
+    if (amount.sign_ != 0 || amount.low_ > 64) return is_negative() ? INT65(-1) : INT65();
+    return from_bits(static_cast<u128>(value(*this) >> amount.low_));
+}
+
+INT65 INT65::lshr(unsigned amount) const {
+    if (amount > 64) return INT65();
+    return from_bits(bits(*this) >> amount);
+}
+
+INT65 INT65::truncate(unsigned n, bool is_signed) const {
+    if (n == 0 || n > 64) return *this;
+    uint64_t mask = n == 64 ? ~0ULL : ((1ULL << n) - 1);
+    uint64_t low = low_ & mask;
+    if (is_signed && (low >> (n - 1)) & 1) return from_words(-1, low | ~mask);
+    return from_words(0, low);
+}
+
+std::string INT65::to_string() const {
+    s128 v = value(*this);
+    bool neg = v < 0;
+    u128 m = neg ? static_cast<u128>(-v) : static_cast<u128>(v);
+    std::string s;
+    do {
+        s.insert(s.begin(), static_cast<char>('0' + static_cast<int>(m % 10)));
+        m /= 10;
+    } while (m);
+    return neg ? "-" + s : s;
+}
+
+bool INT65::parse(const char* text, INT65& out, bool* overflow) {
+    if (overflow) *overflow = false;
+    const char* p = text;
+    bool neg = *p == '-';
+    if (neg) ++p;
+    if (!std::isdigit(static_cast<unsigned char>(*p))) return false;
+    u128 m = 0;
+    for (; std::isdigit(static_cast<unsigned char>(*p)); ++p) {
+        m = m * 10 + static_cast<unsigned>(*p - '0');
+        if (m > MASK65 && overflow) *overflow = true;
+        m &= (static_cast<u128>(1) << 100) - 1;  // keep the arithmetic bounded
+    }
+    if (*p) return false;
+    out = from_bits(m);
+    if (neg) out = -out;
+    return true;
+}
+
+void INT65::fits_failure(int) { optassert("fits_in<T>()", "OPT5/int65", 81); }
