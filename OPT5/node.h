@@ -4,57 +4,13 @@
 #include <functional>
 #include <string>
 
+#include "IFILE/base_node.h"
 #include "OPT5/opcodes.h"
 #include "TYPES/type_pkg.h"
 #include "XINT/int65.h"
 
-class I_SYMTAB;
 struct SYMTAB;
 struct PRAGMA;
-using fkMDATA = TYPE_ELEM;
-
-// The node as the I-file layer sees it: getters for writing, setters for
-// the payload read with each expression-node record.
-class BASE_NODE {
-public:
-    virtual I_SYMTAB* name_symbol() const = 0;
-    virtual int field_kind() const = 0;
-    virtual fkMDATA* field_mval() const = 0;
-    virtual TYPE* field_csu() const = 0;
-    virtual unsigned icon_uvalue() const = 0;
-    virtual int icon_svalue() const = 0;
-    virtual const char* lcon_value() const = 0;
-    virtual const char* fcon_value() const = 0;
-    virtual const char* scon_value() const = 0;
-    virtual unsigned scon_length() const = 0;
-    virtual int label_id() const = 0;
-    virtual int vreg_id() const = 0;
-    virtual int skip_count() const = 0;
-    virtual int case_count() const = 0;
-    virtual unsigned ddnode_id() const = 0;
-    virtual unsigned ddnode_locale() const = 0;
-    virtual unsigned ddnode_flags() const = 0;
-    virtual unsigned call_num_vargs() const = 0;
-    virtual const char* icall_name() const = 0;
-    virtual unsigned eh_entry_id() const = 0;
-    virtual unsigned get_edge_profile_value() const = 0;
-    virtual void set_edge_profile_value(unsigned v) = 0;
-    virtual void mk_name(I_SYMTAB* sym) = 0;
-    virtual void mk_field(int kind, fkMDATA* member, TYPE* csu) = 0;
-    virtual void mk_icon(int v) = 0;
-    virtual void mk_lcon(const char* text) = 0;
-    virtual void mk_fcon(const char* text) = 0;
-    virtual void mk_scon(const char* text, unsigned length) = 0;
-    virtual void mk_label(int id) = 0;
-    virtual void mk_vreg(int id) = 0;
-    virtual void mk_skip(int count) = 0;
-    virtual void mk_switch(int cases) = 0;
-    virtual void mk_ddnode(int id, int locale, int flags) = 0;
-    virtual void mk_call(unsigned count, unsigned second) = 0;
-    virtual void mk_ucall(unsigned count) = 0;
-    virtual void mk_icall(const char* name) = 0;
-    virtual ~BASE_NODE() = default;
-};
 
 struct PTENV;          // points-to environment of a node (owned)
 void delete_PTENV(PTENV* env);
@@ -128,6 +84,7 @@ public:
     void mk_call(unsigned count, unsigned second) override;
     void mk_ucall(unsigned count) override;
     void mk_icall(const char* name) override { text = name ? name : ""; }
+    unsigned call_second_count() const override { return call_second; }
 };
 
 // Creates a node (from a pool, so that an erased node keeps its ILLOP mark

@@ -88,6 +88,7 @@ public:
     unsigned flags = 0;         // further properties carried from the I-file
     int cc = CC_DEFAULT;        // function calling convention
     bool complete = true;
+    bool cpp = false;           // its name is a C++ name
     std::string name;           // typedefs, enumerations, aggregates
     PSN pos;
     std::vector<TYPE_LIST> lists;  // function parameters, aggregate members
