@@ -11,6 +11,7 @@
 #include "OPT5/abort.h"
 #include "OPT5/funinfo.h"
 #include "OPT5/globals.h"
+#include "OPT5/opt_client.h"
 #include "UTIL/cleanup.h"
 
 namespace {
@@ -278,18 +279,38 @@ void close_files() {
         std::fclose(input_file);
         input_file = nullptr;
     }
+    if (i_file) {
+        delete i_file;
+        i_file = nullptr;
+    }
+    if (o_file) {
+        bool failed = o_file->if_close(true) != 0;
+        delete o_file;
+        o_file = nullptr;
+        output_file = nullptr;
+        if (failed) abort_optimizer("Cannot write the output icode file");
+    }
     if (output_file) {
         bool failed = std::fclose(output_file) != 0;
         output_file = nullptr;
         if (failed) abort_optimizer("Cannot write the output icode file");
     }
+    output_opened = false;
 }
 
 void discard_output() {
+    if (o_file) {
+        o_file->if_close(false, true);
+        delete o_file;
+        o_file = nullptr;
+        output_file = nullptr;
+    }
     if (input_file) {
         std::fclose(input_file);
         input_file = nullptr;
     }
+    delete i_file;  // after its stream, which uses the I_FILE's buffer
+    i_file = nullptr;
     if (output_file) {
         std::fclose(output_file);
         output_file = nullptr;

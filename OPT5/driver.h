@@ -18,8 +18,8 @@ extern std::vector<SYMTAB*> unsuppressed_functions;
 // The last step of every function; created only when the unit has functions.
 extern pass* output_function_pass;
 
-// Where the unit comes from and where function bodies go.  The I-file layer
-// installs these; while it is absent the unit is empty.
+// Where the unit comes from and where function bodies go: the I-file reader
+// and writer (the test harness puts a made-up unit in their place).
 extern void (*read_input_unit)();
 extern void (*write_function_body)(SYMTAB* fn);
 

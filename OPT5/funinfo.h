@@ -7,7 +7,22 @@
 #include <string>
 #include <vector>
 
+#include "IFILE/if_symbol.h"
+#include "UTIL/psn.h"
+
 struct SYMTAB;
+class NODE;
+
+// One entry of a function body in reading order: a statement (a tree and
+// its position), a control record (end of arguments, blocks, end of
+// locals, end of function) or the definition of a local symbol.
+struct BODY_ENTRY {
+    enum KIND { STMT, CONTROL, SYMBOL } kind = STMT;
+    NODE* tree = nullptr;
+    PSN pos;
+    int control = 0;           // record id of a control entry (2 .. 6)
+    I_SYMTAB* sym = nullptr;
+};
 
 // Bits of FUNINFO::flags.
 enum : unsigned {
@@ -27,6 +42,13 @@ struct FUNINFO {
     bool no_calls = true;                // no call node has been made in the function
     bool marks_symbol_refs = false;      // it names a symbol whose flag byte has bit value 16
     std::vector<std::string> info_text;  // optimisation information captured by a worker
+
+    // The body as read from the I-file.
+    PSN begin_pos;
+    std::vector<BODY_ENTRY> body;
+    std::vector<EHT_ENTRY> eht;
+    bool has_edge_profile = false;
+    bool defined = false;  // its body has been read
 
     unsigned flags() {
         std::lock_guard<std::mutex> lock(flags_mutex_);

@@ -13,8 +13,11 @@
 #include "OPT5/driver.h"
 #include "OPT5/funinfo.h"
 #include "OPT5/globals.h"
+#include "OPT5/opcodes.h"
+#include "OPT5/opt_client.h"
 #include "OPT5/pass.h"
 #include "OPT5/symtab.h"
+#include "TYPES/type_pkg.h"
 
 namespace {
 const char THIS_MODULE[] = "OPT5/main";
@@ -44,6 +47,7 @@ SYMTAB* defining_symbol(SYMTAB* fn) { return fn->is_declaration && fn->definitio
 void output_function() {
     SYMTAB* fn = currfunc;
     if (!(currfuninfo->flags() & FUN_BODY_NOT_WRITTEN) && write_function_body) write_function_body(fn);
+    erase_function_body(currfuninfo);
     currfunc = nullptr;
     currfuninfo = nullptr;
     restore_global_flags();
@@ -137,8 +141,8 @@ void finish_worker_stretch(bool last) {
 std::map<SYMTAB*, std::deque<pass*>> steps_table;
 std::vector<SYMTAB*> unsuppressed_functions;
 pass* output_function_pass = nullptr;
-void (*read_input_unit)() = nullptr;
-void (*write_function_body)(SYMTAB*) = nullptr;
+void (*read_input_unit)() = read_ifile_unit;
+void (*write_function_body)(SYMTAB*) = write_function;
 
 void build_step_tables() {
     if (functions.empty()) return;
@@ -245,7 +249,12 @@ void reset_driver() {
 void optimizer_main(int argc, char** argv) {
     install_optimizer_signal_handlers(argc > 0 ? argv[0] : "opt5");
     guarded([&] { open_files(argc, argv); });
-    guarded([] { init_fileopts(); });
+    guarded([] {
+        init_opcode_tables();
+        init_types();
+        type_pkg->processor_version = processor_version;
+        init_fileopts();
+    });
     guarded([] { setup_passes(true); });
     if (pass_debug_parser) {
         close_files();
@@ -258,6 +267,7 @@ void optimizer_main(int argc, char** argv) {
     });
     guarded(build_step_tables);
     guarded(run_function_loop);
+    guarded(write_global_data);
 
     if (enable_time_stats || print_debug) {
         clock_t total = std::clock() - start;

@@ -1,0 +1,71 @@
+// The optimizer's side of the I-file reader, and the reading and writing of
+// a whole unit.
+#pragma once
+
+#include "IFILE/if_file.h"
+
+class NODE;
+struct FUNINFO;
+
+class OPT_CLIENT : public IF_CLIENT {
+public:
+    bool cl_magic(int version, int cpu) override;
+    void cl_source(const char* text) override;
+    I_SYMTAB* cl_symbol_create(char* name, TYPE* type, TYPE* type2, unsigned long size, unsigned long align,
+                               unsigned long b, int c, int d, PSN* pos, unsigned long f, unsigned g,
+                               I_SYMTAB::RETENTION_POLICY retention) override;
+    void cl_symbol_def(I_SYMTAB* sym) override;
+    void cl_pragma(I_SYMTAB* sym, PRAGMA* pragma) override;
+    void cl_merge_type_defs() override;
+    void cl_preprocess_statics() override;
+    void cl_begin_func(I_SYMTAB* fn, PSN* pos) override;
+    void cl_end_args(PSN* pos) override;
+    void cl_end_locals(PSN* pos) override;
+    void cl_begin_block(PSN* pos) override;
+    void cl_end_block(PSN* pos) override;
+    void cl_end_func(PSN* pos) override;
+    void cl_label(unsigned id) override;
+    void cl_expr(BASE_NODE* tree, PSN* pos) override;
+    void cl_inline_asm(char* text, PSN* pos) override;
+    void cl_comment(char* text) override;
+    void cl_func_info(int value) override;
+    void cl_func_eht(EHT_ENTRY* entries, unsigned count) override;
+    void cl_loop_def(unsigned, unsigned, unsigned, unsigned, unsigned, unsigned) override {}
+    void cl_loop_header(unsigned, I_SYMTAB*, unsigned) override {}
+    void cl_dd_vector(const std::vector<long long>&) override {}
+    void cl_dd_edge(unsigned, unsigned, unsigned) override {}
+    void cl_mbank(unsigned, unsigned, unsigned, unsigned, unsigned) override {}
+    void cl_ir_end_func(PSN*) override {}
+    BASE_NODE* cl_new_node(int opcode, TYPE* type) override;
+    int cl_node_opcode(BASE_NODE* node) override;
+    void cl_set_opcode(BASE_NODE* node, int opcode) override;
+    TYPE* cl_node_type(BASE_NODE* node) override;
+    void cl_set_operands(BASE_NODE* node, BASE_NODE* left, BASE_NODE* right) override;
+    BASE_NODE* cl_left(BASE_NODE* node) override;
+    BASE_NODE* cl_right(BASE_NODE* node) override;
+
+private:
+    void append(NODE* tree, const PSN* pos);
+    void control(int kind, PSN* pos);
+};
+
+extern OPT_CLIENT opt_client;
+extern I_FILE* i_file;   // the input
+extern I_FILE* o_file;   // the output
+extern int lex;          // open scopes of the current function
+extern bool any_unions_in_program;
+
+// Opens the input as an I-file and creates the output with the same header
+// source; reads the whole unit (the driver's unit reader).
+void read_ifile_unit();
+// Writes one function ("output function", unless its body is suppressed).
+void write_function(struct SYMTAB* fn);
+// Writes the unit's global data after the last barrier.
+void write_global_data();
+// Releases the trees of a function's body.
+void erase_function_body(FUNINFO* fi);
+// The statement in infix form, for listings and interlisting comments.
+std::string stmt2infix(const NODE* tree);
+// Makes a tree writable: the casts the code generator needs, and
+// optimizer-only opcodes back to their I-file forms.
+NODE* insert_mandatory_casts(NODE* tree);

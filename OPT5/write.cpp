@@ -1,0 +1,278 @@
+// Writing functions and the unit's global data back to the output I-file.
+#include <cstdio>
+#include <string>
+
+#include "DEBUG_DISABLE/switches.h"
+#include "OPT5/abort.h"
+#include "OPT5/cmdline.h"
+#include "OPT5/funinfo.h"
+#include "OPT5/globals.h"
+#include "OPT5/node.h"
+#include "OPT5/opt_client.h"
+#include "OPT5/symtab.h"
+
+namespace {
+const char THIS_MODULE[] = "OPT5/write";
+
+const char* control_mnemonic(int kind) {
+    switch (kind) {
+    case 1: return "I_BF";
+    case 2: return "I_EF";
+    case 3: return "I_BB";
+    case 4: return "I_EB";
+    case 5: return "I_EA";
+    case 6: return "I_EL";
+    default: return "<unknown key>";
+    }
+}
+
+const char* infix_operator(int op) {
+    switch (op) {
+    case PLUS: return "+";
+    case MINUS: return "-";
+    case MULT: return "*";
+    case DIV: return "/";
+    case MOD: return "%";
+    case ANDB: return "&";
+    case ORB: return "|";
+    case XORB: return "^";
+    case SLL: return "<<";
+    case SRL: return ">>";
+    case ASG: return "=";
+    case PLUSASG: return "+=";
+    case MINUSASG: return "-=";
+    case MULTASG: return "*=";
+    case DIVASG: return "/=";
+    case MODASG: return "%=";
+    case ANDBASG: return "&=";
+    case ORBASG: return "|=";
+    case XORBASG: return "^=";
+    case SLLASG: return "<<=";
+    case SRLASG: return ">>=";
+    case EQ: case FEQ: return "==";
+    case NEQ: case FNEQ: case FNEQN: return "!=";
+    case LE: case ULE: case FLE: return "<=";
+    case LT: case ULT: case FLT: return "<";
+    case GE: case UGE: case FGE: return ">=";
+    case GT: case UGT: case FGT: return ">";
+    case ANDAND: return "&&";
+    case OROR: return "||";
+    case COMMA: return ",";
+    default: return nullptr;
+    }
+}
+
+void infix(const NODE* n, std::string& out) {
+    if (!n) return;
+    switch (n->opcode) {
+    case ICON: out += n->value.to_string(); return;
+    case NAME: out += n->symbol ? n->symbol->name : "<noname>"; return;
+    case LABEL: out += "L" + n->value.to_string(); return;
+    case FCON: out += n->text; return;
+    case SCON: out += "\"" + n->text + "\""; return;
+    case UMULT: out += "*"; infix(n->left, out); return;
+    case UAND: out += "&"; infix(n->left, out); return;
+    case UMINUS: out += "-"; infix(n->left, out); return;
+    case NOTB: out += "~"; infix(n->left, out); return;
+    case EXCLAIM: out += "!"; infix(n->left, out); return;
+    default: break;
+    }
+    if (const char* op = infix_operator(n->opcode)) {
+        out += "(";
+        infix(n->left, out);
+        out += std::string(" ") + op + " ";
+        infix(n->right, out);
+        out += ")";
+        return;
+    }
+    const char* name = n->opcode >= 0 && n->opcode < NUM_OPCODES ? node_operator_name[n->opcode] : nullptr;
+    out += name ? name : "OP" + std::to_string(n->opcode);
+    if (n->left || n->right) {
+        out += "(";
+        infix(n->left, out);
+        if (n->right) {
+            out += ", ";
+            infix(n->right, out);
+        }
+        out += ")";
+    }
+}
+
+void debug_listing(const char* fmt, const char* a, int b, long c, const char* d) {
+    if (print_debug && FDEBUG) DBG_CHECK(std::fprintf(FDEBUG, fmt, a, b, c, d));
+}
+
+void wrstcr(int kind, PSN* pos) {
+    if (kind == 1) return;  // begin-function is written by write_func_header
+    o_file->if_write_control(kind, pos);
+    debug_listing("%s\t%d\t%ld\t\t\t;%s\n", control_mnemonic(kind), kind, static_cast<long>(pos ? pos->line : 0),
+                  currfunc->name.c_str());
+}
+
+void wrasmr(int kind, const char* text, PSN* pos) {
+    if (kind == '/') {
+        o_file->if_write_comment(text);
+        return;
+    }
+    o_file->if_write_assembly(text, pos);
+    if (print_debug && FDEBUG)
+        DBG_CHECK(std::fprintf(FDEBUG, "\n%c%5ld %s\n\n", kind, static_cast<long>(pos ? pos->line : 0), text));
+}
+
+// Statements that get no interlisting comment.
+bool no_interlisting(const NODE* t) {
+    if (t->opcode == PCOMMA || t->opcode == COMMAOP) return true;  // argument prologues
+    if (t->opcode == PPRAGMA && t->pragma &&
+        ((t->pragma->kind >= 41 && t->pragma->kind <= 44) || (t->pragma->kind >= 126 && t->pragma->kind <= 128)))
+        return true;
+    return t->opcode == ASM && t->value != INT65('$');
+}
+
+void wrexpr(BODY_ENTRY& e) {
+    NODE* t = e.tree;
+    if (source_interlist && !no_interlisting(t)) {
+        if (t->opcode == LOOP) {
+            if (t->left && t->left->opcode != NAME) o_file->if_write_comment(stmt2infix(t->left).c_str());
+            o_file->if_write_comment(stmt2infix(t->right).c_str());
+        } else if (t->opcode != LABELDEF) {
+            o_file->if_write_comment(stmt2infix(t).c_str());
+        }
+    }
+    switch (t->opcode) {
+    case PPRAGMA:
+        if (t->pragma && t->pragma->kind != PRAGMA_NEVER_WRITTEN) {
+            o_file->if_write_pragma(t->pragma);
+            if (print_debug && FDEBUG) {
+                DBG_CHECK(std::fprintf(FDEBUG, "%c[Pragma] %d %d", '^', t->pragma->kind,
+                                       static_cast<int>(t->pragma->args.size())));
+                for (const std::string& a : t->pragma->args) DBG_CHECK(std::fprintf(FDEBUG, " %s", a.c_str()));
+                DBG_CHECK(std::fprintf(FDEBUG, "\n"));
+            }
+        }
+        return;
+    case ASM: {
+        int kind = t->value.as<int32_t>();
+        wrasmr(kind == '/' ? '/' : '$', t->text.c_str(), &e.pos);
+        return;
+    }
+    case LABELDEF: o_file->if_write_label(t->value.as<uint32_t>()); return;
+    default: break;
+    }
+    e.tree = t = insert_mandatory_casts(t);
+    if (!currfuninfo->has_edge_profile)
+        walk_and_modify_tree(t, [](NODE*& slot) {
+            if (slot->opcode == EPVAL) slot->edge_profile = 0xFFFFFFFFu;
+        });
+    if (print_debug && FDEBUG) DBG_CHECK(std::fprintf(FDEBUG, ".%ld\n", static_cast<long>(e.pos.line)));
+    o_file->if_write_expr(t, &e.pos, &opt_client);
+}
+
+void write_func_header() {
+    o_file->if_write_begin_func(currfunc, &currfuninfo->begin_pos);
+    debug_listing("%s\t%d\t%ld\t\t\t;%s\n", "I_BF", 1, static_cast<long>(currfuninfo->begin_pos.line),
+                  currfunc->name.c_str());
+}
+
+void write_func_body() {
+    FUNINFO* fi = currfuninfo;
+    for (BODY_ENTRY& e : fi->body) {
+        switch (e.kind) {
+        case BODY_ENTRY::CONTROL:
+            if (e.control == IR_END_FUNC && !fi->eht.empty()) o_file->if_write_func_eht(fi->eht);
+            wrstcr(e.control, &e.pos);
+            if (e.control == IR_END_LOCALS && fi->no_calls) {
+                o_file->if_write_func_info('L');
+                if (print_debug && FDEBUG)
+                    DBG_CHECK(std::fprintf(FDEBUG, "\n%c\t'L':\t%s is a leaf function.\n", '^', currfunc->name.c_str()));
+            }
+            break;
+        case BODY_ENTRY::SYMBOL: o_file->if_write_symbol(e.sym); break;
+        case BODY_ENTRY::STMT: wrexpr(e); break;
+        }
+    }
+}
+
+}  // namespace
+
+namespace {
+// An assignment between integers of different widths gets its conversion
+// spelled out; ISP2CHAR goes back to PCONV, its I-file form.
+void mandatory_cast(NODE*& n) {
+    if (n->opcode == ISP2CHAR) n->opcode = PCONV;
+    if (n->opcode != ASG || !n->left || !n->right || !n->left->type || !n->right->type) return;
+    TYPE* to = n->left->type->stripped();
+    TYPE* from = n->right->type->stripped();
+    if (to->is_integral() && from->is_integral() && to->size != from->size)
+        n->right = mktree(SCONV, n->left->type, n->right);
+}
+}  // namespace
+
+NODE* insert_mandatory_casts(NODE* tree) {
+    if (!tree) return tree;
+    mandatory_cast(tree);
+    walk_and_modify_tree(tree, mandatory_cast);
+    return tree;
+}
+
+std::string stmt2infix(const NODE* tree) {
+    std::string out;
+    infix(tree, out);
+    return out;
+}
+
+void write_function(SYMTAB* fn) {
+    if (!o_file) return;
+    (void)fn;
+    write_func_header();
+    write_func_body();
+}
+
+void write_global_data() {
+    if (!o_file) return;
+    for (I_SYMTAB* g : o_file->globals) {
+        if (!g->has_init) continue;
+        std::vector<BASE_NODE*> trees;
+        for (BASE_NODE*& t : g->init_trees) {
+            t = insert_mandatory_casts(static_cast<NODE*>(t));
+            trees.push_back(t);
+        }
+        o_file->if_write_init(g, trees, &opt_client);
+    }
+    if (!print_debug || !FDEBUG) return;
+    DBG_CHECK(std::fprintf(FDEBUG, "-- variable -- size -- offset/class\n"));
+    for (I_SYMTAB* g : o_file->globals) {
+        std::string type = g->type ? g->type->print() : "";
+        const char* cls = g->has_init ? "initialized" : "external";
+        DBG_CHECK(std::fprintf(FDEBUG, "%c   %-11.32s %2lu\t%4d   %2d  %#6x  %2u %-16s %13s\n",
+                               g->type && g->type->stripped()->kind == TYPE::FUNC_T ? 'F' : 'D', g->name.c_str(),
+                               g->size >> 4, static_cast<int>(g->value_b), g->value_c,
+                               static_cast<unsigned>(g->value_d) & 0xFFFF, static_cast<unsigned>(g->align >> 4),
+                               type.c_str(), cls));
+        for (const PRAGMA& p : g->pragmas) {
+            const char* arg = p.args.empty() ? "" : p.args[0].c_str();
+            switch (p.kind) {
+            case SP_SOURCE_LANGUAGE: DBG_CHECK(std::fprintf(FDEBUG, "\t  Symbol pragma: SOURCE LANGUAGE = '%s'\n", arg)); break;
+            case SP_TRANSLATION_UNIT_ID: DBG_CHECK(std::fprintf(FDEBUG, "\t  Symbol pragma: TRANSLATION UNIT ID #%s\n", arg)); break;
+            case SP_LOCAL_STATIC_OF: DBG_CHECK(std::fprintf(FDEBUG, "\t  Symbol pragma: SYMBOL IS LOCAL STATIC OF %s()\n", arg)); break;
+            case SP_COMDAT_GROUP: DBG_CHECK(std::fprintf(FDEBUG, "\t  Symbol pragma: COMDAT GROUP %s\n", arg)); break;
+            case SP_FUNCTION_SYNONYM: DBG_CHECK(std::fprintf(FDEBUG, "\t  Symbol pragma: SYMBOL IS FUNCTION SYNONYM of %s\n", arg)); break;
+            case SP_ALWAYS_INLINE: DBG_CHECK(std::fprintf(FDEBUG, "\t  Symbol pragma: FUNCTION ALWAYS INLINE\n")); break;
+            case SP_FUNC_RET_BY_CCTOR: DBG_CHECK(std::fprintf(FDEBUG, "\t  Symbol pragma: FUNC_RET_BY_CCTOR\n")); break;
+            case SP_CLASS_MEMBER: DBG_CHECK(std::fprintf(FDEBUG, "\t  Symbol pragma: SYMBOL IS CLASS MEMBER\n")); break;
+            case SP_CTOR_DTOR: DBG_CHECK(std::fprintf(FDEBUG, "\t  Symbol pragma: SYMBOL IS CONSTRUCTOR/DESTRUCTOR\n")); break;
+            case SP_CTOR: DBG_CHECK(std::fprintf(FDEBUG, "\t  Symbol pragma: SYMBOL IS CONSTRUCTOR\n")); break;
+            case SP_DTOR: DBG_CHECK(std::fprintf(FDEBUG, "\t  Symbol pragma: SYMBOL IS DESTRUCTOR\n")); break;
+            case SP_EXCEPTION_SPEC:
+                DBG_CHECK(std::fprintf(FDEBUG, "\t  Symbol pragma: EXCEPTION SPEC: ("));
+                for (const std::string& a : p.args) DBG_CHECK(std::fprintf(FDEBUG, " %s", a.c_str()));
+                DBG_CHECK(std::fprintf(FDEBUG, " )\n"));
+                break;
+            default:
+                DBG_CHECK(std::fprintf(FDEBUG, "\t  Symbol pragma #%d has %d arguments:", p.kind,
+                                       static_cast<int>(p.args.size())));
+                for (const std::string& a : p.args) DBG_CHECK(std::fprintf(FDEBUG, " %s", a.c_str()));
+                DBG_CHECK(std::fprintf(FDEBUG, "\n"));
+            }
+        }
+    }
+}
