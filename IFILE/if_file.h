@@ -255,5 +255,12 @@ void I_FILE::read_section(int which, F&& each) {
 
 extern int icode_cpu_id;
 
+// The payload of a type record of the given code, as a field string (b bool,
+// c s8, u u8, n uint, s sint, S string, T type id, P psn; the data member,
+// code 30, has two more uints after its u8 when that u8 has bit 0 set), or
+// null for an unknown code.
+const char* if_type_layout(int code);
+inline constexpr int IF_TYPE_MDATA = 30;
+
 // Whether a type name read from the I-file is a C++ (qualified) name.
 bool if_read_type_is_cpp(const std::string& name);

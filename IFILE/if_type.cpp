@@ -39,7 +39,9 @@ enum {
     TC_VOID = 51,
 };
 
-const char* layout(int code) {
+}  // namespace
+
+const char* if_type_layout(int code) {
     if ((code >= 2 && code <= 11) || code == 52 || code == 53) return "bnnbb";
     if (code >= 12 && code <= 14) return "nn";
     switch (code) {
@@ -72,6 +74,9 @@ const char* layout(int code) {
     default: return (code >= 39 && code <= 50) ? "" : nullptr;
     }
 }
+
+namespace {
+const char* layout(int code) { return if_type_layout(code); }
 
 bool is_element(int code) { return code == TC_PARAM || (code >= 30 && code <= 37); }
 
