@@ -97,8 +97,14 @@ public:
     virtual BASE_NODE* cl_right(BASE_NODE* node) = 0;
 };
 
-// Where a format error was met; the reader ends the run with
-// "INTERNAL ERROR: Invalid I-code record, aborting".
+// A fatal format error: the message (a line "INTERNAL ERROR: ..., aborting")
+// goes to the standard error stream, the partial output is removed and the
+// run ends with status 1.  A fuzzing harness may install a handler of its
+// own, which must not return.
+using if_fatal_handler_fn = void (*)(const char* message);
+void set_if_fatal_handler(if_fatal_handler_fn fn);
+[[noreturn]] void if_fatal(const char* message);
+// "INTERNAL ERROR: Invalid I-code record, aborting"
 [[noreturn]] void if_invalid_record();
 
 // File names of positions, shared by every I-file of the run; the pointers

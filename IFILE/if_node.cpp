@@ -3,7 +3,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "UTIL/cleanup.h"
+#include "IFILE/if_file.h"
 
 namespace {
 #include "IFILE/if_node_rows.inc"
@@ -12,11 +12,7 @@ namespace {
 if_node_row if_node_info[IF_NODE_TABLE_SIZE];
 
 void if_enter_node(int opcode, const char* name, int arity) {
-    if (opcode < 0 || opcode >= IF_NODE_TABLE_SIZE) {
-        std::fputs("\nINTERNAL ERROR: Invalid opcode, aborting", stderr);
-        run_abnormal_exit_cleanup();
-        std::exit(1);
-    }
+    if (opcode < 0 || opcode >= IF_NODE_TABLE_SIZE) if_fatal("\nINTERNAL ERROR: Invalid opcode, aborting\n");
     if_node_info[opcode] = {opcode, name, arity};
 }
 

@@ -8,6 +8,7 @@
 #include "IFILE/base_node.h"
 #include "IFILE/if_file.h"
 #include "IFILE/if_node.h"
+#include "IFILE/if_prim.h"
 #include "TYPES/type_pkg.h"
 #include "UTIL/cleanup.h"
 
@@ -43,12 +44,21 @@ bool accepted_by_length_check(int id) {
 }
 }  // namespace
 
-void if_invalid_record() {
+namespace {
+if_fatal_handler_fn fatal_handler = nullptr;
+}
+
+void set_if_fatal_handler(if_fatal_handler_fn fn) { fatal_handler = fn; }
+
+void if_fatal(const char* message) {
+    if (fatal_handler) fatal_handler(message);
     std::fflush(stdout);
-    std::fputs("\nINTERNAL ERROR: Invalid I-code record, aborting\n", stderr);
+    std::fputs(message, stderr);
     run_abnormal_exit_cleanup();
     std::exit(1);
 }
+
+void if_invalid_record() { if_fatal("\nINTERNAL ERROR: Invalid I-code record, aborting\n"); }
 
 const char* if_intern_file_name(const std::string& name) {
     static std::mutex m;
@@ -127,32 +137,15 @@ uint32_t I_FILE::r_u32() {
 }
 
 uint64_t I_FILE::r_uint() {
-    uint64_t v = 0;
-    int shift = 0;
-    for (;;) {
-        if (shift > 63) if_invalid_record();
-        unsigned c = r_u8();
-        v |= static_cast<uint64_t>(c & 0x7F) << shift;
-        shift += 7;
-        if (!(c & 0x80)) return v;
-    }
+    uint64_t v;
+    if (!if_decode_uint(body_.data(), body_.size(), pos_, v)) if_invalid_record();
+    return v;
 }
 
 int64_t I_FILE::r_sint() {
-    uint64_t v = 0;
-    int shift = 0;
-    unsigned c;
-    for (;;) {
-        if (shift > 63) if_invalid_record();
-        c = r_u8();
-        v |= static_cast<uint64_t>(c & 0x7F) << shift;
-        shift += 7;
-        if (!(c & 0x80)) break;
-    }
-    // Values written as sint are 32-bit quantities: only an encoding of at
-    // most four bytes is sign-extended; a five-byte one is kept as it is.
-    if (shift <= 28 && (c & 0x40)) v |= static_cast<uint64_t>(static_cast<int64_t>(static_cast<int32_t>(0xFFFFFFFFu << shift)));
-    return static_cast<int64_t>(v);
+    int64_t v;
+    if (!if_decode_sint(body_.data(), body_.size(), pos_, v)) if_invalid_record();
+    return v;
 }
 
 std::string I_FILE::r_string() {
@@ -727,11 +720,7 @@ void I_FILE::read_eht() {
     for (uint64_t i = 0; i < count; ++i) {
         EHT_ENTRY e;
         e.kind = static_cast<int>(r_u8());
-        if (e.kind > EHK_CLEANUP_END) {
-            std::fputs("INTERNAL ERROR: Invalid EHT record in I-code, aborting\n", stderr);
-            run_abnormal_exit_cleanup();
-            std::exit(1);
-        }
+        if (e.kind > EHK_CLEANUP_END) if_fatal("INTERNAL ERROR: Invalid EHT record in I-code, aborting\n");
         e.id = static_cast<unsigned>(r_uint());
         e.parent = static_cast<unsigned>(r_uint());
         e.label = static_cast<unsigned>(r_uint());

@@ -10,6 +10,7 @@
 
 #include "IFILE/if_file.h"
 #include "IFILE/if_node.h"
+#include "IFILE/if_prim.h"
 
 namespace {
 
@@ -46,27 +47,14 @@ struct decoder {
         return b[pos++];
     }
     uint64_t uint_() {
-        uint64_t v = 0;
-        for (int shift = 0;; shift += 7) {
-            if (shift > 63) throw bad_input("long number");
-            unsigned c = u8();
-            v |= static_cast<uint64_t>(c & 0x7F) << shift;
-            if (!(c & 0x80)) return v;
-        }
+        uint64_t v;
+        if (!if_decode_uint(b.data(), b.size(), pos, v)) throw bad_input("bad number");
+        return v;
     }
     int64_t sint_() {
-        uint64_t v = 0;
-        int shift = 0;
-        unsigned c;
-        do {
-            if (shift > 63) throw bad_input("long number");
-            c = u8();
-            v |= static_cast<uint64_t>(c & 0x7F) << shift;
-            shift += 7;
-        } while (c & 0x80);
-        if (shift <= 28 && (c & 0x40))
-            v |= static_cast<uint64_t>(static_cast<int64_t>(static_cast<int32_t>(0xFFFFFFFFu << shift)));
-        return static_cast<int64_t>(v);
+        int64_t v;
+        if (!if_decode_sint(b.data(), b.size(), pos, v)) throw bad_input("bad number");
+        return v;
     }
     void field(const std::string& f) {
         out += ' ';
@@ -363,24 +351,8 @@ void scan_types(FILE* in, long start, uint32_t offset, type_signs& signs) {
 struct encoder {
     std::vector<unsigned char> out;
     void u8(unsigned v) { out.push_back(static_cast<unsigned char>(v)); }
-    void uint_(uint64_t v) {
-        do {
-            unsigned char c = v & 0x7F;
-            v >>= 7;
-            if (v) c |= 0x80;
-            u8(c);
-        } while (v);
-    }
-    void sint_(int64_t v) {
-        for (;;) {
-            unsigned char c = v & 0x7F;
-            v >>= 7;
-            bool done = (v == 0 && !(c & 0x40)) || (v == -1 && (c & 0x40));
-            if (!done) c |= 0x80;
-            u8(c);
-            if (done) return;
-        }
-    }
+    void uint_(uint64_t v) { if_encode_uint(out, v); }
+    void sint_(int64_t v) { if_encode_sint(out, v); }
 };
 
 struct text_error : std::runtime_error {

@@ -5,6 +5,7 @@
 #include "IFILE/base_node.h"
 #include "IFILE/if_file.h"
 #include "IFILE/if_node.h"
+#include "IFILE/if_prim.h"
 #include "TYPES/type_pkg.h"
 #include "UTIL/cleanup.h"
 
@@ -47,25 +48,9 @@ void I_FILE::w_u32(uint32_t v) {
     for (int i = 0; i < 4; ++i) w_u8((v >> (8 * i)) & 0xFF);
 }
 
-void I_FILE::w_uint(uint64_t v) {
-    do {
-        unsigned char c = v & 0x7F;
-        v >>= 7;
-        if (v) c |= 0x80;
-        w_u8(c);
-    } while (v);
-}
+void I_FILE::w_uint(uint64_t v) { if_encode_uint(out_, v); }
 
-void I_FILE::w_sint(int64_t v) {
-    for (;;) {
-        unsigned char c = v & 0x7F;
-        v >>= 7;  // arithmetic
-        bool done = (v == 0 && !(c & 0x40)) || (v == -1 && (c & 0x40));
-        if (!done) c |= 0x80;
-        w_u8(c);
-        if (done) return;
-    }
-}
+void I_FILE::w_sint(int64_t v) { if_encode_sint(out_, v); }
 
 void I_FILE::w_string(const std::string& s) { w_raw(s.c_str(), s.size() + 1); }
 
@@ -111,17 +96,10 @@ void I_FILE::w_symref(I_SYMTAB* sym) {
 }
 
 void I_FILE::i_flush(int id) {
-    unsigned char frame[11];
-    size_t n = 0;
-    uint64_t len = out_.size();
-    do {
-        unsigned char c = len & 0x7F;
-        len >>= 7;
-        if (len) c |= 0x80;
-        frame[n++] = c;
-    } while (len);
+    std::vector<unsigned char> frame;
+    if_encode_uint(frame, out_.size());
     std::fputc(id, f_);
-    std::fwrite(frame, 1, n, f_);
+    std::fwrite(frame.data(), 1, frame.size(), f_);
     std::fwrite(out_.data(), 1, out_.size(), f_);
     out_.clear();
 }
@@ -228,11 +206,7 @@ bool I_FILE::write_expr_node(BASE_NODE* node, IF_CLIENT* nodes) {
     while (node) {
         int op = nodes->cl_node_opcode(node);
         TYPE* type = nodes->cl_node_type(node);
-        if (op < 0 || op > 163) {
-            std::fputs("\nINTERNAL ERROR: Invalid opcode, aborting\n", stderr);
-            run_abnormal_exit_cleanup();
-            std::exit(1);
-        }
+        if (op < 0 || op > 163) if_fatal("\nINTERNAL ERROR: Invalid opcode, aborting\n");
         if (op == OP_NAME && node->name_symbol() && node->name_symbol()->index == I_SYMTAB::NO_INDEX) {
             std::fprintf(stderr, ">> Symbol %s is not in the symbol table\n", node->name_symbol()->name.c_str());
             out_.clear();

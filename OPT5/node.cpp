@@ -5,6 +5,7 @@
 #include <mutex>
 #include <vector>
 
+#include "IFILE/if_file.h"
 #include "IFILE/if_symbol.h"
 #include "OPT5/abort.h"
 #include "OPT5/cmdline.h"
@@ -87,10 +88,7 @@ void NODE::mk_icon(int v) {
 void NODE::mk_lcon(const char* t) {
     INT65 v;
     bool overflow = false;
-    if (!INT65::parse(t ? t : "", v, &overflow)) {
-        std::fputs("\nINTERNAL ERROR: Invalid I-code record, aborting", stderr);
-        abort_optimizer("LCON constant is not a number");
-    }
+    if (!INT65::parse(t ? t : "", v, &overflow)) if_invalid_record();
     value = type ? truncate_to_type(v, type) : v;
     opcode = ICON;
 }
