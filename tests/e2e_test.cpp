@@ -2,12 +2,8 @@
 // made-up unit) as a separate process and checks status, streams and files.
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
 #include <signal.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <cstdlib>
@@ -20,22 +16,9 @@
 #include <thread>
 #include <vector>
 
-namespace fs = std::filesystem;
+#include "test_util.h"
 
 namespace {
-
-struct Result {
-    bool exited = false;
-    int status = -1;  // exit status, or the signal when !exited
-    std::string out, err;
-};
-
-std::string slurp(const fs::path& p) {
-    std::ifstream in(p, std::ios::binary);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
 
 class EndToEnd : public ::testing::Test {
 protected:
@@ -47,35 +30,9 @@ protected:
     }
     void TearDown() override { fs::remove_all(dir); }
 
-    // Starts the program in the test folder; `while_running` (if any) is
-    // called with the child's pid before waiting for it.
     Result run(const char* program, std::vector<std::string> args, std::map<std::string, std::string> env = {},
                void (*while_running)(pid_t) = nullptr) {
-        pid_t pid = fork();
-        if (pid == 0) {
-            if (chdir(dir.c_str()) != 0) _exit(120);
-            int out = open("stdout.txt", O_WRONLY | O_CREAT | O_TRUNC, 0644);
-            int err = open("stderr.txt", O_WRONLY | O_CREAT | O_TRUNC, 0644);
-            dup2(out, 1);
-            dup2(err, 2);
-            struct rlimit no_core = {0, 0};
-            setrlimit(RLIMIT_CORE, &no_core);
-            for (auto& [k, v] : env) setenv(k.c_str(), v.c_str(), 1);
-            std::vector<char*> argv{const_cast<char*>(program)};
-            for (auto& a : args) argv.push_back(a.data());
-            argv.push_back(nullptr);
-            execv(program, argv.data());
-            _exit(121);
-        }
-        if (while_running) while_running(pid);
-        int wstatus = 0;
-        waitpid(pid, &wstatus, 0);
-        Result r;
-        r.exited = WIFEXITED(wstatus);
-        r.status = r.exited ? WEXITSTATUS(wstatus) : WTERMSIG(wstatus);
-        r.out = slurp(dir / "stdout.txt");
-        r.err = slurp(dir / "stderr.txt");
-        return r;
+        return run_program(program, std::move(args), dir, env, while_running);
     }
     Result opt5(std::vector<std::string> args, std::map<std::string, std::string> env = {}) {
         return run(OPT5_BINARY, std::move(args), std::move(env));

@@ -1,0 +1,286 @@
+// The record layer read and written through its own interface.
+#include <gtest/gtest.h>
+
+#include <deque>
+#include <memory>
+
+#include "IFILE/if_file.h"
+#include "IFILE/if_prim.h"
+#include "OPT5/node.h"
+#include "OPT5/opcodes.h"
+#include "OPT5/symtab.h"
+#include "TYPES/type_pkg.h"
+#include "test_util.h"
+
+namespace {
+
+// Builds plain nodes and symbols and notes what the reader hands over.
+class Recorder : public IF_CLIENT {
+public:
+    std::vector<std::string> events;
+    std::vector<NODE*> trees;
+    std::deque<std::unique_ptr<SYMTAB>> symbols;
+    bool accept = true;
+
+    bool cl_magic(int, int) override { return accept; }
+    void cl_source(const char* t) override { events.push_back(std::string("source ") + t); }
+    I_SYMTAB* cl_symbol_create(char* name, TYPE* type, TYPE* type2, unsigned long size, unsigned long align,
+                               unsigned long, int, int, PSN* pos, unsigned long, unsigned,
+                               I_SYMTAB::RETENTION_POLICY retention) override {
+        auto s = std::make_unique<SYMTAB>();
+        s->name = name;
+        s->type = type;
+        s->type2 = type2;
+        s->size = size;
+        s->align = align;
+        s->pos = *pos;
+        s->retention = retention;
+        symbols.push_back(std::move(s));
+        return symbols.back().get();
+    }
+    void cl_symbol_def(I_SYMTAB* s) override {
+        events.push_back("symbol " + s->name + " pragmas " + std::to_string(s->pragmas.size()));
+    }
+    void cl_pragma(I_SYMTAB* s, PRAGMA* p) override {
+        events.push_back("pragma " + std::to_string(p->kind) + (s ? " of " + s->name : ""));
+    }
+    void cl_merge_type_defs() override {}
+    void cl_preprocess_statics() override {}
+    void cl_begin_func(I_SYMTAB* fn, PSN*) override { events.push_back("begin " + fn->name); }
+    void cl_end_args(PSN*) override {}
+    void cl_end_locals(PSN*) override {}
+    void cl_begin_block(PSN*) override {}
+    void cl_end_block(PSN*) override {}
+    void cl_end_func(PSN*) override { events.push_back("end"); }
+    void cl_label(unsigned id) override { events.push_back("label " + std::to_string(id)); }
+    void cl_expr(BASE_NODE* tree, PSN*) override { trees.push_back(static_cast<NODE*>(tree)); }
+    void cl_inline_asm(char*, PSN*) override {}
+    void cl_comment(char* t) override { events.push_back(std::string("comment ") + t); }
+    void cl_func_info(int) override {}
+    void cl_func_eht(EHT_ENTRY*, unsigned n) override { events.push_back("eht " + std::to_string(n)); }
+    void cl_loop_def(unsigned, unsigned, unsigned, unsigned, unsigned, unsigned) override {}
+    void cl_loop_header(unsigned, I_SYMTAB*, unsigned) override {}
+    void cl_dd_vector(const std::vector<long long>&) override {}
+    void cl_dd_edge(unsigned, unsigned, unsigned) override {}
+    void cl_mbank(unsigned, unsigned, unsigned, unsigned, unsigned) override {}
+    void cl_ir_end_func(PSN*) override {}
+    BASE_NODE* cl_new_node(int op, TYPE* t) override { return new_node(op, t); }
+    int cl_node_opcode(BASE_NODE* n) override { return static_cast<NODE*>(n)->opcode; }
+    void cl_set_opcode(BASE_NODE* n, int op) override { static_cast<NODE*>(n)->opcode = op; }
+    TYPE* cl_node_type(BASE_NODE* n) override { return n ? static_cast<NODE*>(n)->type : nullptr; }
+    void cl_set_operands(BASE_NODE* n, BASE_NODE* l, BASE_NODE* r) override {
+        static_cast<NODE*>(n)->left = static_cast<NODE*>(l);
+        static_cast<NODE*>(n)->right = static_cast<NODE*>(r);
+    }
+    BASE_NODE* cl_left(BASE_NODE* n) override { return static_cast<NODE*>(n)->left; }
+    BASE_NODE* cl_right(BASE_NODE* n) override { return static_cast<NODE*>(n)->right; }
+    ~Recorder() override {
+        for (NODE* t : trees) erase_tree(t);
+    }
+};
+
+std::string header(int version, const char* cpu = "0x258") {
+    std::string h = ".header version=" + std::to_string(version) + " cpu=" + cpu + " source=\"t.c\"";
+    if (version >= -83) h += " extra=7";
+    return h + "\n";
+}
+
+// Types shared by the tests below: 1 int, 2 float, 3 a function of no
+// parameters returning int.
+const char* const types = R"(.section types
+type n:1 b:8 b:1 n:16 n:16 b:0 b:0
+type n:2 b:12 n:32 n:32
+type n:3 b:22 n:1 b:1 b:0 b:0 b:0
+.end
+.section files
+source S:"t.c"
+.end
+)";
+
+class IFile : public ::testing::Test {
+protected:
+    void SetUp() override {
+        init_opcode_tables();
+        init_types();
+    }
+    // Assembles the text and opens it for reading.
+    I_FILE* open(const std::string& text) {
+        std::string err = assemble(text, dir.path / "t.if");
+        EXPECT_EQ(err, "");
+        in = std::fopen((dir.path / "t.if").c_str(), "rb");
+        return I_FILE::if_open(in, &client);
+    }
+    void TearDown() override {
+        if (in) std::fclose(in);
+    }
+    TempDir dir;
+    Recorder client;
+    FILE* in = nullptr;
+};
+
+TEST_F(IFile, HeaderVersionAndProcessorChecks) {
+    for (int v : {-87, -70}) {
+        EXPECT_EQ(open(header(v) + ".section main\n.end\n"), nullptr) << v;
+        std::fclose(in);
+        in = nullptr;
+    }
+    EXPECT_EQ(open(header(-71, "0x259") + ".section main\n.end\n"), nullptr);
+    std::fclose(in);
+    in = nullptr;
+    client.accept = false;
+    EXPECT_EQ(open(header(-71) + ".section main\n.end\n"), nullptr);
+    std::fclose(in);
+    in = nullptr;
+    client.accept = true;
+    for (int v : {-86, -84, -83, -71}) {
+        std::unique_ptr<I_FILE> f(open(header(v) + ".section main\n.end\n"));
+        ASSERT_NE(f, nullptr) << v;
+        EXPECT_EQ(f->version, v);
+        EXPECT_EQ(f->extra_word, v >= -83 ? 7u : 0u) << v;  // -84 has no extra word
+        EXPECT_EQ(f->source, "t.c");
+        std::fclose(in);
+        in = nullptr;
+    }
+}
+
+TEST_F(IFile, SintReadingRule) {
+    std::vector<unsigned char> bytes;
+    if_encode_sint(bytes, -1);
+    EXPECT_EQ(bytes.size(), 1u);
+    size_t pos = 0;
+    int64_t v;
+    ASSERT_TRUE(if_decode_sint(bytes.data(), bytes.size(), pos, v));
+    EXPECT_EQ(v, -1);
+    bytes.clear();
+    if_encode_sint(bytes, -100000);  // three bytes, sign-extended on reading
+    pos = 0;
+    ASSERT_TRUE(if_decode_sint(bytes.data(), bytes.size(), pos, v));
+    EXPECT_EQ(v, -100000);
+    bytes.clear();
+    if_encode_sint(bytes, 0xFFFFFFFFLL);  // the pattern of a VREG id of -1
+    EXPECT_EQ(bytes.size(), 5u);
+    pos = 0;
+    ASSERT_TRUE(if_decode_sint(bytes.data(), bytes.size(), pos, v));
+    EXPECT_EQ(v, 0xFFFFFFFFLL);
+    EXPECT_EQ(static_cast<int32_t>(v), -1);
+    bytes = {0x80, 0x80};  // runs out
+    pos = 0;
+    EXPECT_FALSE(if_decode_sint(bytes.data(), bytes.size(), pos, v));
+}
+
+TEST_F(IFile, NodesPayloadsAndFloatingComparisons) {
+    std::unique_ptr<I_FILE> f(open(header(-71) + R"(.section main
+begin_func P:0 n:0
+stmt P:1:2:3
+node b:81 n:1
+node b:4 n:2 i:1
+node b:4 n:2 i:2
+stmt P:0
+node b:87 n:1
+node b:4 n:1 i:-5
+node b:4 n:2 i:3
+stmt P:0
+node b:80 n:1
+node b:4 n:1 i:-1
+node b:163 n:1 s:4294967295
+stmt P:0
+node b:25 n:1 S:"65537"
+end_func P:0
+.end
+)" + types + R"(.section globals
+symbol S:"f" n:0 n:0 c:0 w:0 n:3 n:0 n:16 c:0 n:0 n:0 P:0 b:0
+.end
+)"));
+    ASSERT_NE(f, nullptr);
+    f->if_read_file();
+    ASSERT_EQ(client.trees.size(), 4u);
+    EXPECT_EQ(client.trees[0]->opcode, FNEQN);  // NEQ of floats
+    EXPECT_EQ(client.trees[1]->opcode, FLT);    // ULT with one float operand
+    EXPECT_EQ(client.trees[1]->left->value, INT65(-5));
+    EXPECT_EQ(client.trees[2]->opcode, EQ);     // integers stay
+    EXPECT_EQ(client.trees[2]->right->vreg_id(), -1);
+    EXPECT_EQ(client.trees[3]->opcode, ICON);   // LCON is read as a truncated ICON
+    EXPECT_EQ(client.trees[3]->value, INT65(1));
+    EXPECT_EQ(client.events.front(), "source t.c");
+}
+
+TEST_F(IFile, SymbolsWidenAndTakeTheirPragmas) {
+    std::unique_ptr<I_FILE> f(open(header(-72) + R"(.section main
+.end
+)" + types + R"(.section globals
+symbol S:"w" n:22 n:0 c:0 w:0 n:1 n:0 n:16 c:2 n:0 n:0 P:1:4:1
+pragma n:1 n:1 S:"C"
+pragma n:6 n:0
+symbol S:"f" n:0 n:0 c:0 w:0 n:3 n:0 n:16 c:0 n:0 n:0 P:0
+.end
+)"));
+    ASSERT_NE(f, nullptr);
+    f->if_read_file();
+    ASSERT_EQ(f->globals.size(), 2u);
+    EXPECT_EQ(f->globals[0]->size, 32u);
+    EXPECT_EQ(f->globals[0]->align, 32u);
+    EXPECT_EQ(f->globals[0]->pos.line, 4u);
+    EXPECT_STREQ(f->globals[0]->pos.file, "t.c");
+    EXPECT_EQ(f->globals[1]->index, 1u);
+    EXPECT_EQ(client.events, (std::vector<std::string>{"source t.c", "pragma 1 of w", "pragma 6 of w",
+                                                       "symbol w pragmas 2", "symbol f pragmas 0"}));
+}
+
+TEST_F(IFile, LengthCheckAndUnknownRecords) {
+    std::unique_ptr<I_FILE> f(open(header(-71) + ".section main\ncomment S:\"hi\"\nrec200 x:0102\n.end\n"));
+    ASSERT_NE(f, nullptr);
+    testing::internal::CaptureStderr();
+    EXPECT_FALSE(f->if_check_lengths());
+    EXPECT_EQ(testing::internal::GetCapturedStderr().rfind(">>I-file error:@", 0), 0u);
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(f->if_read_record(), IR_COMMENT);
+    EXPECT_EQ(f->if_read_record(), 200);
+    EXPECT_EQ(f->if_read_record(), IR_END);
+    std::string err = testing::internal::GetCapturedStderr();
+    EXPECT_NE(err.find("\n///ERROR @0x"), std::string::npos) << err;
+    EXPECT_EQ(client.events.back(), "comment hi");
+}
+
+TEST_F(IFile, MalformedRecordsEndTheRun) {
+    std::unique_ptr<I_FILE> f(open(header(-71) + ".section main\nstmt P:0\ncomment S:\"not a node\"\n.end\n"));
+    ASSERT_NE(f, nullptr);
+    EXPECT_EXIT(f->if_read_file(), ::testing::ExitedWithCode(1), "INTERNAL ERROR: Invalid I-code record, aborting");
+    std::unique_ptr<I_FILE> g(open(header(-71) + ".section main\nstmt P:0\nnode b:170 n:0\n.end\n"));
+    EXPECT_EXIT(g->if_read_file(), ::testing::ExitedWithCode(1), "Invalid I-code record");
+    std::unique_ptr<I_FILE> h(open(header(-71) + ".section main\neht n:1 b:9 n:0 n:0 n:0 n:0\n.end\n"));
+    EXPECT_EXIT(h->if_read_file(), ::testing::ExitedWithCode(1), "INTERNAL ERROR: Invalid EHT record in I-code, aborting");
+}
+
+TEST_F(IFile, WriterSectionsNamesAndPositions) {
+    fs::path out = dir.path / "w.if";
+    FILE* o = std::fopen(out.c_str(), "wb");
+    I_FILE* w = I_FILE::if_create(o, type_pkg, "w.c");
+    EXPECT_EQ(w->i_enter_file_name("a.c"), 1u);
+    std::string copy = "a.c";
+    EXPECT_EQ(w->i_enter_file_name(copy.c_str()), 1u);  // same text, another pointer
+    EXPECT_EQ(w->i_enter_file_name("b.c"), 2u);
+    w->if_write_control(IR_END_BLOCK, nullptr);
+    PSN nameless{nullptr, 3, 4};
+    w->if_write_control(IR_END_BLOCK, &nameless);
+    EXPECT_EQ(w->if_close(false), 0);
+    delete w;
+    EXPECT_EQ(disassemble(out), R"(.header version=-71 cpu=0x258 source="w.c" extra=0
+.section main
+end_block P:0
+end_block P:3:3:4
+.end
+.section files
+source S:"a.c"
+source S:"b.c"
+source S:"NO_FILE"
+.end
+.section globals
+.end
+)");
+    // An absent position is the single byte 0.
+    std::string bytes = slurp(out);
+    size_t header_size = 2 + static_cast<unsigned char>(bytes[1]);
+    EXPECT_EQ(bytes.substr(header_size, 3), std::string("\x04\x01\x00", 3));
+}
+
+}  // namespace
