@@ -371,12 +371,21 @@ std::string unquote(const std::string& s, size_t& i) {
         }
         if (i >= s.size()) break;
         char e = s[i++];
-        if (e == 'x') {
-            if (i + 2 > s.size()) throw text_error("bad escape");
+        switch (e) {
+        case 'x':
+            if (i + 2 > s.size() || !std::isxdigit(static_cast<unsigned char>(s[i])) ||
+                !std::isxdigit(static_cast<unsigned char>(s[i + 1])))
+                throw text_error("bad escape");
             out += static_cast<char>(std::stoi(s.substr(i, 2), nullptr, 16));
             i += 2;
-        } else {
-            out += e;
+            break;
+        case 'n': out += '\n'; break;
+        case 't': out += '\t'; break;
+        case 'r': out += '\r'; break;
+        case '0': out += '\0'; break;
+        case '"':
+        case '\\': out += e; break;
+        default: throw text_error(std::string("unknown escape \\") + e);
         }
     }
     if (i >= s.size()) throw text_error("unterminated string");

@@ -154,7 +154,6 @@ void OPT_CLIENT::cl_label(unsigned id) {
         body.back().tree->left->value == INT65(id)) {
         erase_tree(body.back().tree);
         body.pop_back();
-        return;
     }
     append(mk_LABELDEF(mk_LABELREF(static_cast<int>(id))), nullptr);
 }
