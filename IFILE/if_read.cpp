@@ -2,6 +2,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <deque>
+#include <memory>
 #include <mutex>
 #include <set>
 
@@ -221,12 +222,12 @@ I_FILE* I_FILE::if_open_basic(FILE* f, IF_CLIENT* client) {
 }
 
 I_FILE* I_FILE::if_open(FILE* f, IF_CLIENT* client) {
-    I_FILE* file = if_open_basic(f, client);
+    std::unique_ptr<I_FILE> file(if_open_basic(f, client));
     if (!file) return nullptr;
     if_node_table_init();
     client->cl_source(file->source.c_str());
-    file->read_options();
-    return file;
+    file->read_options();  // may end in a format error: don't leave the object behind
+    return file.release();
 }
 
 bool I_FILE::if_read_magic() {
