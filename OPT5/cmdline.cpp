@@ -104,6 +104,7 @@ void apply_option_flags(const option_obj& o) {
     if (o.isset(OPT_unroll_limit)) max_unrolled_loop_size = static_cast<int>(o.getnumarg(OPT_unroll_limit, 0));
     if (o.isset(OPT_program_mode)) program_mode = 1;
     if (o.isset(OPT_nonreentrant)) code_is_reentrant = 0;
+    if (o.isset(OPT_interlist)) source_interlist = 1;
     if (o.isset(OPT_strict_fp)) strict_fp = o.getnumarg(OPT_strict_fp, 0) == 0;
     for (unsigned i = 0; i < o.getargcount(OPT_aux_flags) && i < sizeof aux_cmd_flag; ++i)
         aux_cmd_flag[i] = static_cast<unsigned char>(o.getnumarg(OPT_aux_flags, i));

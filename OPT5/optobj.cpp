@@ -59,6 +59,7 @@ const OPTION_DESC option_table[OPT_COUNT] = {
     {OPT_nonreentrant, "abaerragenag", 0, POT_NO_ARGS, CLS_CODEGEN, NO_RANGE, nullptr, 0, "", false, -1, 0},  // nonreentrant
     {OPT_strict_fp, "fgevpg_sc", 0, POT_ENUMERATED, CLS_CODEGEN, NO_RANGE, WORDS(on_off_words), "mode", false, -1, 0},  // strict_fp
     {OPT_aux_flags, "nhk_syntf", 0, POT_NUMBER_LIST, CLS_CODEGEN, {true, 0, 255}, nullptr, 0, "bytes", false, -1, 10},  // aux_flags
+    {OPT_interlist, "vagreyvfg", 0, POT_NO_ARGS, CLS_CODEGEN, NO_RANGE, nullptr, 0, "", false, -1, 0},  // interlist
 };
 #undef WORDS
 

@@ -33,6 +33,7 @@ enum option_id {
     OPT_nonreentrant,     // --nonreentrant
     OPT_strict_fp,        // --strict_fp=W
     OPT_aux_flags,        // --aux_flags=N,N,...
+    OPT_interlist,        // --interlist
     OPT_COUNT
 };
 

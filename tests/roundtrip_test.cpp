@@ -103,6 +103,20 @@ TEST_F(RoundTrip, WhatReadingNormalizes) {
     }
 }
 
+TEST_F(RoundTrip, InterlistingCommentsStatementsButNotArgumentPrologues) {
+    std::string body =
+        "stmt P:0\nnode b:58 n:1\nnode b:4 n:1 i:1\nnode b:6 n:1\nnode b:4 n:1 i:2\nnode b:4 n:1 i:3\n"
+        "stmt P:0\nnode b:57 n:1\nnode b:4 n:1 i:4\nnode b:4 n:1 i:5\n";
+    std::string out = optimize(unit(body), {"--interlist"});
+    EXPECT_EQ(main_section(out), leaf_prologue +
+                                     "comment S:\"(1 = (2 + 3))\"\n"
+                                     "stmt P:0\nnode b:58 n:1\nnode b:4 n:1 i:1\nnode b:6 n:1\nnode b:4 n:1 i:2\n"
+                                     "node b:4 n:1 i:3\n"
+                                     "stmt P:0\nnode b:57 n:1\nnode b:4 n:1 i:4\nnode b:4 n:1 i:5\n"
+                                     "end_func P:0\n")
+        << last.err;
+}
+
 TEST_F(RoundTrip, OldVersionsAndWideningAndGlobalsInTheMainStream) {
     // A -72 file has no retention byte; the output is always -71 and has one.
     std::string text = unit("", -72);
