@@ -125,6 +125,8 @@ public:
     void if_read_func(long offset);
     void if_skip_func();
     void if_copy_raw(long offset, long length, I_FILE* out);
+    // Writes the symbol records of this file's globals into `out`.
+    void if_copy_symbols(I_FILE* out);
 
     // Writing.
     static I_FILE* if_create(FILE* f, TYPE_PKG* pkg, const char* source);

@@ -192,6 +192,10 @@ void I_FILE::if_write_func_eht(const std::vector<EHT_ENTRY>& entries) {
 
 void I_FILE::if_enter_option_set(const OPTION_SET& set) { option_sets.push_back(set); }
 
+void I_FILE::if_copy_symbols(I_FILE* out) {
+    for (I_SYMTAB* g : globals) out->if_write_symbol(g);
+}
+
 void I_FILE::if_write_expr(BASE_NODE* tree, PSN* pos, IF_CLIENT* nodes) {
     w_psn(pos);
     i_flush(IR_STMT);

@@ -251,6 +251,47 @@ TEST_F(IFile, MalformedRecordsEndTheRun) {
     EXPECT_EXIT(h->if_read_file(), ::testing::ExitedWithCode(1), "INTERNAL ERROR: Invalid EHT record in I-code, aborting");
 }
 
+TEST_F(IFile, FunctionsCanBeSkippedReadAndCopied) {
+    std::unique_ptr<I_FILE> f(open(header(-71) + R"(.section main
+begin_func P:0 n:0
+label n:1
+end_func P:0
+begin_func P:0 n:0
+label n:2
+end_func P:0
+.end
+)" + types + R"(.section globals
+symbol S:"f" n:0 n:0 c:0 w:0 n:3 n:0 n:16 c:0 n:0 n:0 P:0 b:0
+.end
+)"));
+    ASSERT_NE(f, nullptr);
+    long first = f->if_tell();
+    f->if_read_file();  // the sections (types, globals) and the whole main stream
+    client.events.clear();
+    f->if_seek(first);
+    f->if_skip_func();
+    EXPECT_EQ(f->scope_level, 0);
+    long second = f->if_tell();
+    f->if_read_func(0);  // from where it stands: the second function
+    EXPECT_EQ(client.events, (std::vector<std::string>{"begin f", "label 2", "end"}));
+    f->if_read_func(first);
+    EXPECT_EQ(client.events.back(), "end");
+    EXPECT_EQ(client.events[client.events.size() - 2], "label 1");
+
+    // The first function's bytes and the symbols, copied into a new file.
+    fs::path out = dir.path / "copy.if";
+    FILE* o = std::fopen(out.c_str(), "wb");
+    I_FILE* w = I_FILE::if_create(o, type_pkg, "c.c");
+    f->if_copy_raw(first, second - first, w);
+    f->if_copy_symbols(w);
+    EXPECT_EQ(w->if_close(false), 0);
+    delete w;
+    std::string text = disassemble(out);
+    EXPECT_NE(text.find(".section main\nbegin_func P:0 n:0\nlabel n:1\nend_func P:0\nsymbol S:\"f\""),
+              std::string::npos)
+        << text;
+}
+
 TEST_F(IFile, WriterSectionsNamesAndPositions) {
     fs::path out = dir.path / "w.if";
     FILE* o = std::fopen(out.c_str(), "wb");
