@@ -190,16 +190,16 @@ void OPT_CLIENT::cl_func_eht(EHT_ENTRY* entries, unsigned count) {
     currfuninfo->eht.assign(entries, entries + count);
 }
 
-BASE_NODE* OPT_CLIENT::cl_new_node(int opcode, TYPE* type) { return new_node(opcode, type); }
-int OPT_CLIENT::cl_node_opcode(BASE_NODE* node) { return as_node(node)->opcode; }
-void OPT_CLIENT::cl_set_opcode(BASE_NODE* node, int opcode) { as_node(node)->opcode = opcode; }
-TYPE* OPT_CLIENT::cl_node_type(BASE_NODE* node) { return node ? as_node(node)->type : nullptr; }
-void OPT_CLIENT::cl_set_operands(BASE_NODE* node, BASE_NODE* left, BASE_NODE* right) {
+BASE_NODE* NODE_CLIENT::cl_new_node(int opcode, TYPE* type) { return new_node(opcode, type); }
+int NODE_CLIENT::cl_node_opcode(BASE_NODE* node) { return as_node(node)->opcode; }
+void NODE_CLIENT::cl_set_opcode(BASE_NODE* node, int opcode) { as_node(node)->opcode = opcode; }
+TYPE* NODE_CLIENT::cl_node_type(BASE_NODE* node) { return node ? as_node(node)->type : nullptr; }
+void NODE_CLIENT::cl_set_operands(BASE_NODE* node, BASE_NODE* left, BASE_NODE* right) {
     as_node(node)->left = as_node(left);
     as_node(node)->right = as_node(right);
 }
-BASE_NODE* OPT_CLIENT::cl_left(BASE_NODE* node) { return as_node(node)->left; }
-BASE_NODE* OPT_CLIENT::cl_right(BASE_NODE* node) { return as_node(node)->right; }
+BASE_NODE* NODE_CLIENT::cl_left(BASE_NODE* node) { return as_node(node)->left; }
+BASE_NODE* NODE_CLIENT::cl_right(BASE_NODE* node) { return as_node(node)->right; }
 
 void read_ifile_unit() {
     init_types();

@@ -7,7 +7,19 @@
 class NODE;
 struct FUNINFO;
 
-class OPT_CLIENT : public IF_CLIENT {
+// The node side of a reader client: expression nodes are NODEs.
+class NODE_CLIENT : public IF_CLIENT {
+public:
+    BASE_NODE* cl_new_node(int opcode, TYPE* type) override;
+    int cl_node_opcode(BASE_NODE* node) override;
+    void cl_set_opcode(BASE_NODE* node, int opcode) override;
+    TYPE* cl_node_type(BASE_NODE* node) override;
+    void cl_set_operands(BASE_NODE* node, BASE_NODE* left, BASE_NODE* right) override;
+    BASE_NODE* cl_left(BASE_NODE* node) override;
+    BASE_NODE* cl_right(BASE_NODE* node) override;
+};
+
+class OPT_CLIENT : public NODE_CLIENT {
 public:
     bool cl_magic(int version, int cpu) override;
     void cl_source(const char* text) override;
@@ -36,13 +48,6 @@ public:
     void cl_dd_edge(unsigned, unsigned, unsigned) override {}
     void cl_mbank(unsigned, unsigned, unsigned, unsigned, unsigned) override {}
     void cl_ir_end_func(PSN*) override {}
-    BASE_NODE* cl_new_node(int opcode, TYPE* type) override;
-    int cl_node_opcode(BASE_NODE* node) override;
-    void cl_set_opcode(BASE_NODE* node, int opcode) override;
-    TYPE* cl_node_type(BASE_NODE* node) override;
-    void cl_set_operands(BASE_NODE* node, BASE_NODE* left, BASE_NODE* right) override;
-    BASE_NODE* cl_left(BASE_NODE* node) override;
-    BASE_NODE* cl_right(BASE_NODE* node) override;
 
 private:
     void append(NODE* tree, const PSN* pos);

@@ -10,74 +10,10 @@
 #include "OPT5/opcodes.h"
 #include "OPT5/symtab.h"
 #include "TYPES/type_pkg.h"
+#include "recorder.h"
 #include "test_util.h"
 
 namespace {
-
-// Builds plain nodes and symbols and notes what the reader hands over.
-class Recorder : public IF_CLIENT {
-public:
-    std::vector<std::string> events;
-    std::vector<NODE*> trees;
-    std::deque<std::unique_ptr<SYMTAB>> symbols;
-    bool accept = true;
-
-    bool cl_magic(int, int) override { return accept; }
-    void cl_source(const char* t) override { events.push_back(std::string("source ") + t); }
-    I_SYMTAB* cl_symbol_create(char* name, TYPE* type, TYPE* type2, unsigned long size, unsigned long align,
-                               unsigned long, int, int, PSN* pos, unsigned long, unsigned,
-                               I_SYMTAB::RETENTION_POLICY retention) override {
-        auto s = std::make_unique<SYMTAB>();
-        s->name = name;
-        s->type = type;
-        s->type2 = type2;
-        s->size = size;
-        s->align = align;
-        s->pos = *pos;
-        s->retention = retention;
-        symbols.push_back(std::move(s));
-        return symbols.back().get();
-    }
-    void cl_symbol_def(I_SYMTAB* s) override {
-        events.push_back("symbol " + s->name + " pragmas " + std::to_string(s->pragmas.size()));
-    }
-    void cl_pragma(I_SYMTAB* s, PRAGMA* p) override {
-        events.push_back("pragma " + std::to_string(p->kind) + (s ? " of " + s->name : ""));
-    }
-    void cl_merge_type_defs() override {}
-    void cl_preprocess_statics() override {}
-    void cl_begin_func(I_SYMTAB* fn, PSN*) override { events.push_back("begin " + fn->name); }
-    void cl_end_args(PSN*) override {}
-    void cl_end_locals(PSN*) override {}
-    void cl_begin_block(PSN*) override {}
-    void cl_end_block(PSN*) override {}
-    void cl_end_func(PSN*) override { events.push_back("end"); }
-    void cl_label(unsigned id) override { events.push_back("label " + std::to_string(id)); }
-    void cl_expr(BASE_NODE* tree, PSN*) override { trees.push_back(static_cast<NODE*>(tree)); }
-    void cl_inline_asm(char*, PSN*) override {}
-    void cl_comment(char* t) override { events.push_back(std::string("comment ") + t); }
-    void cl_func_info(int) override {}
-    void cl_func_eht(EHT_ENTRY*, unsigned n) override { events.push_back("eht " + std::to_string(n)); }
-    void cl_loop_def(unsigned, unsigned, unsigned, unsigned, unsigned, unsigned) override {}
-    void cl_loop_header(unsigned, I_SYMTAB*, unsigned) override {}
-    void cl_dd_vector(const std::vector<long long>&) override {}
-    void cl_dd_edge(unsigned, unsigned, unsigned) override {}
-    void cl_mbank(unsigned, unsigned, unsigned, unsigned, unsigned) override {}
-    void cl_ir_end_func(PSN*) override {}
-    BASE_NODE* cl_new_node(int op, TYPE* t) override { return new_node(op, t); }
-    int cl_node_opcode(BASE_NODE* n) override { return static_cast<NODE*>(n)->opcode; }
-    void cl_set_opcode(BASE_NODE* n, int op) override { static_cast<NODE*>(n)->opcode = op; }
-    TYPE* cl_node_type(BASE_NODE* n) override { return n ? static_cast<NODE*>(n)->type : nullptr; }
-    void cl_set_operands(BASE_NODE* n, BASE_NODE* l, BASE_NODE* r) override {
-        static_cast<NODE*>(n)->left = static_cast<NODE*>(l);
-        static_cast<NODE*>(n)->right = static_cast<NODE*>(r);
-    }
-    BASE_NODE* cl_left(BASE_NODE* n) override { return static_cast<NODE*>(n)->left; }
-    BASE_NODE* cl_right(BASE_NODE* n) override { return static_cast<NODE*>(n)->right; }
-    ~Recorder() override {
-        for (NODE* t : trees) erase_tree(t);
-    }
-};
 
 std::string header(int version, const char* cpu = "0x258") {
     std::string h = ".header version=" + std::to_string(version) + " cpu=" + cpu + " source=\"t.c\"";
