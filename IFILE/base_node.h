@@ -48,6 +48,9 @@ public:
     virtual void mk_icall(const char* name) = 0;
     // The second count of CALL (and the count of UCALL), for the writer.
     virtual unsigned call_second_count() const = 0;
+    // An ICON whose value needs more than 32 bits; the writer writes it as
+    // LCON text (lcon_value), which reads back as the same ICON.
+    virtual bool icon_is_wide() const = 0;
     virtual ~BASE_NODE() = default;
 };
 

@@ -216,7 +216,8 @@ bool I_FILE::write_expr_node(BASE_NODE* node, IF_CLIENT* nodes) {
             out_.clear();
             return false;
         }
-        w_u8(static_cast<unsigned>(op));
+        bool wide = op == OP_ICON && node->icon_is_wide();
+        w_u8(static_cast<unsigned>(wide ? OP_LCON : op));
         w_typeref(type);
         switch (op) {
         case OP_LABEL: w_uint(static_cast<uint32_t>(node->label_id())); break;
@@ -227,7 +228,8 @@ bool I_FILE::write_expr_node(BASE_NODE* node, IF_CLIENT* nodes) {
             break;
         case OP_ICON:
             // The low 32 bits: sign-extended for a signed type.
-            if (!type || type->is_signed()) w_sint(static_cast<int32_t>(node->icon_svalue()));
+            if (wide) w_string(node->lcon_value());
+            else if (!type || type->is_signed()) w_sint(static_cast<int32_t>(node->icon_svalue()));
             else w_uint(node->icon_uvalue());
             break;
         case OP_FCON:

@@ -69,6 +69,17 @@ size_t live_node_count() {
 
 I_SYMTAB* NODE::name_symbol() const { return symbol; }
 
+bool NODE::icon_is_wide() const {
+    bool is_signed = !type || type->is_signed();
+    return is_signed ? !value.fits_in<int32_t>() : !value.fits_in<uint32_t>();
+}
+
+const char* NODE::lcon_value() const {
+    // An ICON's value as decimal text, kept in the node's text field.
+    if (opcode == ICON) const_cast<NODE*>(this)->text = value.to_string();
+    return text.c_str();
+}
+
 void NODE::mk_name(I_SYMTAB* sym) {
     symbol = static_cast<SYMTAB*>(sym);
     if (sym && (sym->flag_byte & 16) && currfuninfo) currfuninfo->marks_symbol_refs = true;

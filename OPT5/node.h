@@ -54,7 +54,7 @@ public:
     TYPE* field_csu() const override { return fld_csu; }
     unsigned icon_uvalue() const override { return value.as<uint32_t>(); }
     int icon_svalue() const override { return value.as<int32_t>(); }
-    const char* lcon_value() const override { return text.c_str(); }
+    const char* lcon_value() const override;
     const char* fcon_value() const override { return text.c_str(); }
     const char* scon_value() const override { return text.c_str(); }
     unsigned scon_length() const override { return text_length; }
@@ -85,6 +85,7 @@ public:
     void mk_ucall(unsigned count) override;
     void mk_icall(const char* name) override { text = name ? name : ""; }
     unsigned call_second_count() const override { return call_second; }
+    bool icon_is_wide() const override;
 };
 
 // Creates a node (from a pool, so that an erased node keeps its ILLOP mark

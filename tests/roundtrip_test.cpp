@@ -64,7 +64,8 @@ std::string unit(const std::string& body, int version = -71) {
            "end_func P:0\n.end\n.section types\n"
            "type n:1 b:8 b:1 n:16 n:16 b:0 b:0\n"
            "type n:2 b:12 n:32 n:32\n"
-           "type n:3 b:22 n:1 b:1 b:0 b:0 b:0\n.end\n"
+           "type n:3 b:22 n:1 b:1 b:0 b:0 b:0\n"
+           "type n:4 b:52 b:1 n:64 n:64 b:0 b:0\n.end\n"
            ".section files\nsource S:\"u.c\"\n.end\n"
            ".section globals\nsymbol S:\"f\" n:0 n:0 c:0 w:0 n:3 n:0 n:16 c:0 n:0 n:0 P:1:1:1" +
            retention + "\n.end\n";
@@ -80,6 +81,12 @@ TEST_F(RoundTrip, WhatReadingNormalizes) {
     } cases[] = {
         {"LCON becomes an ICON truncated to its type",
          "stmt P:0\nnode b:25 n:1 S:\"65538\"\n", "stmt P:0\nnode b:4 n:1 i:2\n"},
+        {"a constant wider than 32 bits is written as LCON text",
+         "symbol S:\"w\" n:64 n:0 c:0 w:0 n:4 n:0 n:64 c:0 n:0 n:0 P:0 b:0\n"
+         "stmt P:0\nnode b:58 n:4\nnode b:2 n:4 R:1:0\nnode b:25 n:4 S:\"-4294967296\"\n",
+         // (the 64-bit type is the first one referenced, so it becomes type 1)
+         "symbol S:\"w\" n:64 n:0 c:0 w:0 n:1 n:0 n:64 c:0 n:0 n:0 P:0 b:0\n"
+         "stmt P:0\nnode b:58 n:1\nnode b:2 n:1 R:1:0\nnode b:25 n:1 S:\"-4294967296\"\n"},
         {"a branch to the label right after it is dropped",
          "stmt P:0\nnode b:114 n:0\nnode b:1 n:0 n:7\nlabel n:7\n", "label n:7\n"},
         {"a branch elsewhere stays",
