@@ -22,13 +22,7 @@ namespace {
 
 class EndToEnd : public ::testing::Test {
 protected:
-    void SetUp() override {
-        char tmpl[] = "/tmp/opt5_e2e_XXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        dir = tmpl;
-        fs::copy_file(fs::path(OPT5_SOURCE_DIR) / "samples/empty.if", dir / "in.if");
-    }
-    void TearDown() override { fs::remove_all(dir); }
+    void SetUp() override { fs::copy_file(fs::path(OPT5_SOURCE_DIR) / "samples/empty.if", dir / "in.if"); }
 
     Result run(const char* program, std::vector<std::string> args, std::map<std::string, std::string> env = {},
                void (*while_running)(pid_t) = nullptr) {
@@ -43,7 +37,8 @@ protected:
     bool has(const std::string& name) { return fs::exists(dir / name); }
     std::string file(const std::string& name) { return slurp(dir / name); }
 
-    fs::path dir;
+    TempDir temp;
+    const fs::path& dir = temp.path;
 };
 
 const std::string support_tail = "Include the .pp file created by option --preproc_with_comment\n\n";
