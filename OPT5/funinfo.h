@@ -12,6 +12,9 @@
 
 struct SYMTAB;
 class NODE;
+struct BBLK;
+struct LOOP;
+class Dominator;
 
 // One entry of a function body in reading order: a statement (a tree and
 // its position), a control record (end of arguments, blocks, end of
@@ -28,6 +31,8 @@ struct BODY_ENTRY {
 enum : unsigned {
     FUN_MUST_BE_UNSUPPRESSED = 4,  // output of the function must be forced
     FUN_BODY_NOT_WRITTEN = 64,     // the function's body is not written out
+    FUN_EDGES_COMPLETE = 8,        // every block has its successor list
+    FUN_EDGES_PENDING = 0x20000,   // successor lists are being completed
 };
 
 struct FUNINFO {
@@ -49,6 +54,15 @@ struct FUNINFO {
     std::vector<EHT_ENTRY> eht;
     bool has_edge_profile = false;
     bool defined = false;  // its body has been read
+
+    // The flow graph (after buildcfg): the scope records and local symbols in
+    // reading order, the blocks in layout order, the loops and dominators.
+    std::vector<BODY_ENTRY> scopes;
+    BBLK* bb_list = nullptr;
+    int bb_count = 0;
+    Dominator* dominator = nullptr;     // owned; made on first use
+    std::vector<struct LOOP*> loops;    // owned, in order of discovery
+    int max_label = 0;                  // largest label number in use
 
     unsigned flags() {
         std::lock_guard<std::mutex> lock(flags_mutex_);

@@ -7,6 +7,7 @@
 #include <memory>
 
 #include "OPT5/abort.h"
+#include "OPT5/bbutils.h"
 #include "OPT5/cmdline.h"
 #include "OPT5/funinfo.h"
 #include "OPT5/globals.h"
@@ -130,6 +131,7 @@ void OPT_CLIENT::cl_end_block(PSN* pos) {
 
 void OPT_CLIENT::cl_end_func(PSN* pos) {
     control(IR_END_FUNC, pos);
+    buildcfg();
     functions.push_back(currfunc);
     currfunc = nullptr;
     currfuninfo = nullptr;
@@ -228,4 +230,5 @@ void erase_function_body(FUNINFO* fi) {
         if (e.tree) erase_tree(e.tree);
     fi->body.clear();
     fi->eht.clear();
+    free_cfg(fi);
 }

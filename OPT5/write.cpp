@@ -1,9 +1,11 @@
 // Writing functions and the unit's global data back to the output I-file.
 #include <cstdio>
+#include <set>
 #include <string>
 
 #include "DEBUG_DISABLE/switches.h"
 #include "OPT5/abort.h"
+#include "OPT5/bbutils.h"
 #include "OPT5/cmdline.h"
 #include "OPT5/funinfo.h"
 #include "OPT5/globals.h"
@@ -173,23 +175,54 @@ void write_func_header() {
                   currfunc->name.c_str());
 }
 
+// The statements of every block in layout order, each block that some jump
+// names beginning with its label.
+void wrbblocks() {
+    std::set<int> targets;
+    for (BBLK* b : layout_blocks())
+        for (BODY_ENTRY& e : b->statements)
+            walk_and_modify_tree(e.tree, [&](NODE*& n) {
+                if (n->opcode == LABEL) targets.insert(n->value.as<int32_t>());
+            });
+    for (BBLK* b : layout_blocks()) {
+        if (print_debug && FDEBUG) {
+            DBG_CHECK(std::fprintf(FDEBUG, "\n++++(WRBBLOCKS): START NEXT BB, UON=%d, DFN=%d\n", b->label, b->dfn));
+            DBG_CHECK(std::fprintf(FDEBUG, "\tPREDS:"));
+            for (EDGE* e = b->predecessors; e; e = e->rest) DBG_CHECK(std::fprintf(FDEBUG, " %d", e->bb->dfn));
+            DBG_CHECK(std::fprintf(FDEBUG, "\n\tSUCCS:"));
+            for (EDGE* e = b->successors; e; e = e->rest) DBG_CHECK(std::fprintf(FDEBUG, " %d", e->bb->dfn));
+            DBG_CHECK(std::fprintf(FDEBUG, "\n\tLOOP DEPTH = %d\n", b->loop ? b->loop->level : 0));
+        }
+        if (targets.count(b->label)) o_file->if_write_label(static_cast<unsigned>(b->label));
+        for (BODY_ENTRY& e : b->statements) wrexpr(e);
+    }
+}
+
+// The scope records and local symbols as they were read (the leaf mark after
+// the end of the locals), then the blocks, then the end of the function.
 void write_func_body() {
     FUNINFO* fi = currfuninfo;
-    for (BODY_ENTRY& e : fi->body) {
-        switch (e.kind) {
-        case BODY_ENTRY::CONTROL:
-            if (e.control == IR_END_FUNC && !fi->eht.empty()) o_file->if_write_func_eht(fi->eht);
-            wrstcr(e.control, &e.pos);
-            if (e.control == IR_END_LOCALS && fi->no_calls) {
-                o_file->if_write_func_info('L');
-                if (print_debug && FDEBUG)
-                    DBG_CHECK(std::fprintf(FDEBUG, "\n%c\t'L':\t%s is a leaf function.\n", '^', currfunc->name.c_str()));
-            }
-            break;
-        case BODY_ENTRY::SYMBOL: o_file->if_write_symbol(e.sym); break;
-        case BODY_ENTRY::STMT: wrexpr(e); break;
+    const BODY_ENTRY* end = nullptr;
+    for (BODY_ENTRY& e : fi->scopes) {
+        if (e.kind == BODY_ENTRY::SYMBOL) {
+            o_file->if_write_symbol(e.sym);
+            continue;
+        }
+        if (e.control == IR_END_FUNC) {
+            end = &e;
+            continue;
+        }
+        wrstcr(e.control, &e.pos);
+        if (e.control == IR_END_LOCALS && fi->no_calls) {
+            o_file->if_write_func_info('L');
+            if (print_debug && FDEBUG)
+                DBG_CHECK(std::fprintf(FDEBUG, "\n%c\t'L':\t%s is a leaf function.\n", '^', currfunc->name.c_str()));
         }
     }
+    wrbblocks();
+    if (!fi->eht.empty()) o_file->if_write_func_eht(fi->eht);
+    PSN none;
+    wrstcr(IR_END_FUNC, end ? const_cast<PSN*>(&end->pos) : &none);
 }
 
 }  // namespace

@@ -87,11 +87,19 @@ TEST_F(RoundTrip, WhatReadingNormalizes) {
          // (the 64-bit type is the first one referenced, so it becomes type 1)
          "symbol S:\"w\" n:64 n:0 c:0 w:0 n:1 n:0 n:64 c:0 n:0 n:0 P:0 b:0\n"
          "stmt P:0\nnode b:58 n:1\nnode b:2 n:1 R:1:0\nnode b:25 n:1 S:\"-4294967296\"\n"},
-        {"a branch to the label right after it is dropped",
-         "stmt P:0\nnode b:114 n:0\nnode b:1 n:0 n:7\nlabel n:7\n", "label n:7\n"},
-        {"a branch elsewhere stays",
-         "stmt P:0\nnode b:114 n:0\nnode b:1 n:0 n:8\nlabel n:7\n",
-         "stmt P:0\nnode b:114 n:0\nnode b:1 n:0 n:8\nlabel n:7\n"},
+        {"a branch to the label right after it is dropped; the label stays",
+         "stmt P:0\nnode b:114 n:0\nnode b:1 n:0 n:7\nlabel n:7\nstmt P:0\nnode b:114 n:0\nnode b:1 n:0 n:7\n",
+         "label n:7\nstmt P:0\nnode b:114 n:0\nnode b:1 n:0 n:7\n"},
+        {"branches elsewhere stay",
+         "stmt P:0\nnode b:114 n:0\nnode b:1 n:0 n:8\nlabel n:7\nstmt P:0\nnode b:114 n:0\nnode b:1 n:0 n:7\n"
+         "label n:8\n",
+         "stmt P:0\nnode b:114 n:0\nnode b:1 n:0 n:8\nlabel n:7\nstmt P:0\nnode b:114 n:0\nnode b:1 n:0 n:7\n"
+         "label n:8\n"},
+        {"a label that no jump names is not written", "label n:9\nstmt P:0\nnode b:4 n:1 i:1\n",
+         "stmt P:0\nnode b:4 n:1 i:1\n"},
+        {"scope records come before the statements",
+         "stmt P:0\nnode b:4 n:1 i:1\nbegin_block P:0\nstmt P:0\nnode b:4 n:1 i:2\nend_block P:0\n",
+         "begin_block P:0\nend_block P:0\nstmt P:0\nnode b:4 n:1 i:1\nstmt P:0\nnode b:4 n:1 i:2\n"},
         {"comments starting with '*' are dropped",
          "comment S:\"*banner\"\ncomment S:\"kept\"\n", "comment S:\"kept\"\n"},
         {"integer comparisons of floats become floating comparisons",

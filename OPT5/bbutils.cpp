@@ -1,0 +1,390 @@
+#include "OPT5/bbutils.h"
+
+#include <algorithm>
+#include <map>
+
+#include "OPT5/abort.h"
+#include "OPT5/dominator.h"
+#include "OPT5/globals.h"
+#include "OPT5/node.h"
+
+namespace {
+const char THIS_MODULE[] = "OPT5/bbutils";
+
+void mark_dominators_dirty() {
+    if (currfuninfo && currfuninfo->dominator) currfuninfo->dominator->dirty = true;
+}
+
+NODE* mk_BRANCH(int label) {
+    NODE* b = new_node(BRANCH, nullptr);
+    b->left = mk_LABELREF(label);
+    return b;
+}
+}  // namespace
+
+const NODE* BBLK::last_tree() const {
+    for (auto it = statements.rbegin(); it != statements.rend(); ++it)
+        if (it->tree) return it->tree;
+    return nullptr;
+}
+
+// ---------------------------------------------------------------------------
+// Edge lists
+
+EDGE* add_edge(BBLK* bb, EDGE* list, double weight) {
+    if (edge_memberp(bb, list)) return list;
+    mark_dominators_dirty();
+    return new EDGE{bb, weight, list};
+}
+
+EDGE* mkedge(BBLK* bb, EDGE* list) {
+    mark_dominators_dirty();
+    return new EDGE{bb, -1.0, list};
+}
+
+EDGE* remove_edge(BBLK* bb, EDGE* list) {
+    EDGE** link = &list;
+    while (*link) {
+        if ((*link)->bb == bb) {
+            EDGE* dead = *link;
+            *link = dead->rest;
+            delete dead;
+            mark_dominators_dirty();
+            break;
+        }
+        link = &(*link)->rest;
+    }
+    return list;
+}
+
+bool edge_memberp(const BBLK* bb, const EDGE* list) {
+    for (; list; list = list->rest)
+        if (list->bb == bb) return true;
+    return false;
+}
+
+int edge_length(const EDGE* list) {
+    int n = 0;
+    for (; list; list = list->rest) ++n;
+    return n;
+}
+
+EDGE* copy_edge_list(const EDGE* list) {
+    EDGE* head = nullptr;
+    EDGE** tail = &head;
+    for (; list; list = list->rest) {
+        *tail = new EDGE{list->bb, list->weight, nullptr};
+        tail = &(*tail)->rest;
+    }
+    return head;
+}
+
+EDGE* rev_edge_list(EDGE* list) {
+    EDGE* out = nullptr;
+    while (list) {
+        EDGE* next = list->rest;
+        list->rest = out;
+        out = list;
+        list = next;
+    }
+    return out;
+}
+
+void free_edge_list(EDGE* list) {
+    while (list) {
+        EDGE* next = list->rest;
+        delete list;
+        list = next;
+    }
+}
+
+void sort_edge_list(EDGE* list) {
+    // Insertion sort on the payloads, so that the head cell stays the head.
+    for (EDGE* i = list ? list->rest : nullptr; i; i = i->rest) {
+        for (EDGE* j = list; j != i; j = j->rest) {
+            if (j->bb->dfn > i->bb->dfn) {
+                // Rotate i's payload in front of j, keeping equal dfns in order.
+                BBLK* bb = i->bb;
+                double w = i->weight;
+                for (EDGE* k = j; k != i->rest; k = k->rest) {
+                    std::swap(bb, k->bb);
+                    std::swap(w, k->weight);
+                }
+                break;
+            }
+        }
+    }
+}
+
+// ---------------------------------------------------------------------------
+// Blocks
+
+std::vector<BBLK*> layout_blocks() {
+    std::vector<BBLK*> out;
+    if (!currfuninfo) return out;
+    for (BBLK* b = currfuninfo->bb_list; b; b = b->next) out.push_back(b);
+    return out;
+}
+
+void clear_visited() {
+    for (BBLK* b : layout_blocks()) b->visited = false;
+}
+
+int new_label_number() { return ++currfuninfo->max_label; }
+
+BBLK* mkbblock(std::vector<BODY_ENTRY> statements, BBLK* next, FUNINFO* fi) {
+    BBLK* b = new BBLK;
+    b->statements = std::move(statements);
+    if (!fi->bb_list) {
+        fi->bb_list = b;
+        b->prev = b;
+        return b;
+    }
+    BBLK* before = next ? next->prev : fi->bb_list->prev;  // the block it follows
+    if (next == fi->bb_list) {
+        // A new entry block.
+        b->next = next;
+        b->prev = next->prev;
+        next->prev = b;
+        fi->bb_list = b;
+    } else {
+        b->next = before->next;
+        b->prev = before;
+        before->next = b;
+        if (b->next) b->next->prev = b;
+        else fi->bb_list->prev = b;
+    }
+    mark_dominators_dirty();
+    return b;
+}
+
+BBLK* insert_new_bb_with_branch(int dfn, BBLK* after, BBLK* target, const PSN* position) {
+    BBLK* n = new BBLK;
+    n->dfn = dfn;
+    n->trace = -1;
+    n->next = after->next;
+    n->prev = after;
+    after->next = n;
+    if (n->next) n->next->prev = n;
+    else currfuninfo->bb_list->prev = n;
+    n->chain = after->chain;
+    after->chain = n;
+    n->label = new_label_number();
+    BODY_ENTRY jump;
+    jump.tree = mk_BRANCH(target->label);
+    if (position) jump.pos = *position;
+    n->statements.push_back(jump);
+    mark_dominators_dirty();
+    return n;
+}
+
+void renumber_bblocks() {
+    FUNINFO* fi = currfuninfo;
+    int n = 0;
+    BBLK* last = nullptr;
+    bool all_have_successors = true;
+    for (BBLK* b = fi->bb_list; b; b = b->next) {
+        if (last) b->prev = last;
+        b->dfn = ++n;
+        last = b;
+        if (!b->successors && b->next) all_have_successors = false;
+    }
+    if (fi->bb_list) fi->bb_list->prev = last;
+    fi->bb_count = n;
+    unsigned flags = fi->flags();
+    if (all_have_successors && (flags & FUN_EDGES_PENDING) && !(flags & FUN_EDGES_COMPLETE)) {
+        fi->set_flags(FUN_EDGES_COMPLETE);
+        fi->clear_flags(FUN_EDGES_PENDING);
+    }
+}
+
+void subst_bb_for_bb_in_bb(BBLK* replacement, BBLK* old, BBLK* bb) {
+    for (BODY_ENTRY& e : bb->statements) {
+        if (!e.tree || !(e.tree->opcode == BRANCH || e.tree->opcode == CBRANCH || e.tree->opcode == SWITCH)) continue;
+        auto remap = [&](NODE*& slot) {
+            if (slot->opcode == LABEL && slot->value == INT65(old->label)) slot->value = INT65(replacement->label);
+        };
+        walk_and_modify_tree(e.tree, remap);
+    }
+}
+
+static void replace_edge(EDGE* list, BBLK* from, BBLK* to) {
+    for (; list; list = list->rest)
+        if (list->bb == from) list->bb = to;
+}
+
+BBLK* split_cfg_edge(BBLK* from, BBLK* to) {
+    BBLK* n = insert_new_bb_with_branch(0, from, to, nullptr);
+    subst_bb_for_bb_in_bb(n, to, from);
+    replace_edge(from->successors, to, n);
+    replace_edge(to->predecessors, from, n);
+    n->predecessors = new EDGE{from, -1.0, nullptr};
+    n->successors = new EDGE{to, -1.0, nullptr};
+    renumber_bblocks();
+    return n;
+}
+
+bool bb_is_split_critical_edge(const BBLK* bb) {
+    return edge_length(bb->predecessors) == 1 && edge_length(bb->successors) == 1 &&
+           edge_length(bb->predecessors->bb->successors) >= 2 && edge_length(bb->successors->bb->predecessors) >= 2;
+}
+
+void split_critical_edges(bool all) {
+    std::vector<BBLK*> blocks = layout_blocks();
+    for (auto it = blocks.rbegin(); it != blocks.rend(); ++it) {
+        BBLK* b = *it;
+        if (edge_length(b->successors) < 2) continue;
+        std::vector<BBLK*> targets;
+        for (EDGE* e = b->successors; e; e = e->rest) targets.push_back(e->bb);
+        for (BBLK* s : targets) {
+            if (edge_length(s->predecessors) < 2) continue;
+            if (!all) {
+                if (!b->loop && b->dfn >= s->dfn) continue;
+                if (b->loop && b->loop == s->loop && b == b->loop->tail && s == b->loop->head) continue;
+            }
+            if (print_debug && FDEBUG)
+                DBG_CHECK(std::fprintf(FDEBUG, "Splitting critical edge between BB%d and BB%d\n", b->dfn, s->dfn));
+            BBLK* n = split_cfg_edge(b, s);
+            if (b->loop) {
+                struct LOOP* l = (s->loop && b->loop->level > s->loop->level) ? s->loop : b->loop;
+                n->loop = l;
+                l->contents = add_edge(n, l->contents);
+                mark_dominators_dirty();
+                sort_edge_list(l->contents);
+                if (s->loop && s->loop->preheader == b) s->loop->preheader = n;
+            }
+        }
+    }
+}
+
+// ---------------------------------------------------------------------------
+// Building the graph from the statement list
+
+void list_branch_targets(const NODE* stmt, std::vector<int>& labels, bool& falls_through) {
+    falls_through = true;
+    if (!stmt) return;
+    auto label_of = [](const NODE* n) { return n && n->opcode == LABEL ? n->value.as<int32_t>() : -1; };
+    switch (stmt->opcode) {
+    case BRANCH:
+        falls_through = false;
+        if (label_of(stmt->left) >= 0) labels.push_back(label_of(stmt->left));
+        break;
+    case CBRANCH:
+        if (label_of(stmt->right) >= 0) labels.push_back(label_of(stmt->right));
+        if (label_of(stmt->left) >= 0) labels.push_back(label_of(stmt->left));
+        break;
+    case RETURN:
+    case URETURN: falls_through = false; break;
+    case SWITCH: {
+        // Every label of the case list; the default may fall through.
+        std::vector<const NODE*> work{stmt};
+        while (!work.empty()) {
+            const NODE* n = work.back();
+            work.pop_back();
+            if (!n) continue;
+            if (n->opcode == LABEL) labels.push_back(n->value.as<int32_t>());
+            work.push_back(n->left);
+            work.push_back(n->right);
+        }
+        break;
+    }
+    default: break;
+    }
+}
+
+static bool ends_block(const NODE* t) {
+    return t && (t->opcode == BRANCH || t->opcode == CBRANCH || t->opcode == RETURN || t->opcode == URETURN ||
+                 t->opcode == SWITCH);
+}
+
+void buildcfg() {
+    FUNINFO* fi = currfuninfo;
+    std::vector<BODY_ENTRY> body;
+    body.swap(fi->body);
+    int max_label = 0;
+    for (BODY_ENTRY& e : body) {
+        if (e.kind != BODY_ENTRY::STMT) continue;
+        walk_and_modify_tree(e.tree, [&](NODE*& n) {
+            if (n->opcode == LABEL) max_label = std::max(max_label, n->value.as<int32_t>());
+        });
+        if (e.tree->opcode == LABELDEF) max_label = std::max(max_label, e.tree->value.as<int32_t>());
+    }
+    fi->max_label = max_label;
+
+    BBLK* current = nullptr;
+    bool current_has_labeldef = false;
+    std::map<int, BBLK*> by_label;
+    auto start_block = [&](int label) {
+        current = mkbblock({}, nullptr, fi);
+        current->label = label;
+        if (label) by_label[label] = current;
+    };
+    for (BODY_ENTRY& e : body) {
+        if (e.kind != BODY_ENTRY::STMT) {
+            fi->scopes.push_back(e);
+            continue;
+        }
+        NODE* t = e.tree;
+        if (t->opcode == LABELDEF) {
+            int label = t->value.as<int32_t>();
+            erase_node(t);
+            if (current && current->statements.empty() && !current_has_labeldef) {
+                current->label = label;
+                by_label[label] = current;
+            } else {
+                start_block(label);
+            }
+            current_has_labeldef = true;
+            continue;
+        }
+        if (!current) {
+            start_block(new_label_number());
+            current_has_labeldef = false;
+        }
+        current->statements.push_back(e);
+        if (ends_block(t)) {
+            current = nullptr;
+            current_has_labeldef = false;
+        }
+    }
+    if (!fi->bb_list) start_block(new_label_number());  // a function without statements
+
+    for (BBLK* b = fi->bb_list; b; b = b->next) {
+        std::vector<int> labels;
+        bool falls = true;
+        list_branch_targets(b->last_tree(), labels, falls);
+        if (falls && b->next) b->successors = add_edge(b->next, b->successors);
+        for (int l : labels) {
+            auto it = by_label.find(l);
+            if (it != by_label.end()) b->successors = add_edge(it->second, b->successors);
+        }
+        b->successors = rev_edge_list(b->successors);
+        for (EDGE* e = b->successors; e; e = e->rest) e->bb->predecessors = add_edge(b, e->bb->predecessors);
+    }
+    renumber_bblocks();
+}
+
+void free_cfg(FUNINFO* fi) {
+    BBLK* b = fi->bb_list;
+    while (b) {
+        BBLK* next = b->next;
+        for (BODY_ENTRY& e : b->statements)
+            if (e.tree) erase_tree(e.tree);
+        free_edge_list(b->predecessors);
+        free_edge_list(b->successors);
+        delete b;
+        b = next;
+    }
+    fi->bb_list = nullptr;
+    fi->bb_count = 0;
+    for (struct LOOP* l : fi->loops) {
+        free_edge_list(l->contents);
+        free_edge_list(l->exits);
+        if (l->trips) erase_tree(l->trips);
+        delete l;
+    }
+    fi->loops.clear();
+    delete fi->dominator;
+    fi->dominator = nullptr;
+    fi->scopes.clear();
+}

@@ -1,0 +1,101 @@
+// Basic blocks, edges and loops of a function.
+// (The record LOOP shares its name with the opcode LOOP; code that sees both
+// writes "struct LOOP".)
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "OPT5/funinfo.h"
+#include "XINT/int65.h"
+
+class NODE;
+struct BBLK;
+struct LOOP;
+class Dominator;
+
+// One cell of an edge list.
+struct EDGE {
+    BBLK* bb = nullptr;
+    double weight = -1.0;  // -1.0: unknown
+    EDGE* rest = nullptr;
+};
+
+struct BBLK {
+    std::vector<BODY_ENTRY> statements;  // trees with their positions
+    BBLK* next = nullptr;                // layout order; null after the last block
+    BBLK* prev = nullptr;                // circular: the entry's prev is the last block
+    BBLK* chain = nullptr;               // blocks made after this one by insert_new_bb_with_branch
+    EDGE* predecessors = nullptr;
+    EDGE* successors = nullptr;
+    int label = 0;                       // the block's label number
+    struct LOOP* loop = nullptr;                // innermost loop holding the block
+    int trace = 0;
+    int dfn = 0;                         // 1-based layout position after renumber_bblocks
+    bool visited = false;
+
+    const NODE* last_tree() const;
+};
+
+// An induction variable: assigned once per iteration by a constant step.
+struct LOOPIV {
+    const void* var = nullptr;  // the SYMTAB of the variable
+    INT65 step;
+};
+
+struct LOOP {
+    struct LOOP* parent = nullptr;
+    struct LOOP* link = nullptr;
+    struct LOOP* counterpart = nullptr;
+    EDGE* contents = nullptr;   // every block of the loop, inner loops' blocks included
+    EDGE* exits = nullptr;      // blocks outside the loop entered from it
+    BBLK* preheader = nullptr;
+    BBLK* head = nullptr;
+    BBLK* tail = nullptr;       // the latch
+    const void* LCV = nullptr;  // the loop-control variable (a SYMTAB), or null
+    NODE* trips = nullptr;      // trip count, when the loop is counted (owned)
+    int tripFactor = 0;
+    std::vector<LOOPIV> ivs;
+    uint32_t flags = 0;
+    uint16_t uid = 0;
+    uint16_t counter = 1;
+    int16_t level = 42;         // 42 until assign_loop_levels runs
+    uint8_t flag_byte = 0xe0;
+};
+
+// Edge lists: each returns the new head of the list.
+EDGE* add_edge(BBLK* bb, EDGE* list, double weight = -1.0);
+EDGE* mkedge(BBLK* bb, EDGE* list);
+EDGE* remove_edge(BBLK* bb, EDGE* list);
+bool edge_memberp(const BBLK* bb, const EDGE* list);
+int edge_length(const EDGE* list);
+EDGE* copy_edge_list(const EDGE* list);
+EDGE* rev_edge_list(EDGE* list);
+void free_edge_list(EDGE* list);
+void sort_edge_list(EDGE* list);  // ascending dfn, stable, the head cell stays the head
+
+// Blocks.
+BBLK* mkbblock(std::vector<BODY_ENTRY> statements, BBLK* next, FUNINFO* fi);
+BBLK* insert_new_bb_with_branch(int dfn, BBLK* after, BBLK* target, const PSN* position);
+void renumber_bblocks();
+// In the jumps of bb, references to old become references to replacement.
+void subst_bb_for_bb_in_bb(BBLK* replacement, BBLK* old, BBLK* bb);
+BBLK* split_cfg_edge(BBLK* from, BBLK* to);
+void split_critical_edges(bool all);
+bool bb_is_split_critical_edge(const BBLK* bb);
+void clear_visited();
+// The blocks of the current function in layout order.
+std::vector<BBLK*> layout_blocks();
+
+// Builds the current function's blocks from its statement list; the block
+// structure replaces the statements of the body.
+void buildcfg();
+// Frees the blocks, edges, loops and dominators of a function.
+void free_cfg(FUNINFO* fi);
+// A new label number for the current function.
+int new_label_number();
+
+// Jumps: the label numbers a statement may transfer control to, and whether
+// control can also go on to the next statement.
+void list_branch_targets(const NODE* stmt, std::vector<int>& labels, bool& falls_through);

@@ -1,0 +1,396 @@
+#include "OPT5/ddbloop.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <map>
+
+#include "OPT5/abort.h"
+#include "OPT5/dominator.h"
+#include "OPT5/globals.h"
+#include "OPT5/node.h"
+#include "OPT5/symtab.h"
+
+namespace {
+const char THIS_MODULE[] = "OPT5/ddbloop";
+
+// Whether control can leave b by falling into the next block.
+bool falls_through(const BBLK* b) {
+    std::vector<int> labels;
+    bool falls = true;
+    list_branch_targets(b->last_tree(), labels, falls);
+    return falls;
+}
+
+// Moves the edge pred -> from to pred -> to, retargeting pred's jump.
+void move_edge(BBLK* pred, BBLK* from, BBLK* to) {
+    subst_bb_for_bb_in_bb(to, from, pred);
+    pred->successors = remove_edge(from, pred->successors);
+    from->predecessors = remove_edge(pred, from->predecessors);
+    pred->successors = add_edge(to, pred->successors);
+    to->predecessors = add_edge(pred, to->predecessors);
+}
+
+BBLK* new_jump_block(BBLK* after, BBLK* target) {
+    BBLK* n = insert_new_bb_with_branch(currfuninfo->bb_count + 1, after, target, nullptr);
+    n->successors = add_edge(target, n->successors);
+    target->predecessors = add_edge(n, target->predecessors);
+    return n;
+}
+
+std::vector<BBLK*> latches_of(BBLK* h) {
+    std::vector<BBLK*> out;
+    for (EDGE* e = h->predecessors; e; e = e->rest)
+        if (e->bb->dfn >= h->dfn) out.push_back(e->bb);
+    std::sort(out.begin(), out.end(), [](BBLK* a, BBLK* b) { return a->dfn < b->dfn; });
+    return out;
+}
+
+// Gives every loop header one latch; false when the function can't have
+// loops (an unreachable block, or a hierarchy already there).
+bool normalise_loops(bool only_if_loops) {
+    FUNINFO* fi = currfuninfo;
+    if (!fi->loops.empty()) return false;
+    renumber_bblocks();
+    for (BBLK* b = fi->bb_list ? fi->bb_list->next : nullptr; b; b = b->next)
+        if (!b->predecessors) return false;
+    int back_edges = 0;
+    for (BBLK* b = fi->bb_list; b; b = b->next)
+        for (EDGE* e = b->successors; e; e = e->rest)
+            if (e->bb->dfn <= b->dfn) ++back_edges;
+    if (back_edges == 0 && only_if_loops) return true;
+    bool inserted = false;
+    // A loop headed by the entry block gets a block in front, so that the
+    // header has an entry from outside.
+    if (fi->bb_list && !latches_of(fi->bb_list).empty()) {
+        BBLK* old_entry = fi->bb_list;
+        BBLK* entry = mkbblock({}, old_entry, fi);
+        entry->label = new_label_number();
+        entry->successors = add_edge(old_entry, entry->successors);
+        old_entry->predecessors = add_edge(entry, old_entry->predecessors);
+        renumber_bblocks();
+    }
+    for (BBLK* h : layout_blocks()) {
+        std::vector<BBLK*> latches = latches_of(h);
+        if (latches.size() < 2) continue;
+        BBLK* lmax = latches.back();
+        if (latches.size() == 2) {
+            // Two nested loops: a new outer header P in front of H takes the
+            // entries from outside and the back edge from Lmax.
+            BBLK* p = new_jump_block(h->prev, h);
+            std::vector<BBLK*> movers;
+            for (EDGE* e = h->predecessors; e; e = e->rest)
+                if (e->bb != p && (e->bb->dfn < h->dfn || e->bb == lmax)) movers.push_back(e->bb);
+            for (BBLK* m : movers) move_edge(m, h, p);
+        } else {
+            // One shared latch T for every back edge.  T goes right after
+            // Lmax, unless Lmax falls into its next block: then at the end.
+            BBLK* after = falls_through(lmax) && lmax->next ? currfuninfo->bb_list->prev : lmax;
+            BBLK* t = new_jump_block(after, h);
+            for (BBLK* l : latches) move_edge(l, h, t);
+        }
+        inserted = true;
+    }
+    if (inserted) renumber_bblocks();
+    return true;
+}
+
+void collect_loop_blocks(struct LOOP* loop) {
+    BBLK* h = loop->head;
+    std::vector<BBLK*> work{loop->tail};
+    std::vector<BBLK*> members{h};
+    h->visited = true;
+    auto take = [&](BBLK* b) {
+        if (b->visited) return;
+        b->visited = true;
+        members.push_back(b);
+        work.push_back(b);
+    };
+    if (loop->tail != h) take(loop->tail);
+    else work.clear();
+    while (!work.empty()) {
+        BBLK* b = work.back();
+        work.pop_back();
+        for (EDGE* e = b->predecessors; e; e = e->rest) take(e->bb);
+    }
+    for (BBLK* b : members) {
+        b->visited = false;
+        if (b == h) continue;
+        if (b->loop && b->loop != loop) {
+            // A block of an inner loop: that loop (or its outermost ancestor
+            // so far) nests in this one.
+            struct LOOP* inner = b->loop;
+            while (inner->parent) inner = inner->parent;
+            if (inner != loop) inner->parent = loop;
+        } else {
+            b->loop = loop;
+        }
+    }
+    for (BBLK* b : members) loop->contents = new EDGE{b, -1.0, loop->contents};
+}
+
+bool discover_loops() {
+    FUNINFO* fi = currfuninfo;
+    Dominator* dom = compute_dominators(false);
+    int count = 0;
+    clear_visited();
+    std::vector<BBLK*> blocks = layout_blocks();
+    for (auto it = blocks.rbegin(); it != blocks.rend(); ++it) {
+        BBLK* h = *it;
+        if (!h->predecessors) continue;
+        sort_edge_list(h->predecessors);
+        for (EDGE* e = h->predecessors; e; e = e->rest) {
+            BBLK* t = e->bb;
+            if (t->dfn < h->dfn) continue;
+            bool heads = h->loop && h->loop->head == h;
+            if (heads || t->loop || latches_of(h).size() != 1 || !dom->dominates(h, t)) return false;
+            struct LOOP* loop = make_LOOP(h, t, ++count, nullptr);
+            fi->loops.push_back(loop);
+            h->loop = loop;
+            collect_loop_blocks(loop);
+        }
+    }
+    return true;
+}
+
+// The variable a statement assigns, with the constant step when it is
+// "v += c", "v -= c", "v = v + c" or "v = v - c".
+const void* assigned_var(const NODE* t, bool& is_step, INT65& step) {
+    is_step = false;
+    if (!t || !t->left || t->left->opcode != NAME) return nullptr;
+    const void* v = t->left->symbol;
+    const NODE* r = t->right;
+    if ((t->opcode == PLUSASG || t->opcode == MINUSASG) && r && r->opcode == ICON) {
+        is_step = true;
+        step = t->opcode == PLUSASG ? r->value : -r->value;
+    } else if (t->opcode == ASG && r && (r->opcode == PLUS || r->opcode == MINUS) && r->left &&
+               r->left->opcode == NAME && r->left->symbol == v && r->right && r->right->opcode == ICON) {
+        is_step = true;
+        step = r->opcode == PLUS ? r->right->value : -r->right->value;
+    } else if (t->opcode != ASG && !(t->opcode >= PLUSASG && t->opcode <= XORBASG) && t->opcode != PLUSPLUS &&
+               t->opcode != MINMIN && t->opcode != MULTASG && t->opcode != DIVASG) {
+        return nullptr;
+    }
+    return v;
+}
+
+// The constant a variable holds on entry to the loop: the last assignment
+// of a constant to it in the blocks that lead to the header from outside,
+// walking back through single predecessors.
+bool find_expr_init(const struct LOOP* loop, const void* var, INT65& value) {
+    BBLK* b = nullptr;
+    for (EDGE* e = loop->head->predecessors; e; e = e->rest)
+        if (!loop_contains(loop, e->bb)) {
+            if (b) return false;
+            b = e->bb;
+        }
+    for (int guard = 0; b && guard < 64; ++guard) {
+        for (auto it = b->statements.rbegin(); it != b->statements.rend(); ++it) {
+            const NODE* t = it->tree;
+            bool is_step;
+            INT65 step;
+            if (assigned_var(t, is_step, step) != var) continue;
+            if (t->opcode == ASG && t->right && t->right->opcode == ICON) {
+                value = t->right->value;
+                return true;
+            }
+            return false;
+        }
+        b = edge_length(b->predecessors) == 1 ? b->predecessors->bb : nullptr;
+    }
+    return false;
+}
+
+INT65 ceil_div(INT65 a, INT65 b) { return (a + b - INT65(1)) / b; }
+
+void dump_loops() {
+    if (!print_debug || !FDEBUG) return;
+    DBG_CHECK(std::fprintf(FDEBUG, "\n\n\t\t\t---------- ENTERING 'build_loop_hierarchy' -------\n"));
+    for (struct LOOP* l : currfuninfo->loops) {
+        DBG_CHECK(std::fprintf(FDEBUG, "LOOP %d: level %d, head BB%d, tail BB%d, preheader BB%d, parent %d, blocks:",
+                               l->uid, l->level, l->head->dfn, l->tail->dfn, l->preheader ? l->preheader->dfn : 0,
+                               l->parent ? l->parent->uid : 0));
+        for (EDGE* e = l->contents; e; e = e->rest) DBG_CHECK(std::fprintf(FDEBUG, " BB%d", e->bb->dfn));
+        if (l->LCV)
+            DBG_CHECK(std::fprintf(FDEBUG, "; LCV %s", static_cast<const SYMTAB*>(l->LCV)->name.c_str()));
+        if (l->trips) DBG_CHECK(std::fprintf(FDEBUG, "; trips %s", l->trips->value.to_string().c_str()));
+        DBG_CHECK(std::fprintf(FDEBUG, "\n"));
+    }
+}
+
+}  // namespace
+
+bool loop_contains(const struct LOOP* loop, const BBLK* bb) { return edge_memberp(bb, loop->contents); }
+
+struct LOOP* make_LOOP(BBLK* head, BBLK* tail, int uid, const struct LOOP* model) {
+    struct LOOP* l = new struct LOOP;
+    if (model) {
+        *l = *model;
+        l->contents = copy_edge_list(model->contents);
+        l->exits = copy_edge_list(model->exits);
+        l->trips = model->trips ? copy_tree(model->trips) : nullptr;
+        l->link = l->counterpart = nullptr;
+    }
+    if (head || !model) l->head = head;
+    if (tail || !model) l->tail = tail;
+    if (uid >= 0 || !model) l->uid = static_cast<uint16_t>(uid);
+    return l;
+}
+
+void unbuild_loop_hierarchy() {
+    FUNINFO* fi = currfuninfo;
+    for (BBLK* b = fi->bb_list; b; b = b->next) b->loop = nullptr;
+    for (struct LOOP* l : fi->loops) {
+        free_edge_list(l->contents);
+        free_edge_list(l->exits);
+        if (l->trips) erase_tree(l->trips);
+        delete l;
+    }
+    fi->loops.clear();
+}
+
+void assign_loop_levels(struct LOOP* loop, int level) {
+    if (level < INT16_MIN || level > INT16_MAX) {
+        std::fprintf(stderr, "Too many nested loops:  %d\n", level);
+        abort_optimizer();
+    }
+    loop->level = static_cast<int16_t>(level);
+    for (struct LOOP* inner : currfuninfo->loops)
+        if (inner->parent == loop) assign_loop_levels(inner, level + 1);
+    if (loop->contents && loop->contents->bb->dfn > loop->head->dfn) sort_edge_list(loop->contents);
+}
+
+bool loop_is_innermost(const struct LOOP* loop) {
+    for (struct LOOP* l : currfuninfo->loops)
+        if (l->parent == loop) return false;
+    return true;
+}
+
+void build_list_of_innermost_loop_headers(const struct LOOP* loop, std::vector<BBLK*>& list) {
+    for (struct LOOP* l : currfuninfo->loops)
+        if ((loop == nullptr || l->parent == loop) && loop_is_innermost(l)) list.push_back(l->head);
+        else if (l->parent == loop) build_list_of_innermost_loop_headers(l, list);
+}
+
+void add_exit_blocks(struct LOOP* loop) {
+    for (EDGE* e = loop->contents; e; e = e->rest)
+        for (EDGE* s = e->bb->successors; s; s = s->rest)
+            if (!loop_contains(loop, s->bb)) loop->exits = add_edge(s->bb, loop->exits);
+}
+
+void find_loop_IVs(struct LOOP* loop) {
+    std::map<const void*, int> assignments;
+    std::map<const void*, INT65> steps;
+    for (EDGE* e = loop->contents; e; e = e->rest)
+        for (BODY_ENTRY& s : e->bb->statements) {
+            bool is_step;
+            INT65 step;
+            const void* v = assigned_var(s.tree, is_step, step);
+            if (!v) continue;
+            ++assignments[v];
+            if (is_step) steps[v] = step;
+        }
+    loop->ivs.clear();
+    for (auto& [v, n] : assignments)
+        if (n == 1 && steps.count(v) && !steps[v].is_zero()) loop->ivs.push_back({v, steps[v]});
+}
+
+void find_loop_LCV(struct LOOP* loop) {
+    // The exit test: a conditional jump at the latch back to the header
+    // (the loop goes on while the test holds), or at the header out of the
+    // loop (the loop ends when it holds), comparing an induction variable
+    // with a constant.
+    struct Test {
+        const NODE* cond = nullptr;
+        bool continue_while_true = true;
+    } test;
+    const NODE* latch = loop->tail->last_tree();
+    const NODE* head = loop->head->last_tree();
+    if (latch && latch->opcode == CBRANCH && latch->right && latch->right->opcode == LABEL &&
+        latch->right->value == INT65(loop->head->label)) {
+        test = {latch->left, true};
+    } else if (head && head->opcode == CBRANCH && head->right && head->right->opcode == LABEL) {
+        bool exits = false;
+        for (EDGE* e = loop->head->successors; e; e = e->rest)
+            if (!loop_contains(loop, e->bb) && e->bb->label == head->right->value.as<int32_t>()) exits = true;
+        if (exits) test = {head->left, false};
+    }
+    const NODE* c = test.cond;
+    if (!c || !c->left || !c->right || c->left->opcode != NAME || c->right->opcode != ICON) return;
+    const LOOPIV* iv = nullptr;
+    for (const LOOPIV& v : loop->ivs)
+        if (v.var == c->left->symbol) iv = &v;
+    if (!iv) return;
+    loop->LCV = iv->var;
+
+    INT65 init;
+    if (!find_expr_init(loop, iv->var, init)) return;
+    // Normalize to "go on while i < bound" (or <=, !=) for a positive step,
+    // and the mirror image for a negative one.
+    int op = c->opcode;
+    if (!test.continue_while_true) {
+        switch (op) {
+        case LT: op = GE; break;
+        case LE: op = GT; break;
+        case GT: op = LE; break;
+        case GE: op = LT; break;
+        case ULT: op = UGE; break;
+        case ULE: op = UGT; break;
+        case UGT: op = ULE; break;
+        case UGE: op = ULT; break;
+        case EQ: op = NEQ; break;
+        case NEQ: op = EQ; break;
+        default: return;
+        }
+    }
+    INT65 bound = c->right->value, step = iv->step, span;
+    bool up = !step.is_negative();
+    INT65 s = up ? step : -step;
+    switch (op) {
+    case LT: case ULT: if (!up) return; span = bound - init; break;
+    case LE: case ULE: if (!up) return; span = bound - init + INT65(1); break;
+    case GT: case UGT: if (up) return; span = init - bound; break;
+    case GE: case UGE: if (up) return; span = init - bound + INT65(1); break;
+    case NEQ:
+        span = up ? bound - init : init - bound;
+        if (!(span % s).is_zero()) return;  // would step over the bound
+        break;
+    default: return;
+    }
+    INT65 trips = span.is_negative() || span.is_zero() ? INT65(0) : ceil_div(span, s);
+    // A test at the bottom runs the body once before it is first tested.
+    if (test.continue_while_true && trips.is_zero()) trips = INT65(1);
+    TYPE* type = c->right->type;
+    loop->trips = mk_ICON(trips, type);
+}
+
+void build_loop_hierarchy(bool value_ranges, bool, bool, int normalise) {
+    OPT_REQUIRE(currfuninfo && currfuninfo->bb_list);
+    unbuild_loop_hierarchy();
+    bool do_normalise = normalise >= 0 ? normalise != 0 : value_ranges;
+    if (do_normalise ? !normalise_loops(true) : false) return;
+    renumber_bblocks();
+    if (!discover_loops()) {
+        unbuild_loop_hierarchy();
+        dump_loops();
+        return;
+    }
+    for (struct LOOP* l : currfuninfo->loops)
+        if (!l->parent) assign_loop_levels(l, 1);
+    for (struct LOOP* l : currfuninfo->loops) {
+        BBLK* outside = nullptr;
+        int entries = 0;
+        for (EDGE* e = l->head->predecessors; e; e = e->rest)
+            if (!loop_contains(l, e->bb)) {
+                outside = e->bb;
+                ++entries;
+            }
+        if (entries == 1 && edge_length(outside->successors) == 1) l->preheader = outside;
+        add_exit_blocks(l);
+    }
+    // Inner loops first: they were discovered first.
+    for (struct LOOP* l : currfuninfo->loops) {
+        find_loop_IVs(l);
+        find_loop_LCV(l);
+    }
+    dump_loops();
+}

@@ -1,0 +1,20 @@
+// The loop hierarchy of the current function.
+#pragma once
+
+#include "OPT5/bbutils.h"
+
+// Rebuilds the hierarchy: normalizes the loops (unless `normalise` is 0, or
+// it is negative and `value_ranges` is false), finds the natural loops,
+// their levels, preheaders, exits, induction variables, control variables
+// and trip counts, and lists them on the debug stream.  A function whose
+// flow is irreducible (or has unreachable blocks) is left without loops.
+void build_loop_hierarchy(bool value_ranges, bool scalar_memrefs, bool simplify_loops, int normalise);
+void unbuild_loop_hierarchy();
+struct LOOP* make_LOOP(BBLK* head, BBLK* tail, int uid, const struct LOOP* model);
+void assign_loop_levels(struct LOOP* loop, int level);
+void find_loop_IVs(struct LOOP* loop);
+void find_loop_LCV(struct LOOP* loop);
+void add_exit_blocks(struct LOOP* loop);
+bool loop_is_innermost(const struct LOOP* loop);
+void build_list_of_innermost_loop_headers(const struct LOOP* loop, std::vector<BBLK*>& list);
+bool loop_contains(const struct LOOP* loop, const BBLK* bb);
