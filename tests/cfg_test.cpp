@@ -1,0 +1,231 @@
+#include <gtest/gtest.h>
+
+#include "OPT5/bbutils.h"
+#include "OPT5/ddbloop.h"
+#include "OPT5/dominator.h"
+#include "OPT5/globals.h"
+#include "OPT5/node.h"
+#include "OPT5/opcodes.h"
+#include "OPT5/symtab.h"
+
+namespace {
+
+// Builds a function from statements and runs buildcfg on it.
+class Cfg : public ::testing::Test {
+protected:
+    void SetUp() override {
+        init_opcode_tables();
+        currfuninfo = &fi;
+        i.name = "i";
+        c.name = "c";
+    }
+    void TearDown() override {
+        free_cfg(&fi);
+        currfuninfo = nullptr;
+    }
+    NODE* name(SYMTAB& s) {
+        NODE* n = new_node(NAME, i16);
+        n->symbol = &s;
+        return n;
+    }
+    NODE* k(int v) { return mk_ICON(v, i16); }
+    void stmt(NODE* t) {
+        BODY_ENTRY e;
+        e.tree = t;
+        fi.body.push_back(e);
+    }
+    void label(int n) { stmt(mk_LABELDEF(mk_LABELREF(n))); }
+    void branch(int n) { stmt(mktree(BRANCH, nullptr, mk_LABELREF(n))); }
+    void cbranch(NODE* cond, int n) { stmt(mktree(CBRANCH, nullptr, cond, mk_LABELREF(n))); }
+    void set(SYMTAB& s, int v) { stmt(mktree(ASG, i16, name(s), k(v))); }
+    void step(SYMTAB& s, int v) { stmt(mktree(PLUSASG, i16, name(s), k(v))); }
+    void ret() { stmt(mktree(URETURN, i16, k(0))); }
+    NODE* cmp(int op, SYMTAB& s, int v) { return mktree(op, i16, name(s), k(v)); }
+
+    std::vector<int> succs(int dfn) {
+        std::vector<int> out;
+        for (EDGE* e = dominators()->DFSblock(dfn)->successors; e; e = e->rest) out.push_back(e->bb->dfn);
+        std::sort(out.begin(), out.end());
+        return out;
+    }
+
+    TYPE_PKG pkg;
+    TYPE* i16 = pkg.mk_int(TYPE::IK_INT, true);
+    FUNINFO fi{nullptr};
+    SYMTAB i, c;
+};
+
+TEST_F(Cfg, BlocksEdgesAndDominatorsOfADiamond) {
+    set(i, 0);
+    cbranch(cmp(LT, i, 1), 1);
+    set(i, 2);
+    branch(2);
+    label(1);
+    set(i, 3);
+    label(2);
+    ret();
+    buildcfg();
+    ASSERT_EQ(fi.bb_count, 4);
+    EXPECT_EQ(succs(1), (std::vector<int>{2, 3}));
+    EXPECT_EQ(succs(2), (std::vector<int>{4}));
+    EXPECT_EQ(succs(3), (std::vector<int>{4}));
+    EXPECT_TRUE(succs(4).empty());
+    Dominator* d = dominators();
+    EXPECT_EQ(d->immediate_dominator(2), 1);
+    EXPECT_EQ(d->immediate_dominator(3), 1);
+    EXPECT_EQ(d->immediate_dominator(4), 1);
+    EXPECT_EQ(d->immediate_post_dominator(1), 4);
+    EXPECT_EQ(d->immediate_post_dominator(2), 4);
+    EXPECT_TRUE(d->dominates(3, 3));
+    EXPECT_FALSE(d->dominates(3, 0));
+    EXPECT_FALSE(d->dominates(2, 4));
+    EXPECT_TRUE(d->post_dominates(4, 1));
+    EXPECT_EQ(d->dominator_children(1), (std::vector<int>{2, 3, 4}));
+    EXPECT_EQ(d->DFSblock(3)->label, 1);
+    EXPECT_EXIT(d->DFSblock(9), ::testing::ExitedWithCode(1), "terminated abnormally");
+
+    // Adding an edge that is already there changes nothing, not even the dominators.
+    BBLK* b1 = d->DFSblock(1);
+    EDGE* before = b1->successors;
+    EXPECT_EQ(add_edge(d->DFSblock(2), before), before);
+    EXPECT_FALSE(d->dirty);
+    b1->successors = add_edge(d->DFSblock(4), b1->successors);
+    EXPECT_TRUE(d->dirty);
+    EXPECT_EQ(d->immediate_dominator(4), 1);  // rebuilt on the query
+}
+
+TEST_F(Cfg, SortKeepsTheHeadCellAndEqualOrder) {
+    BBLK a, b, c2, d2;
+    a.dfn = 3;
+    b.dfn = 1;
+    c2.dfn = 2;
+    d2.dfn = 1;
+    EDGE* list = nullptr;
+    for (BBLK* x : {&d2, &c2, &b, &a}) list = new EDGE{x, -1.0, list};  // 3 1 2 1
+    EDGE* head = list;
+    sort_edge_list(list);
+    EXPECT_EQ(list, head);
+    std::vector<BBLK*> order;
+    for (EDGE* e = list; e; e = e->rest) order.push_back(e->bb);
+    EXPECT_EQ(order, (std::vector<BBLK*>{&b, &d2, &c2, &a}));
+    free_edge_list(list);
+}
+
+TEST_F(Cfg, CriticalEdgeIsSplit) {
+    cbranch(cmp(LT, i, 1), 2);  // B1 -> B2, B3
+    set(i, 2);                  // B2 -> B3
+    label(2);
+    ret();                      // B3 has two predecessors
+    buildcfg();
+    ASSERT_EQ(fi.bb_count, 3);
+    split_critical_edges(false);
+    ASSERT_EQ(fi.bb_count, 4);
+    BBLK* n = dominators()->DFSblock(2);  // right after B1 in layout
+    EXPECT_TRUE(bb_is_split_critical_edge(n));
+    EXPECT_EQ(succs(1), (std::vector<int>{2, 3}));
+    EXPECT_EQ(succs(2), (std::vector<int>{4}));
+    // B1's jump now goes to the new block.
+    const NODE* jump = dominators()->DFSblock(1)->last_tree();
+    EXPECT_EQ(jump->right->value, INT65(n->label));
+}
+
+TEST_F(Cfg, CountedLoopTestedAtTheBottom) {
+    set(i, 0);
+    label(1);
+    set(c, 7);
+    step(i, 2);
+    cbranch(cmp(LT, i, 9), 1);
+    ret();
+    buildcfg();
+    build_loop_hierarchy(false, false, false, 1);
+    ASSERT_EQ(fi.loops.size(), 1u);
+    struct LOOP* l = fi.loops[0];
+    EXPECT_EQ(l->level, 1);
+    EXPECT_EQ(l->head, l->tail);
+    EXPECT_EQ(l->preheader, fi.bb_list);
+    EXPECT_EQ(l->LCV, &i);
+    ASSERT_NE(l->trips, nullptr);
+    EXPECT_EQ(l->trips->value, INT65(5));  // i = 0, 2, 4, 6, 8
+    ASSERT_EQ(l->ivs.size(), 1u);          // c is assigned a constant, not stepped
+    EXPECT_EQ(l->ivs[0].step, INT65(2));
+    EXPECT_EQ(edge_length(l->exits), 1);
+}
+
+TEST_F(Cfg, CountedLoopTestedAtTheTop) {
+    set(i, 10);
+    label(1);
+    cbranch(cmp(LE, i, 0), 2);
+    step(i, -3);
+    branch(1);
+    label(2);
+    ret();
+    buildcfg();
+    build_loop_hierarchy(false, false, false, 1);
+    ASSERT_EQ(fi.loops.size(), 1u);
+    ASSERT_NE(fi.loops[0]->trips, nullptr);
+    EXPECT_EQ(fi.loops[0]->trips->value, INT65(4));  // i = 10, 7, 4, 1
+}
+
+TEST_F(Cfg, TwoBackEdgesBecomeNestedLoops) {
+    set(i, 0);
+    label(1);
+    step(i, 1);
+    cbranch(cmp(LT, i, 3), 1);  // first latch: the header itself
+    step(c, 1);
+    cbranch(cmp(LT, c, 3), 1);  // second latch
+    ret();
+    buildcfg();
+    int blocks = fi.bb_count;
+    build_loop_hierarchy(false, false, false, 1);
+    EXPECT_EQ(fi.bb_count, blocks + 1);
+    ASSERT_EQ(fi.loops.size(), 2u);
+    struct LOOP* inner = fi.loops[0]->parent ? fi.loops[0] : fi.loops[1];
+    struct LOOP* outer = inner->parent;
+    ASSERT_NE(outer, nullptr);
+    EXPECT_EQ(outer->level, 1);
+    EXPECT_EQ(inner->level, 2);
+    EXPECT_EQ(outer->head->next, inner->head);  // the new header stands right before the old
+    EXPECT_EQ(inner->tail, inner->head);
+}
+
+TEST_F(Cfg, ThreeBackEdgesShareOneLatch) {
+    label(1);
+    step(i, 1);
+    cbranch(cmp(LT, i, 3), 1);
+    cbranch(cmp(LT, c, 3), 1);
+    cbranch(cmp(LT, c, 4), 1);
+    ret();
+    buildcfg();
+    build_loop_hierarchy(false, false, false, 1);
+    ASSERT_EQ(fi.loops.size(), 1u);
+    struct LOOP* l = fi.loops[0];
+    EXPECT_EQ(edge_length(l->head->predecessors), 2);  // the entry and the shared latch
+    EXPECT_EQ(l->tail->statements.size(), 1u);        // the new block: one jump
+    EXPECT_EQ(l->tail->last_tree()->opcode, BRANCH);
+}
+
+TEST_F(Cfg, IrreducibleFlowHasNoLoops) {
+    cbranch(cmp(LT, c, 1), 2);  // enters the cycle in its middle
+    label(1);
+    set(i, 1);
+    label(2);
+    cbranch(cmp(LT, i, 5), 1);
+    ret();
+    buildcfg();
+    build_loop_hierarchy(false, false, false, 1);
+    EXPECT_TRUE(fi.loops.empty());
+    for (BBLK* b : layout_blocks()) EXPECT_EQ(b->loop, nullptr);
+}
+
+TEST_F(Cfg, NewLoopsCarryTheUnassignedLevel) {
+    struct LOOP* l = make_LOOP(nullptr, nullptr, 3, nullptr);
+    EXPECT_EQ(l->level, 42);
+    EXPECT_EQ(l->counter, 1);
+    EXPECT_EQ(l->flag_byte, 0xe0);
+    struct LOOP* copy = make_LOOP(nullptr, nullptr, -1, l);
+    EXPECT_EQ(copy->uid, 3);
+    delete copy;
+    delete l;
+}
+
+}  // namespace
