@@ -364,6 +364,16 @@ void buildcfg() {
     renumber_bblocks();
 }
 
+void free_loops(FUNINFO* fi) {
+    for (struct LOOP* l : fi->loops) {
+        free_edge_list(l->contents);
+        free_edge_list(l->exits);
+        if (l->trips) erase_tree(l->trips);
+        delete l;
+    }
+    fi->loops.clear();
+}
+
 void free_cfg(FUNINFO* fi) {
     BBLK* b = fi->bb_list;
     while (b) {
@@ -377,13 +387,7 @@ void free_cfg(FUNINFO* fi) {
     }
     fi->bb_list = nullptr;
     fi->bb_count = 0;
-    for (struct LOOP* l : fi->loops) {
-        free_edge_list(l->contents);
-        free_edge_list(l->exits);
-        if (l->trips) erase_tree(l->trips);
-        delete l;
-    }
-    fi->loops.clear();
+    free_loops(fi);
     delete fi->dominator;
     fi->dominator = nullptr;
     fi->scopes.clear();

@@ -93,6 +93,8 @@ std::vector<BBLK*> layout_blocks();
 void buildcfg();
 // Frees the blocks, edges, loops and dominators of a function.
 void free_cfg(FUNINFO* fi);
+// Frees a function's loop records (the blocks keep their loop pointers).
+void free_loops(FUNINFO* fi);
 // A new label number for the current function.
 int new_label_number();
 

@@ -239,13 +239,7 @@ struct LOOP* make_LOOP(BBLK* head, BBLK* tail, int uid, const struct LOOP* model
 void unbuild_loop_hierarchy() {
     FUNINFO* fi = currfuninfo;
     for (BBLK* b = fi->bb_list; b; b = b->next) b->loop = nullptr;
-    for (struct LOOP* l : fi->loops) {
-        free_edge_list(l->contents);
-        free_edge_list(l->exits);
-        if (l->trips) erase_tree(l->trips);
-        delete l;
-    }
-    fi->loops.clear();
+    free_loops(fi);
 }
 
 void assign_loop_levels(struct LOOP* loop, int level) {
