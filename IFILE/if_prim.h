@@ -3,7 +3,20 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <vector>
+
+// An unsigned LEB128 read straight from a stream (the size of a record).
+// False at the end of the stream or past 64 bits; `out` holds what was read.
+inline bool if_read_uint(FILE* f, uint64_t& out) {
+    out = 0;
+    for (int shift = 0;; shift += 7) {
+        int c = std::fgetc(f);
+        if (c == EOF || shift > 63) return false;
+        out |= static_cast<uint64_t>(c & 0x7F) << shift;
+        if (!(c & 0x80)) return true;
+    }
+}
 
 // Unsigned LEB128: 7 bits a byte, low group first, bit 7 set on all but the
 // last byte.  False when the bytes run out or the value passes 64 bits.

@@ -89,14 +89,7 @@ int I_FILE::read_header(uint64_t& size) {
     if (id == EOF) if_invalid_record();
     size = 0;
     if (id == IR_END) return id;
-    int shift = 0;
-    for (;;) {
-        int c = std::fgetc(f_);
-        if (c == EOF || shift > 63) if_invalid_record();
-        size |= static_cast<uint64_t>(c & 0x7F) << shift;
-        shift += 7;
-        if (!(c & 0x80)) break;
-    }
+    if (!if_read_uint(f_, size)) if_invalid_record();
     return id;
 }
 
@@ -235,15 +228,7 @@ bool I_FILE::if_read_magic() {
     int id = std::fgetc(f_);
     if (id != IR_HEADER) return false;
     uint64_t size = 0;
-    int shift = 0;
-    for (;;) {
-        int c = std::fgetc(f_);
-        if (c == EOF || shift > 63) return false;
-        size |= static_cast<uint64_t>(c & 0x7F) << shift;
-        shift += 7;
-        if (!(c & 0x80)) break;
-    }
-    if (size > 65536) return false;
+    if (!if_read_uint(f_, size) || size > 65536) return false;
     body_.resize(static_cast<size_t>(size));
     pos_ = 0;
     if (std::fread(body_.data(), 1, body_.size(), f_) != body_.size()) return false;
@@ -280,20 +265,7 @@ bool I_FILE::if_check_lengths() {
             if_seek(here);
             return true;
         }
-        bool ok = id != EOF && accepted_by_length_check(id);
-        if (ok) {
-            int shift = 0;
-            for (;;) {
-                int c = std::fgetc(f_);
-                if (c == EOF || shift > 63) {
-                    ok = false;
-                    break;
-                }
-                size |= static_cast<uint64_t>(c & 0x7F) << shift;
-                shift += 7;
-                if (!(c & 0x80)) break;
-            }
-        }
+        bool ok = id != EOF && accepted_by_length_check(id) && if_read_uint(f_, size);
         if (ok && std::fseek(f_, static_cast<long>(size), SEEK_CUR) != 0) ok = false;
         if (!ok) {
             std::fprintf(stderr, ">>I-file error:@%d,id=%d,sz=%d,prev [@%d,id=%d,sz=%d]\n", static_cast<int>(at), id,

@@ -192,12 +192,7 @@ struct reader {
         if (id == EOF) throw bad_input("unexpected end of file");
         size = 0;
         if (id == IR_END) return id;
-        for (int shift = 0;; shift += 7) {
-            int c = std::fgetc(in);
-            if (c == EOF || shift > 63) throw bad_input("bad record size");
-            size |= static_cast<uint64_t>(c & 0x7F) << shift;
-            if (!(c & 0x80)) break;
-        }
+        if (!if_read_uint(in, size)) throw bad_input("bad record size");
         body.clear();
         while (body.size() < size) {
             size_t chunk = static_cast<size_t>(std::min<uint64_t>(size - body.size(), 65536));
