@@ -7,7 +7,6 @@
 #include "IFILE/if_node.h"
 #include "IFILE/if_prim.h"
 #include "TYPES/type_pkg.h"
-#include "UTIL/cleanup.h"
 
 namespace {
 constexpr int OP_LABEL = 1, OP_NAME = 2, OP_SCON = 3, OP_ICON = 4, OP_FCON = 5, OP_LCON = 25, OP_FIELD = 26,

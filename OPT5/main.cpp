@@ -233,10 +233,10 @@ void print_time_stats(FILE* out, clock_t unit_ticks) {
 }
 
 void reset_driver() {
-    destroy_passes();
+    // "output function" goes first, so that destroy_passes can restart the serials.
     delete output_function_pass;
     output_function_pass = nullptr;
-    serial_namespace<pass::pass_manager>::reset();
+    destroy_passes();
     steps_table.clear();
     unsuppressed_functions.clear();
     functions.clear();
