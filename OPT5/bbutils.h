@@ -62,6 +62,7 @@ struct LOOP {
     uint16_t counter = 1;
     int16_t level = 42;         // 42 until assign_loop_levels runs
     uint8_t flag_byte = 0xe0;
+    bool assertions_in_force = false;  // the loop's own assertions may be used
 };
 
 // Edge lists: each returns the new head of the list.

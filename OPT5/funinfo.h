@@ -64,6 +64,11 @@ struct FUNINFO {
     std::vector<struct LOOP*> loops;    // owned, in order of discovery
     int max_label = 0;                  // largest label number in use
 
+    // Assertions the simplifier may use to decide tests (owned copies of
+    // the asserted conditions) and whether they are in force.
+    std::vector<NODE*> assertions;
+    bool assertions_in_force = false;
+
     unsigned flags() {
         std::lock_guard<std::mutex> lock(flags_mutex_);
         return flags_;

@@ -1,4 +1,5 @@
 #include "OPT5/node.h"
+#include "OPT5/simp.h"
 
 #include <cstdio>
 #include <deque>
@@ -100,7 +101,7 @@ void NODE::mk_lcon(const char* t) {
     INT65 v;
     bool overflow = false;
     if (!INT65::parse(t ? t : "", v, &overflow)) if_invalid_record();
-    value = type ? truncate_to_type(v, type) : v;
+    value = type && type->stripped()->kind != TYPE::FLOAT_T && integer_view(type) ? truncate_to_type(v, type) : v;
     opcode = ICON;
 }
 
@@ -128,14 +129,6 @@ void NODE::mk_ucall(unsigned count) {
     if (currfuninfo) currfuninfo->no_calls = false;
 }
 
-INT65 truncate_to_type(INT65 v, TYPE* type) {
-    if (!type) return v;
-    TYPE* t = type->stripped();
-    if (t->kind == TYPE::ENUM_T && t->base) t = t->base->stripped();
-    if (t->kind == TYPE::INT_T) return v.truncate(static_cast<unsigned>(t->size), t->signed_flag);
-    if (t->kind == TYPE::PTR_T) return v.truncate(static_cast<unsigned>(t->size), false);
-    return v;
-}
 
 NODE* new_node(int opcode, TYPE* type) {
     NODE* n = allocate_node();

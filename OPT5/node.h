@@ -97,7 +97,9 @@ NODE* mk_integer_constant(INT65 v, TYPE* type);
 NODE* mk_LABELREF(int label);
 NODE* mk_LABELDEF(NODE* label);
 NODE* mk_ASM(int kind, const std::string& text);
-// The value wrapped to the width and signedness of an integer type.
+// The value wrapped to the width and signedness of an integer type (a
+// pointer counts as the pointer-sized integer; any other type is an
+// internal error).
 INT65 truncate_to_type(INT65 v, TYPE* type);
 
 NODE* copy_node_if_changed(NODE* node, NODE* left, NODE* right);

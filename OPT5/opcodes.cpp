@@ -56,6 +56,9 @@ int float_micro_ops_to_op(unsigned micro_ops) {
     return micro_ops < 32 ? back[micro_ops] : -1;
 }
 
+int boolean_inv[NUM_OPCODES];
+int commute_inv[NUM_OPCODES];
+
 void init_opcode_tables() {
     for (int i = 0; i < NUM_OPCODES; ++i) {
         node_operator_name[i] = nullptr;
@@ -69,6 +72,27 @@ void init_opcode_tables() {
         precedence[r.number] = r.precedence;
         side_effects[r.number] = r.side_effects;
     }
+    for (int i = 0; i < NUM_OPCODES; ++i) boolean_inv[i] = commute_inv[i] = ILLOP;
+    const int inverse_pairs[][2] = {{EQ, NEQ}, {LT, GE}, {LE, GT}, {ULT, UGE}, {ULE, UGT}};
+    for (auto& p : inverse_pairs) {
+        boolean_inv[p[0]] = p[1];
+        boolean_inv[p[1]] = p[0];
+    }
+    // A floating comparison's inverse holds for exactly the other outcomes
+    // (unordered included) and keeps the N form; not every set has an opcode.
+    for (int i = 0; i < 14; ++i) {
+        unsigned m = float_op_to_micro_ops[i];
+        int inv = float_micro_ops_to_op((~m & 0xFu) | (m & 0x10u));
+        boolean_inv[FEQ + i] = inv < 0 ? ILLOP : inv;
+    }
+    // Operators whose operands may be swapped, and what they become.
+    const int commute_pairs[][2] = {{PLUS, PLUS}, {MULT, MULT}, {ANDB, ANDB}, {ORB, ORB},   {XORB, XORB},
+                                    {EQ, EQ},     {NEQ, NEQ},   {LT, GT},     {GT, LT},     {LE, GE},
+                                    {GE, LE},     {ULT, UGT},   {UGT, ULT},   {ULE, UGE},   {UGE, ULE},
+                                    {FEQ, FEQ},   {FNEQ, FNEQ}, {FLT, FGT},   {FGT, FLT},   {FLE, FGE},
+                                    {FGE, FLE},   {FEQN, FEQN}, {FNEQN, FNEQN}, {FLTN, FGTN}, {FGTN, FLTN},
+                                    {FLEN, FGEN}, {FGEN, FLEN}, {FORD, FORD}, {FUNO, FUNO}};
+    for (auto& p : commute_pairs) commute_inv[p[0]] = p[1];
 
     if_node_table_init();
     debug_line(" *** VALIDATING OPCODE TABLES\n");

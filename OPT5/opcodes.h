@@ -186,7 +186,11 @@ extern const char* node_operator_name[NUM_OPCODES];
 extern unsigned char number_of_operands[NUM_OPCODES];  // 255: no such opcode
 extern unsigned char op_OK_for_SP[NUM_OPCODES];
 extern unsigned char precedence[NUM_OPCODES];
-extern unsigned char side_effects[NUM_OPCODES];  // 0 none, 1 assignment, 2 control transfer, 255 any
+extern unsigned char side_effects[NUM_OPCODES];
+// The logical inverse of each comparison (ILLOP when it has none), and the
+// operator to use when the operands of a commutable operator are swapped.
+extern int boolean_inv[NUM_OPCODES];
+extern int commute_inv[NUM_OPCODES];  // 0 none, 1 assignment, 2 control transfer, 255 any
 
 // Fills the tables and checks them against the I-file node table and the
 // floating-comparison micro-operation tables; a mismatch aborts.
