@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <map>
 
+#include "BITVEC/bitvec.h"
 #include "OPT5/abort.h"
 #include "OPT5/dominator.h"
 #include "OPT5/globals.h"
@@ -382,6 +383,7 @@ void free_cfg(FUNINFO* fi) {
             if (e.tree) erase_tree(e.tree);
         free_edge_list(b->predecessors);
         free_edge_list(b->successors);
+        delete b->live_in;
         delete b;
         b = next;
     }
@@ -391,4 +393,101 @@ void free_cfg(FUNINFO* fi) {
     delete fi->dominator;
     fi->dominator = nullptr;
     fi->scopes.clear();
+}
+
+void free_liveness(FUNINFO* fi) {
+    for (BBLK* b = fi->bb_list; b; b = b->next) {
+        delete b->live_in;
+        b->live_in = nullptr;
+    }
+}
+
+void rebuildcfg() {
+    FUNINFO* fi = currfuninfo;
+    std::vector<BODY_ENTRY> body = fi->scopes;
+    for (BBLK* b : layout_blocks()) {
+        BODY_ENTRY label;
+        label.kind = BODY_ENTRY::STMT;
+        label.tree = new_node(LABELDEF, nullptr);
+        label.tree->value = INT65(b->label);
+        if (!b->statements.empty()) label.pos = b->statements.front().pos;
+        body.push_back(label);
+        for (BODY_ENTRY& e : b->statements) body.push_back(e);
+        b->statements.clear();
+    }
+    free_cfg(fi);
+    fi->body = std::move(body);
+    buildcfg();
+}
+
+bool simpcfg(bool merge_blocks, bool keep_empty) {
+    (void)merge_blocks;  // blocks are written in layout order: falling through joins them already
+    (void)keep_empty;
+    FUNINFO* fi = currfuninfo;
+    bool changed = false;
+    for (BBLK* b : layout_blocks()) {
+        if (b->statements.empty()) continue;
+        NODE* t = b->statements.back().tree;
+        if (t->opcode == CBRANCH && t->left && t->left->opcode == ICON) {
+            // A test that always goes one way.
+            changed = true;
+            if (t->left->value.is_zero()) {
+                erase_tree(t);
+                b->statements.pop_back();
+            } else {
+                NODE* label = t->right;
+                t->right = nullptr;
+                erase_tree(t->left);
+                t->left = nullptr;
+                erase_node(t);
+                b->statements.back().tree = mktree(BRANCH, nullptr, label);
+            }
+            t = b->statements.empty() ? nullptr : b->statements.back().tree;
+        }
+        if (t && t->opcode == BRANCH && t->left && t->left->opcode == LABEL && b->next &&
+            t->left->value == INT65(b->next->label)) {
+            erase_tree(t);
+            b->statements.pop_back();
+            changed = true;
+        }
+    }
+    if (changed) rebuildcfg();
+    // Blocks that can't be reached from the entry.
+    std::vector<BBLK*> work{fi->bb_list};
+    clear_visited();
+    if (fi->bb_list) fi->bb_list->visited = true;
+    while (!work.empty()) {
+        BBLK* b = work.back();
+        work.pop_back();
+        for (EDGE* e = b->successors; e; e = e->rest)
+            if (!e->bb->visited) {
+                e->bb->visited = true;
+                work.push_back(e->bb);
+            }
+    }
+    // Nothing reachable jumps or falls into them, so they are unlinked and
+    // the graph is built again without them.
+    bool removed = false;
+    for (BBLK* b : layout_blocks()) {
+        if (b->visited) continue;
+        for (BODY_ENTRY& e : b->statements) erase_tree(e.tree);
+        b->prev->next = b->next;
+        if (b->next) b->next->prev = b->prev;
+        else fi->bb_list->prev = b->prev;
+        free_edge_list(b->predecessors);
+        free_edge_list(b->successors);
+        delete b->live_in;
+        delete b;
+        removed = true;
+    }
+    if (removed) {
+        for (BBLK* b : layout_blocks()) {
+            free_edge_list(b->predecessors);
+            free_edge_list(b->successors);
+            b->predecessors = b->successors = nullptr;
+        }
+        rebuildcfg();
+        changed = true;
+    }
+    return changed;
 }

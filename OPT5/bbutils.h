@@ -11,6 +11,7 @@
 #include "XINT/int65.h"
 
 class NODE;
+class BITVEC;
 struct BBLK;
 struct LOOP;
 class Dominator;
@@ -34,6 +35,7 @@ struct BBLK {
     int trace = 0;
     int dfn = 0;                         // 1-based layout position after renumber_bblocks
     bool visited = false;
+    BITVEC* live_in = nullptr;           // variables live on entry (owned), after liveness
 
     const NODE* last_tree() const;
 };
@@ -94,6 +96,15 @@ std::vector<BBLK*> layout_blocks();
 void buildcfg();
 // Frees the blocks, edges, loops and dominators of a function.
 void free_cfg(FUNINFO* fi);
+// Builds the flow graph again from the statements of the current blocks
+// (after jumps were added, removed or retargeted).
+void rebuildcfg();
+// Folds conditional jumps on constants, drops jumps to the next block and
+// removes blocks that can't be reached; rebuilds the graph when anything
+// changed, which is what it returns.
+bool simpcfg(bool merge_blocks, bool keep_empty);
+// Frees every block's live-in set.
+void free_liveness(FUNINFO* fi);
 // Frees a function's loop records (the blocks keep their loop pointers).
 void free_loops(FUNINFO* fi);
 // A new label number for the current function.

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <mutex>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "IFILE/if_symbol.h"
@@ -68,6 +69,11 @@ struct FUNINFO {
     // the asserted conditions) and whether they are in force.
     std::vector<NODE*> assertions;
     bool assertions_in_force = false;
+
+    // Variables whose liveness is tracked, by their index in the live sets.
+    std::vector<SYMTAB*> lva_syms;
+    std::unordered_map<const SYMTAB*, int> lva_map;
+    bool wants_dead_assign_elim = false;  // copy propagation left dead assignments
 
     unsigned flags() {
         std::lock_guard<std::mutex> lock(flags_mutex_);

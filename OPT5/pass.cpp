@@ -8,6 +8,7 @@
 #include "DIAG/diag.h"
 #include "OPT5/abort.h"
 #include "OPT5/cmdline.h"
+#include "OPT5/copyprop.h"
 #include "OPT5/funinfo.h"
 #include "OPT5/globals.h"
 #include "UTIL/support.h"
@@ -34,7 +35,18 @@ void pass_2_header() {
 // function carries a scope tree yet, so the dump shows the empty tree.
 void pass_2_inits() {
     if (print_debug) DBG_CHECK(std::fputs("<<NULL SCOPE>>\n", FDEBUG));
+    promote_all_embedded_assignments();
 }
+
+// Copy propagation and dead assignments.
+void pass_1_fcp_eda() {
+    if (opt_level() < 2) return;
+    fast_CP(4, 0);
+    elim_dead_assigns(false, false);
+}
+void fast_CP_4_0() { fast_CP(4, 0); }
+void fast_CP_4_1() { fast_CP(4, 1); }
+void fast_CP_0_1() { fast_CP(0, 1); }
 
 struct step {
     const char* name;
@@ -43,8 +55,8 @@ struct step {
 };
 
 const step pass_table[] = {
-    {"pass 1 fcp/eda", false, no_action},
-    {"pass 1 fast_CP(4,0)", false, no_action},
+    {"pass 1 fcp/eda", false, pass_1_fcp_eda},
+    {"pass 1 fast_CP(4,0)", false, fast_CP_4_0},
     {"value propagation for pass 1", false, no_action},
     {"analyze globals", true, no_action},
     {"detect_recursion", true, no_action},
@@ -58,7 +70,7 @@ const step pass_table[] = {
     {"stack sharing", false, no_action},
     {"CPS", false, no_action},
     {"early LIR", false, no_action},
-    {"early fast_CP(4,1)", false, no_action},
+    {"early fast_CP(4,1)", false, fast_CP_4_1},
     {"MVP global assertions", false, no_action},
     {"intraprocedural MVP", false, no_action},
     {"value propagation for SIMD", false, no_action},
@@ -68,11 +80,11 @@ const step pass_table[] = {
     {"non-DD SSA EDA", false, no_action},
     {"SSA RP with benign loads", false, no_action},
     {"expand bitfields", false, no_action},
-    {"fast_CP(0,1)", false, no_action},
+    {"fast_CP(0,1)", false, fast_CP_0_1},
     {"add profile loop annotations", false, no_action},
     {"CD vectorizations", false, no_action},
     {"CD ILP", false, no_action},
-    {"late fast_CP(4,1)", false, no_action},
+    {"late fast_CP(4,1)", false, fast_CP_4_1},
     {"Disclose Vectors", false, no_action},
     {"global CP", false, no_action},
     {"late points-to", false, no_action},

@@ -455,7 +455,7 @@ static NODE* as_truth_value(NODE* tree, struct LOOP* loop) {
     } else {
         zero = new_icon(INT65(0), integer_view(tree->type) ? tree->type : int_t);
     }
-    return mktree(floating ? FNEQN : NEQ, int_t, tree, zero);
+    return simp_relop(mktree(floating ? FNEQN : NEQ, int_t, tree, zero), loop);
 }
 
 // ---------------------------------------------------------------------------

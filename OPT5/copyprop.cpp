@@ -1,0 +1,674 @@
+// Fast copy and constant propagation (fast_CP) and dead-assignment
+// elimination (elim_dead_assigns).
+//
+// Both work on the function's scalar local variables whose address is never
+// taken: nothing but a NAME node can read or write them, so a walk of the
+// statements sees every use and every definition.
+#include "OPT5/copyprop.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <functional>
+#include <map>
+#include <set>
+#include <unordered_map>
+
+#include "BITVEC/bitvec.h"
+#include "DEBUG_DISABLE/switches.h"
+#include "OPT5/abort.h"
+#include "OPT5/cmdline.h"
+#include "OPT5/globals.h"
+#include "OPT5/node.h"
+#include "OPT5/opt_client.h"
+#include "OPT5/simp.h"
+#include "OPT5/symtab.h"
+#include "TYPES/type_pkg.h"
+
+namespace {
+const char THIS_MODULE[] = "OPT5/copyprop";
+
+bool debugging() { return print_debug && FDEBUG; }
+
+bool is_op_assign(int op) {
+    return op == PLUSASG || op == MINUSASG || op == MULTASG || op == DIVASG || op == MODASG || op == ANDBASG ||
+           op == ORBASG || op == XORBASG || op == SLLASG || op == SRLASG || op == PLUSPLUS || op == MINMIN;
+}
+
+bool is_volatile(TYPE* t) {
+    for (; t && (t->kind == TYPE::QUAL_T || t->kind == TYPE::TYPEDEF_T); t = t->base)
+        if (t->kind == TYPE::QUAL_T && (t->qual & TYPE::Q_VOLATILE)) return true;
+    return false;
+}
+bool is_const(TYPE* t) {
+    for (; t && (t->kind == TYPE::QUAL_T || t->kind == TYPE::TYPEDEF_T); t = t->base)
+        if (t->kind == TYPE::QUAL_T && (t->qual & TYPE::Q_CONST)) return true;
+    return false;
+}
+
+// The function's own symbols (arguments first), each with whether it is an
+// argument.
+struct FUNC_SYM {
+    SYMTAB* sym;
+    bool is_arg;
+};
+std::vector<FUNC_SYM> function_symbols() {
+    std::vector<FUNC_SYM> out;
+    bool in_args = true;
+    for (const BODY_ENTRY& e : currfuninfo->scopes) {
+        if (e.kind == BODY_ENTRY::CONTROL && e.control == IR_END_ARGS) in_args = false;
+        if (e.kind == BODY_ENTRY::SYMBOL && e.sym) out.push_back({static_cast<SYMTAB*>(e.sym), in_args});
+    }
+    return out;
+}
+
+// Scope level of a symbol: 0 for the unit's globals, 1 for the function's own.
+int sym_level(const SYMTAB* sym) { return sym->global ? 0 : 1; }
+
+template <class F>
+void for_each_statement(F f) {
+    for (BBLK* b : layout_blocks())
+        for (BODY_ENTRY& e : b->statements)
+            if (e.tree) f(b, e);
+}
+
+void collect_address_taken(const NODE* t, std::set<const SYMTAB*>& out) {
+    if (!t) return;
+    if (t->opcode == UAND) {
+        std::vector<const NODE*> work{t->left};
+        while (!work.empty()) {
+            const NODE* n = work.back();
+            work.pop_back();
+            if (!n) continue;
+            if (n->opcode == NAME && n->symbol) out.insert(n->symbol);
+            work.push_back(n->left);
+            work.push_back(n->right);
+        }
+    }
+    collect_address_taken(t->left, out);
+    collect_address_taken(t->right, out);
+}
+
+// Numbers the tracked variables of the current function.
+void number_tracked_symbols() {
+    FUNINFO* fi = currfuninfo;
+    std::set<const SYMTAB*> taken;
+    for_each_statement([&](BBLK*, BODY_ENTRY& e) { collect_address_taken(e.tree, taken); });
+    fi->lva_syms.clear();
+    fi->lva_map.clear();
+    for (const FUNC_SYM& fs : function_symbols()) {
+        SYMTAB* s = fs.sym;
+        if (sym_level(s) <= 0 || taken.count(s) || !s->type || is_volatile(s->type)) continue;
+        TYPE* t = s->type->stripped();
+        if (!t->is_scalar() || t->kind == TYPE::VECTOR_T) continue;
+        fi->lva_map[s] = static_cast<int>(fi->lva_syms.size());
+        fi->lva_syms.push_back(s);
+    }
+}
+
+int tracked(const NODE* n) {
+    if (!n || n->opcode != NAME || !n->symbol) return -1;
+    return lva_index(n->symbol);
+}
+
+// Uses and certain kills of one statement.  A kill under a conditional
+// operator is not certain and is not counted.
+void scan_uses_kills(const NODE* t, bool conditional, BITVEC* uses, BITVEC* kills) {
+    if (!t || t->opcode == LABEL || t->opcode == FIELD) return;
+    int i = tracked(t);
+    if (i >= 0) {
+        uses->set(static_cast<size_t>(i));
+        return;
+    }
+    if (t->opcode == ASG && tracked(t->left) >= 0) {
+        scan_uses_kills(t->right, conditional, uses, kills);
+        if (!conditional) kills->set(static_cast<size_t>(tracked(t->left)));
+        return;
+    }
+    bool cond_right = t->opcode == QUEST || t->opcode == ANDAND || t->opcode == OROR;
+    scan_uses_kills(t->left, conditional, uses, kills);
+    scan_uses_kills(t->right, conditional || cond_right, uses, kills);
+}
+
+// live = (live - kills) | uses, the effect of one statement seen backwards.
+void step_back(BITVEC& live, const NODE* stmt) {
+    BITVEC uses(live.size()), kills(live.size());
+    scan_uses_kills(stmt, false, &uses, &kills);
+    live.subtract(kills);
+    live.union_with(uses);
+}
+
+int count_name(const NODE* t, const SYMTAB* sym) {
+    if (!t) return 0;
+    if (t->opcode == LABEL || t->opcode == FIELD) return 0;
+    return (t->opcode == NAME && t->symbol == sym ? 1 : 0) + count_name(t->left, sym) + count_name(t->right, sym);
+}
+
+std::string decl_text(const SYMTAB* sym) {
+    if (!sym->decl.empty()) return sym->decl;
+    return (sym->type ? sym->type->print() + " " : std::string()) + sym->name;
+}
+
+NODE* converted(NODE* value, TYPE* type) {
+    if (!type || !value->type || exact_types(value->type, type)) return value;
+    if (value->opcode == ICON && integer_view(type)) {
+        value->value = truncate_to_type(value->value, type);
+        value->type = type;
+        return value;
+    }
+    return mktree(type->stripped()->kind == TYPE::PTR_T ? PCONV : SCONV, type, value);
+}
+
+// Statements that only compute a value: when it has no effect they go.
+bool is_expression_statement(const NODE* t) {
+    switch (t->opcode) {
+    case BRANCH: case CBRANCH: case RETURN: case URETURN: case SWITCH: case LABELDEF: case PPRAGMA: case ASM:
+    case ASSERT: case NASSERT: case LOOP: case ENDLOOP: case DDNODE: case SKIP: case CASE: case DEFAULT:
+    case BGNBLOCK: case ENDBLOCK: case ENDINIT: case INITLOOP:
+        return false;
+    default: return true;
+    }
+}
+
+// Removes statements of the block that have become expressions without
+// effect, keeping what effects they have.
+bool drop_useless_statements(BBLK* b) {
+    bool changed = false;
+    std::vector<BODY_ENTRY> kept;
+    for (BODY_ENTRY& e : b->statements) {
+        if (e.tree && is_expression_statement(e.tree) && e.tree->opcode != ASG && !is_op_assign(e.tree->opcode) &&
+            side_effects[e.tree->opcode] == 0) {
+            NODE* rest = peel_for_effect(e.tree);
+            changed |= rest != e.tree;
+            e.tree = rest;
+            if (!rest) continue;
+        }
+        kept.push_back(e);
+    }
+    b->statements.swap(kept);
+    return changed;
+}
+
+}  // namespace
+
+int lva_sym_count() { return currfuninfo ? static_cast<int>(currfuninfo->lva_syms.size()) : 0; }
+
+int lva_index(const SYMTAB* sym) {
+    if (!currfuninfo) return -1;
+    auto it = currfuninfo->lva_map.find(sym);
+    return it == currfuninfo->lva_map.end() ? -1 : it->second;
+}
+
+NODE* peel_for_effect(NODE* t) {
+    if (!t) return nullptr;
+    if (!has_side_effects(t)) {
+        erase_tree(t);
+        return nullptr;
+    }
+    int op = t->opcode;
+    unsigned se = side_effects[op];
+    bool whole = se == 1 || se == 255 || op == DIV || op == MOD || op == QUEST || op == ANDAND || op == OROR ||
+                 is_volatile(t->type) || op == LABEL || op == FIELD;
+    if (whole) return t;
+    NODE* l = t->left ? peel_for_effect(t->left) : nullptr;
+    NODE* r = t->right ? peel_for_effect(t->right) : nullptr;
+    t->left = t->right = nullptr;
+    erase_node(t);
+    if (l && r) return mktree(COMMA, r->type, l, r);
+    return l ? l : r;
+}
+
+bool sym_appears_in_tree(const SYMTAB* sym, const NODE* tree) { return count_name(tree, sym) > 0; }
+
+bool sym_appears_in_bb(const SYMTAB* sym, const BBLK* bb) {
+    for (const BODY_ENTRY& e : bb->statements)
+        if (sym_appears_in_tree(sym, e.tree)) return true;
+    return false;
+}
+
+void find_live_variables(bool record, bool loops) {
+    (void)record;
+    FUNINFO* fi = currfuninfo;
+    number_tracked_symbols();
+    size_t n = fi->lva_syms.size();
+    free_liveness(fi);
+    std::vector<BBLK*> blocks = layout_blocks();
+    for (BBLK* b : blocks) b->live_in = new BITVEC(n);
+    bool changed = true;
+    while (changed) {
+        changed = false;
+        for (auto it = blocks.rbegin(); it != blocks.rend(); ++it) {
+            BBLK* b = *it;
+            BITVEC live(n);
+            for (EDGE* e = b->successors; e; e = e->rest) live.union_with(*e->bb->live_in);
+            for (auto s = b->statements.rbegin(); s != b->statements.rend(); ++s) step_back(live, s->tree);
+            if (!(live == *b->live_in)) {
+                *b->live_in = live;
+                changed = true;
+            }
+        }
+    }
+    (void)loops;  // the loop records are read from the exits' live-in sets
+}
+
+bool combine_assignments(std::vector<BODY_ENTRY>& statements) {
+    bool changed = false;
+    for (size_t i = 0; i + 1 < statements.size(); ++i) {
+        NODE* a = statements[i].tree;
+        NODE* b = statements[i + 1].tree;
+        if (!a || !b || a->opcode != ASG || b->opcode != ASG) continue;
+        int x = tracked(a->left);
+        if (x < 0 || !b->left || b->left->opcode != NAME || b->left->symbol != a->left->symbol) continue;
+        const SYMTAB* sym = a->left->symbol;
+        // x = e; x = f(x), with x read once in f and nothing else happening.
+        if (has_side_effects(a->right) || has_side_effects(b->right) || count_name(b->right, sym) != 1 ||
+            count_name(a->right, sym) != 0)
+            continue;
+        NODE* value = converted(a->right, a->left->type);
+        a->right = nullptr;
+        walk_and_modify_tree(b->right, [&](NODE*& slot) {
+            if (slot->opcode == NAME && slot->symbol == sym) {
+                TYPE* t = slot->type;
+                erase_node(slot);
+                slot = converted(value, t);
+            }
+        });
+        if (b->right->opcode == NAME && b->right->symbol == sym) {
+            TYPE* t = b->right->type;
+            erase_node(b->right);
+            b->right = converted(value, t);
+        }
+        b->right = simp_tree(b->right, nullptr);
+        erase_tree(a);
+        statements.erase(statements.begin() + static_cast<long>(i));
+        changed = true;
+        if (i > 0) --i;
+        --i;  // look at the merged statement again
+    }
+    return changed;
+}
+
+bool promote_embedded_assignments_in_bb(BBLK* bb) {
+    bool changed = false;
+    for (size_t i = 0; i < bb->statements.size(); ++i) {
+        NODE* t = bb->statements[i].tree;
+        if (!t) continue;
+        // The single effect of the statement must be one assignment to a
+        // tracked variable that appears nowhere else in it, not under a
+        // conditional operator.
+        NODE** found = nullptr;
+        int effects = 0;
+        std::function<void(NODE*&, bool)> visit = [&](NODE*& slot, bool conditional) {
+            if (!slot || slot->opcode == LABEL || slot->opcode == FIELD) return;
+            int op = slot->opcode;
+            if (op < 0 || op >= NUM_OPCODES) return;
+            if (side_effects[op] == 1 || side_effects[op] == 255) {
+                ++effects;
+                if (op == ASG && !conditional && tracked(slot->left) >= 0) found = &slot;
+            }
+            bool cond_right = op == QUEST || op == ANDAND || op == OROR;
+            visit(slot->left, conditional);
+            visit(slot->right, conditional || cond_right);
+        };
+        if (t->opcode == ASG) visit(t->right, false);
+        else if (t->opcode == CBRANCH || t->opcode == URETURN || t->opcode == RETURN || t->opcode == SWITCH)
+            visit(t->left, false);
+        else continue;
+        if (effects != 1 || !found) continue;
+        if (t->opcode == ASG && tracked(t->left) < 0 && has_side_effects(t->left)) continue;
+        NODE* inner = *found;
+        const SYMTAB* sym = inner->left->symbol;
+        if (count_name(t, sym) != 1 || has_side_effects(inner->right)) continue;
+        // y = (x = e) op z  ->  x = e; y = x op z
+        NODE* use = copy_tree(inner->left);
+        *found = use;
+        BODY_ENTRY e = bb->statements[i];
+        e.tree = inner;
+        bb->statements.insert(bb->statements.begin() + static_cast<long>(i), e);
+        ++i;
+        changed = true;
+    }
+    return changed;
+}
+
+void promote_all_embedded_assignments() {
+    if (!currfuninfo || !currfuninfo->bb_list) return;
+    number_tracked_symbols();
+    for (BBLK* b : layout_blocks()) promote_embedded_assignments_in_bb(b);
+}
+
+bool elim_locally_dead_assignments_in_bb(BBLK* bb, struct LOOP* loop) {
+    (void)loop;
+    size_t n = currfuninfo->lva_syms.size();
+    BITVEC live(n);
+    live.set_all();  // without the successors' sets everything is live at the end
+    bool changed = false;
+    for (size_t k = bb->statements.size(); k-- > 0;) {
+        NODE* t = bb->statements[k].tree;
+        int x = t && t->opcode == ASG ? tracked(t->left) : -1;
+        if (x >= 0 && !live.test(static_cast<size_t>(x))) {
+            NODE* rest = peel_for_effect(t->right);
+            t->right = nullptr;
+            erase_tree(t);
+            changed = true;
+            if (!rest) {
+                bb->statements.erase(bb->statements.begin() + static_cast<long>(k));
+                continue;
+            }
+            bb->statements[k].tree = t = rest;
+        }
+        if (t) step_back(live, t);
+    }
+    return changed;
+}
+
+bool combine_asgs_to_memory() {
+    bool changed = false;
+    for (BBLK* b : layout_blocks()) {
+        for (size_t i = 0; i + 1 < b->statements.size(); ++i) {
+            NODE* a = b->statements[i].tree;
+            NODE* c = b->statements[i + 1].tree;
+            if (!a || !c || a->opcode != ASG || c->opcode != ASG || !a->left || a->left->opcode != UMULT) continue;
+            // *p = e1; *p = e2 with e2 not reading memory: the first store is
+            // never seen.
+            if (!same_tree(a->left, c->left) || has_side_effects(a->left) || has_side_effects(c->right)) continue;
+            bool reads_memory = false;
+            std::function<void(const NODE*)> scan = [&](const NODE* n) {
+                if (!n) return;
+                if (n->opcode == UMULT || n->opcode == STREF || n->opcode == CALL || n->opcode == UCALL ||
+                    (n->opcode == NAME && n->symbol && lva_index(n->symbol) < 0))
+                    reads_memory = true;
+                scan(n->left);
+                scan(n->right);
+            };
+            scan(c->right);
+            scan(c->left->left);
+            if (reads_memory) continue;
+            NODE* rest = peel_for_effect(a->right);
+            a->right = nullptr;
+            erase_tree(a);
+            if (rest) b->statements[i].tree = rest;
+            else b->statements.erase(b->statements.begin() + static_cast<long>(i));
+            changed = true;
+        }
+    }
+    return changed;
+}
+
+void remove_unneeded_stores_from_destructor() {
+    // The last store through the object pointer before a destructor returns
+    // is dead when nothing reads it: the object's life ends there.  Only
+    // functions marked as destructors qualify.
+    SYMTAB* fn = currfunc;
+    if (!fn) return;
+    bool dtor = false;
+    for (const PRAGMA& p : fn->pragmas) dtor |= p.kind == SP_DTOR;
+    if (!dtor) return;
+    for (BBLK* b : layout_blocks()) {
+        if (b->statements.size() < 2) continue;
+        NODE* last = b->statements.back().tree;
+        if (last->opcode != URETURN && last->opcode != RETURN) continue;
+        NODE* store = b->statements[b->statements.size() - 2].tree;
+        if (store->opcode != ASG || !store->left || store->left->opcode != UMULT) continue;
+        if (has_side_effects(store->left) || count_name(last, nullptr) > 0) continue;
+        bool return_reads_memory = false;
+        walk_and_modify_tree(last, [&](NODE*& n) { return_reads_memory |= n->opcode == UMULT || n->opcode == STREF; });
+        if (return_reads_memory) continue;
+        NODE* rest = peel_for_effect(store->right);
+        store->right = nullptr;
+        erase_tree(store);
+        if (rest) b->statements[b->statements.size() - 2].tree = rest;
+        else b->statements.erase(b->statements.end() - 2);
+    }
+}
+
+namespace {
+
+// Moves each assignment to a tracked variable down to just before the first
+// statement that reads or writes the variable, disturbs what the value
+// reads, or has effects of its own; the jump ending a block stays last.
+void delay_assignments() {
+    if (debugging()) DBG_CHECK(std::fputs("\n\n\t\t\t---------- ENTERING 'delay_assignments' ----------\n", FDEBUG));
+    promote_all_embedded_assignments();
+    for (BBLK* b : layout_blocks()) {
+        auto& st = b->statements;
+        for (size_t i = st.size(); i-- > 0;) {
+            NODE* a = st[i].tree;
+            if (!a || a->opcode != ASG || tracked(a->left) < 0 || has_side_effects(a->right)) continue;
+            const SYMTAB* sym = a->left->symbol;
+            std::set<const SYMTAB*> reads;
+            bool reads_memory = false;
+            std::function<void(const NODE*)> scan = [&](const NODE* n) {
+                if (!n) return;
+                if (n->opcode == NAME && n->symbol) {
+                    reads.insert(n->symbol);
+                    if (lva_index(n->symbol) < 0) reads_memory = true;
+                }
+                if (n->opcode == UMULT || n->opcode == STREF) reads_memory = true;
+                scan(n->left);
+                scan(n->right);
+            };
+            scan(a->right);
+            size_t j = i + 1;
+            for (; j < st.size(); ++j) {
+                NODE* t = st[j].tree;
+                if (!is_expression_statement(t) || sym_appears_in_tree(sym, t)) break;
+                bool disturbs = false;
+                walk_and_modify_tree(t, [&](NODE*& n) {
+                    int op = n->opcode;
+                    if (op >= 0 && op < NUM_OPCODES && (side_effects[op] == 255)) disturbs = true;
+                    if ((op == ASG || is_op_assign(op)) && n->left &&
+                        (n->left->opcode != NAME || reads.count(n->left->symbol) ||
+                         (reads_memory && lva_index(n->left->symbol) < 0)))
+                        disturbs = true;
+                });
+                if (t->opcode == ASG || is_op_assign(t->opcode)) {
+                    if (!t->left || t->left->opcode != NAME || reads.count(t->left->symbol) ||
+                        (reads_memory && lva_index(t->left->symbol) < 0))
+                        disturbs = true;
+                }
+                if (disturbs) break;
+            }
+            if (j == i + 1) continue;
+            BODY_ENTRY moved = st[i];
+            st.erase(st.begin() + static_cast<long>(i));
+            st.insert(st.begin() + static_cast<long>(j - 1), moved);
+        }
+    }
+}
+
+}  // namespace
+
+void elim_dead_assigns(bool delay, bool promote) {
+    FUNINFO* fi = currfuninfo;
+    if (!fi || !fi->bb_list) return;
+    find_live_variables(true, true);
+    int count = lva_sym_count();
+    if (count == 0) {
+        free_liveness(fi);
+        return;
+    }
+    BITVEC* live = new BITVEC(static_cast<size_t>(count));
+    if (debugging()) DBG_CHECK(std::fputs("\n\n\t\t\t---------- ENTERING 'elim_dead_assigns' ----------\n", FDEBUG));
+    std::vector<BBLK*> blocks = layout_blocks();
+    for (auto it = blocks.rbegin(); it != blocks.rend(); ++it) {
+        BBLK* b = *it;
+        live->clear_all();
+        for (EDGE* e = b->successors; e; e = e->rest) {
+            if (!e->bb->live_in) {
+                live->set_all();
+                continue;
+            }
+            if (e->bb->live_in->size() > live->size()) {
+                std::fprintf(stderr, "Vector size mismatch:merge\n");
+                live->resize(e->bb->live_in->size());
+            }
+            live->union_with(*e->bb->live_in);
+        }
+        if (b->loop && b->loop->head == b)
+            for (EDGE* x = b->loop->exits; x; x = x->rest)
+                if (x->bb->live_in && x->bb->live_in->size() <= live->size()) live->union_with(*x->bb->live_in);
+        for (size_t k = b->statements.size(); k-- > 0;) {
+            NODE* t = b->statements[k].tree;
+            int x = t && t->opcode == ASG ? tracked(t->left) : -1;
+            if (x >= 0 && !live->test(static_cast<size_t>(x))) {
+                if (debugging())
+                    DBG_CHECK(std::fprintf(FDEBUG, "\tDead assignment removed: %s\n", stmt2infix(t).c_str()));
+                NODE* rest = peel_for_effect(t->right);
+                t->right = nullptr;
+                erase_tree(t);
+                if (!rest) {
+                    b->statements.erase(b->statements.begin() + static_cast<long>(k));
+                    continue;
+                }
+                b->statements[k].tree = t = rest;
+            }
+            step_back(*live, t);
+        }
+        combine_assignments(b->statements);
+        if (promote) promote_embedded_assignments_in_bb(b);
+    }
+    if (delay) {
+        if (opt_level() <= 0) optassert("opt_level() > 0", THIS_MODULE, __LINE__);
+        delay_assignments();
+    }
+    free_bitvec(live);
+    free_liveness(fi);
+}
+
+void fast_CP(int32_t iterations, int32_t early) {
+    if (opt_level() == 0) return;
+    FUNINFO* fi = currfuninfo;
+    if (!fi || !fi->bb_list) return;
+    number_tracked_symbols();
+    if (early) combine_asgs_to_memory();
+    std::map<const SYMTAB*, NODE*> values;  // ordered by address only for the listing below
+    std::vector<const SYMTAB*> value_order;
+    fi->wants_dead_assign_elim = false;
+    for (int done = 0; done < iterations;) {
+        if (debugging()) DBG_CHECK(std::fputs("\n\n\t\t\t---------- ENTERING 'fast_CP' -----------------\n", FDEBUG));
+        number_tracked_symbols();
+        // Assignments and uses of every tracked variable.
+        struct USAGE {
+            int assignments = 0, uses = 0;
+            NODE* only_value = nullptr;  // the right side of its only top-level assignment
+        };
+        std::unordered_map<const SYMTAB*, USAGE> usage;
+        for_each_statement([&](BBLK*, BODY_ENTRY& e) {
+            std::function<void(NODE*, bool)> scan = [&](NODE* n, bool top) {
+                if (!n || n->opcode == LABEL || n->opcode == FIELD) return;
+                if (n->opcode == NAME && n->symbol) {
+                    ++usage[n->symbol].uses;
+                    return;
+                }
+                if ((n->opcode == ASG || is_op_assign(n->opcode)) && n->left && n->left->opcode == NAME) {
+                    USAGE& u = usage[n->left->symbol];
+                    ++u.assignments;
+                    if (is_op_assign(n->opcode)) ++u.uses;
+                    u.only_value = top && n->opcode == ASG ? n->right : nullptr;
+                    scan(n->right, false);
+                    return;
+                }
+                scan(n->left, false);
+                scan(n->right, false);
+            };
+            scan(e.tree, true);
+        });
+        std::vector<const SYMTAB*> fresh;
+        for (const FUNC_SYM& fs : function_symbols()) {
+            SYMTAB* s = fs.sym;
+            if (sym_level(s) <= 0) optassert("sym->level > 0", THIS_MODULE, __LINE__);
+            if (lva_index(s) < 0 || values.count(s) || is_const(s->type)) continue;
+            USAGE& u = usage[s];
+            if (u.assignments == 0 && u.uses == 0) {
+                if (debugging()) DBG_CHECK(std::fprintf(FDEBUG, "\tNo references in the function for '%s'\n", s->name.c_str()));
+                continue;
+            }
+            if (fs.is_arg) {
+                if (u.assignments == 0 && debugging())
+                    DBG_CHECK(std::fprintf(FDEBUG, "\n\tArgument variable is not re-assigned: %s\n", decl_text(s).c_str()));
+                continue;
+            }
+            if (u.assignments == 0) {
+                if (debugging())
+                    DBG_CHECK(std::fprintf(FDEBUG, "\n\tVariable is used but never assigned: %s\n", decl_text(s).c_str()));
+                continue;
+            }
+            if (u.assignments != 1 || !u.only_value) continue;
+            // A value that is the same wherever it is read: a constant, the
+            // address of a global, or an argument (or a variable already
+            // known) that is never assigned.
+            NODE* v = u.only_value;
+            bool constant = v->opcode == ICON || v->opcode == FCON ||
+                            (v->opcode == UAND && v->left && v->left->opcode == NAME && v->left->symbol &&
+                             v->left->symbol->global);
+            if (!constant && v->opcode == NAME && v->symbol && v->symbol != s && lva_index(v->symbol) >= 0) {
+                USAGE& src = usage[v->symbol];
+                constant = src.assignments == 0;
+            }
+            if (!constant) continue;
+            if (debugging())
+                DBG_CHECK(std::fprintf(FDEBUG, "\n\tGlobally constant assignment: %s = %s\n", decl_text(s).c_str(),
+                                       stmt2infix(v).c_str()));
+            values[s] = copy_tree(v);
+            value_order.push_back(s);
+            fresh.push_back(s);
+            s->type = type_pkg->mk_qual(s->type, TYPE::Q_CONST);
+            fi->wants_dead_assign_elim = true;
+        }
+        // Where each variable with a value is read (the reverse symbol
+        // table), unless switched off: then every statement is visited.
+        std::set<std::pair<BBLK*, size_t>> where;
+        bool use_revsymtab = !pass_disable_fcprevsymtab;
+        if (use_revsymtab)
+            for (BBLK* b : layout_blocks())
+                for (size_t k = 0; k < b->statements.size(); ++k)
+                    for (const SYMTAB* s : fresh)
+                        if (sym_appears_in_tree(s, b->statements[k].tree)) where.insert({b, k});
+        bool changed = false;
+        for (BBLK* b : layout_blocks()) {
+            bool block_changed = false;
+            for (size_t k = 0; k < b->statements.size(); ++k) {
+                if (use_revsymtab && !where.count({b, k})) continue;
+                NODE*& t = b->statements[k].tree;
+                bool here = false;
+                auto subst = [&](NODE*& slot) {
+                    if (slot->opcode != NAME || !slot->symbol) return;
+                    auto it = values.find(slot->symbol);
+                    if (it == values.end()) return;
+                    TYPE* type = slot->type;
+                    erase_node(slot);
+                    slot = converted(copy_tree(it->second), type);
+                    here = true;
+                };
+                // The variable assigned keeps its name on the left.
+                if (t->opcode == ASG && t->left && t->left->opcode == NAME) {
+                    if (t->right) {
+                        subst(t->right);
+                        walk_and_modify_tree(t->right, subst);
+                    }
+                } else {
+                    walk_and_modify_tree(t, subst);
+                }
+                if (!here) continue;
+                t = simp_tree(t, nullptr);
+                block_changed = true;
+            }
+            if (block_changed) {
+                drop_useless_statements(b);
+                changed = true;
+            }
+        }
+        if (!changed) break;
+        rebuildcfg();
+        simpcfg(false, false);
+        ++done;
+    }
+    if (early || fi->wants_dead_assign_elim) elim_dead_assigns(false, true);
+    fi->wants_dead_assign_elim = false;
+    if (debugging()) {
+        DBG_CHECK(std::fputs("\nfast_CP values:\n", FDEBUG));
+        for (const SYMTAB* s : value_order)
+            DBG_CHECK(std::fprintf(FDEBUG, "\t%s = %s\n", s->name.c_str(), stmt2infix(values[s]).c_str()));
+    }
+    for (auto& [s, v] : values) erase_tree(v);
+}

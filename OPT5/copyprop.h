@@ -1,0 +1,38 @@
+// Fast copy and constant propagation, and dead-assignment elimination with
+// per-block liveness.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "OPT5/bbutils.h"
+
+struct SYMTAB;
+
+void fast_CP(int32_t iterations, int32_t early);
+void elim_dead_assigns(bool delay, bool promote);
+
+void promote_all_embedded_assignments();
+bool promote_embedded_assignments_in_bb(BBLK* bb);
+// Removes assignments in the block whose value is overwritten or never read
+// before the block ends, given the variables live at its end.
+bool elim_locally_dead_assignments_in_bb(BBLK* bb, struct LOOP* loop);
+// Merges "x = e; x = f(x)" into "x = f(e)" where that is exact.
+bool combine_assignments(std::vector<BODY_ENTRY>& statements);
+// Drops a store to memory that the next statement overwrites unread.
+bool combine_asgs_to_memory();
+void remove_unneeded_stores_from_destructor();
+// Computes the live-in set of every block over the function's tracked
+// variables (lva_sym_count of them).  Each flag asks for one more thing:
+// `record` keeps the variables' numbering in the function record (it is
+// always kept), `loops` records the live sets at loop exits too.
+void find_live_variables(bool record, bool loops);
+
+// The side effects of a tree (null when it has none); the rest is freed.
+NODE* peel_for_effect(NODE* tree);
+bool sym_appears_in_tree(const SYMTAB* sym, const NODE* tree);
+bool sym_appears_in_bb(const SYMTAB* sym, const BBLK* bb);
+
+// Symbols of the current function whose liveness is tracked, numbered.
+int lva_sym_count();
+int lva_index(const SYMTAB* sym);  // -1 when not tracked
