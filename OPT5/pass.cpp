@@ -9,6 +9,7 @@
 #include "OPT5/abort.h"
 #include "OPT5/cmdline.h"
 #include "OPT5/copyprop.h"
+#include "OPT5/mvp.h"
 #include "OPT5/funinfo.h"
 #include "OPT5/globals.h"
 #include "UTIL/support.h"
@@ -72,7 +73,7 @@ const step pass_table[] = {
     {"early LIR", false, no_action},
     {"early fast_CP(4,1)", false, fast_CP_4_1},
     {"MVP global assertions", false, no_action},
-    {"intraprocedural MVP", false, no_action},
+    {"intraprocedural MVP", false, intraprocedural_MVP},
     {"value propagation for SIMD", false, no_action},
     {"explode auto structs", false, no_action},
     {"non-DD clone SSA NASSERTs", false, no_action},
