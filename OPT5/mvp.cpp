@@ -703,7 +703,9 @@ mvpIntegers ssa_integers_mvp::eval_assignment(const SSA_DEFINITION* def) {
         mvpIntegers r = eval_expr(n->right);
         value.eval_cast_operation(type, r);
     } else {
-        mvpIntegers before = get_mv_for_definition(def->prior);
+        // The variable's value before, as the tests on the way narrow it.
+        mvpIntegers before = ssa_.reaching_definition(n->left) ? eval_reaching_definition(n->left)
+                                                               : get_mv_for_definition(def->prior);
         mvpIntegers r;
         if (n->opcode == PLUSPLUS || n->opcode == MINMIN) r.merge_constant_tree_value(n->right);
         else r = eval_expr(n->right);

@@ -123,4 +123,43 @@ TEST_F(ScalarOpt, BooleanTestsAreInvertedAndNormalized) {
     same_meaning(samples);
 }
 
+TEST_F(ScalarOpt, ValueRangesDecideTestsInLoops) {
+    // i runs from 0 to 9 inside the loop, so i > 20 never holds and the
+    // block it leads to goes; x = a & 7 is never 9.
+    MiniFunction f{"f", {"a", "b"}, {"s", "i", "x"}};
+    f.body = {"(= s 0)", "(= i 0)", "(= x (& a 7))", "L1:", "(if (>= i 10) 2)", "(if (> i 20) 3)", "(if (== x 9) 3)",
+              "(+= s i)", "(+= i 1)", "(goto 1)", "L2:", "(ret (+ s x))", "L3:", "(ret -1)"};
+    optimize(f);
+    std::vector<std::string> st = statements();
+    for (const std::string& s : st) {
+        EXPECT_EQ(s.find("20"), std::string::npos) << s;
+        EXPECT_EQ(s.find("9)"), std::string::npos) << s;
+        EXPECT_EQ(s.find("-1"), std::string::npos) << s;
+    }
+    EXPECT_NE(std::find(st.begin(), st.end(), "CBRANCH((i >= 10), L2)"), st.end()) << output;
+    same_meaning(samples);
+}
+
+TEST_F(ScalarOpt, DeadAssignmentsGoEvenWithoutPropagation) {
+    // Only "fast_CP(0,1)": no value is propagated, but what is never read goes.
+    MiniFunction f{"f", {"a", "b"}, {"x", "y"}};
+    f.body = {"(= x 4)", "(= y (+ x 1))", "(ret (+ a x))"};
+    optimize(f, {"-o2", "--forced_passes=25"});
+    EXPECT_EQ(statements(), (std::vector<std::string>{"(x = 4)", "URETURN((a + x))"})) << output;
+    same_meaning(samples);
+}
+
+TEST_F(ScalarOpt, PropagationStopsWhenNothingChanges) {
+    MiniFunction f{"f", {"a", "b"}, {"x"}};
+    f.body = {"(= x 4)", "(ret (+ a x))"};
+    optimize(f, {"-o2", "--forced_passes=1", "--debug_file=dbg.txt"});
+    EXPECT_EQ(statements(), (std::vector<std::string>{"URETURN((a + 4))"})) << output;
+    std::string dbg = slurp(dir.path / "dbg.txt");
+    // One iteration propagates x, the second finds nothing: two of the four.
+    size_t n = 0;
+    for (size_t at = dbg.find("ENTERING 'fast_CP'"); at != std::string::npos; at = dbg.find("ENTERING 'fast_CP'", at + 1)) ++n;
+    EXPECT_EQ(n, 2u) << dbg;
+    EXPECT_NE(dbg.find("Globally constant assignment: int x = 4"), std::string::npos) << dbg;
+}
+
 }  // namespace
