@@ -90,16 +90,7 @@ std::optional<INT65> apply(int op, TYPE* type, TYPE* operand_type, INT65 a, INT6
             a = a & m;
             b = b & m;
         }
-        bool r = false;
-        switch (op) {
-        case EQ: r = a == b; break;
-        case NEQ: r = a != b; break;
-        case LT: case ULT: r = a < b; break;
-        case LE: case ULE: r = a <= b; break;
-        case GT: case UGT: r = a > b; break;
-        default: r = a >= b; break;
-        }
-        return INT65(r ? 1 : 0);
+        return INT65(compare_values(op, a, b) ? 1 : 0);
     }
     default: return std::nullopt;
     }

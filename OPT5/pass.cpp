@@ -36,7 +36,7 @@ void pass_2_header() {
 // function carries a scope tree yet, so the dump shows the empty tree.
 void pass_2_inits() {
     if (print_debug) DBG_CHECK(std::fputs("<<NULL SCOPE>>\n", FDEBUG));
-    promote_all_embedded_assignments();
+    if (opt_level() > 0) promote_all_embedded_assignments();  // level 0 leaves statements as they are
 }
 
 // Copy propagation and dead assignments.

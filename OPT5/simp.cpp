@@ -461,6 +461,17 @@ static NODE* as_truth_value(NODE* tree, struct LOOP* loop) {
 // ---------------------------------------------------------------------------
 // Constant folding
 
+bool compare_values(int op, INT65 a, INT65 b) {
+    switch (op) {
+    case EQ: return a == b;
+    case NEQ: return a != b;
+    case LT: case ULT: return a < b;
+    case LE: case ULE: return a <= b;
+    case GT: case UGT: return a > b;
+    default: return a >= b;
+    }
+}
+
 NODE* fold_constants(NODE* n) {
     NODE* l = n->left;
     NODE* r = n->right;
@@ -508,16 +519,7 @@ NODE* fold_constants(NODE* n) {
             a = truncate_to_type(a, ot);
             b = truncate_to_type(b, ot);
         }
-        bool res = false;
-        switch (op) {
-        case EQ: res = a == b; break;
-        case NEQ: res = a != b; break;
-        case LT: case ULT: res = a < b; break;
-        case LE: case ULE: res = a <= b; break;
-        case GT: case UGT: res = a > b; break;
-        default: res = a >= b; break;
-        }
-        v = INT65(res ? 1 : 0);
+        v = INT65(compare_values(op, a, b) ? 1 : 0);
         break;
     }
     default: return n;

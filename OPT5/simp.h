@@ -59,6 +59,8 @@ NODE* simp_vector_pack(NODE* n);
 NODE* make_boolean(NODE* tree, struct LOOP* loop);
 NODE* invert_boolean_tree(NODE* tree);
 NODE* fold_constants(NODE* n);
+// The comparison op (EQ .. UGT) of two values taken as they are.
+bool compare_values(int op, INT65 a, INT65 b);
 
 // Bit analyses (masks over the value as held: sign-extended for signed
 // types, zero-extended for unsigned ones).
