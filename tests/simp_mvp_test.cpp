@@ -148,6 +148,34 @@ TEST_F(Simp, AssertionsDecideTestsButNotThemselves) {
     fi.assertions.clear();
 }
 
+TEST_F(Simp, MemberAccessAndIndirection) {
+    TYPE* rec = type_pkg->mk_struct("pt");
+    TYPE* ptr = type_pkg->mk_ptr(rec);
+    TYPE_ELEM member;
+    member.name = "y";
+    member.type = i16;
+    member.nums = {0, 0, 32};  // not a bit field; offset 32 sixteenths: 2 units
+    auto field = [&]() {
+        NODE* f = new_node(FIELD, nullptr);
+        f->fld_member = &member;
+        return f;
+    };
+    SYMTAB p, s;
+    p.name = "p";
+    s.name = "s";
+    // (p + 3)->y is *((int *) p + 5).
+    NODE* sum = mktree(PLUS, ptr, name(p, ptr), k(3));
+    EXPECT_EQ(simp(mktree(STREF, i16, sum, field())), "*(PCONV(p) + 5)");
+    // (&s)->y is s.y.
+    NODE* addr = mktree(UAND, ptr, name(s, rec));
+    EXPECT_EQ(simp(mktree(STREF, i16, addr, field())), "STDOT(s, FIELD)");
+    // *&x is x before normalisation, and stays after it.
+    EXPECT_EQ(simp(mktree(UMULT, i16, mktree(UAND, type_pkg->mk_ptr(i16), name(x)))), "x");
+    trees_are_normalized = true;
+    EXPECT_EQ(simp(mktree(UMULT, i16, mktree(UAND, type_pkg->mk_ptr(i16), name(x)))), "*&x");
+    trees_are_normalized = false;
+}
+
 TEST(BitVec, SetsAndResizes) {
     BITVEC a(70), b(70);
     a.set(3);
