@@ -9,6 +9,7 @@
 
 #include "DEBUG_DISABLE/switches.h"
 #include "OPT5/abort.h"
+#include "OPT5/md_rules.h"
 #include "OPT5/cmdline.h"
 #include "OPT5/driver.h"
 #include "OPT5/funinfo.h"
@@ -257,6 +258,7 @@ void optimizer_main(int argc, char** argv) {
     });
     guarded([] { setup_passes(true); });
     if (pass_debug_parser) {
+        guarded([] { parse_md_file(false); });
         close_files();
         std::exit(0);
     }

@@ -1,0 +1,1317 @@
+// The machine-description parser: one routine per production.  Optional
+// elements are tried with TOKEN::getToken(k) and skipped when absent; every
+// syntax error throws FAIL.
+#include "OPT5/md_parse.h"
+
+#include <cctype>
+#include <climits>
+#include <cstring>
+#include <functional>
+
+#include "DEBUG_DISABLE/switches.h"
+#include "OPT5/abort.h"
+#include "OPT5/cmdline.h"
+#include "OPT5/globals.h"
+#include "OPT5/opcodes.h"
+
+namespace {
+const char THIS_MODULE[] = "OPT5/md_parse";
+
+const char* const pc_functions[] = {"IS_IV", "IS_RC", "IS_FETCH", "IS_ICON", "IS_POWER_OF_2", "STRIDE", "IS_SSV"};
+const char* const given_functions[] = {"BIG_ENDIAN",
+                                       "LITTLE_ENDIAN",
+                                       "SPEED_PREFERRED_ALWAYS",
+                                       "SPEED_PREFERRED_STRONGLY",
+                                       "SPEED_PREFERRED_WEAKLY",
+                                       "SIZE_PREFERRED_WEAKLY",
+                                       "SIZE_PREFERRED_STRONGLY",
+                                       "SIZE_PREFERRED_ALWAYS",
+                                       "OPT_LEVEL_AT_LEAST",
+                                       "SATURATING_ADD_ASSOCIATIVE",
+                                       "SATURATING_ADD_NOT_ASSOCIATIVE",
+                                       "FP_ADD_ASSOCIATIVE",
+                                       "FP_ADD_NOT_ASSOCIATIVE"};
+
+bool one_of(const std::string& s, const char* const* list, size_t n) {
+    for (size_t i = 0; i < n; ++i)
+        if (s == list[i]) return true;
+    return false;
+}
+
+bool is_trep_width(int w) { return w == 16 || w == 32 || w == 40 || w == 64 || w == 128; }
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
+// TOKEN
+
+void TOKEN::load() {
+    if (index < 0) {
+        text.clear();
+        line = 0;
+        aux = 0;
+        loaded = index;
+        return;
+    }
+    const MD_TOKEN& t = tokens_[index];
+    const char* spelled = md_spelling(t.kind);
+    text = t.text && *t.text ? t.text : (spelled ? spelled : (t.kind == T_END ? "<end>" : ""));
+    line = t.line;
+    aux = t.aux;
+    loaded = index;
+}
+
+tokentype TOKEN::kind() const { return index < 0 ? T_NONE : tokens_[index].kind; }
+
+tokentype TOKEN::getToken() {
+    if (index < 0 || tokens_[index].kind != T_END) ++index;
+    load();
+    return kind();
+}
+
+tokentype TOKEN::getToken(tokentype k) {
+    int before = index;
+    getToken();
+    bool match = false;
+    switch (k) {
+    case T_PARMNAME: match = isParmname(); break;
+    case T_SSVNAME: match = isSSV(); break;
+    case T_TREP: match = isTrep(); break;
+    case T_PCFUNCTION: match = isPcFunction(); break;
+    case T_GIVENFUNCTION: match = isGivenFunction(); break;
+    case T_RELOP: match = isRelop(); break;
+    case T_LABEL: match = kind() == T_INT && text.size() == 1; break;
+    default: match = kind() == k; break;
+    }
+    if (match) return k;
+    index = before;
+    load();
+    return T_NONE;
+}
+
+void TOKEN::seek(int at) {
+    index = at;
+    load();
+}
+
+void TOKEN::returnToken() {
+    if (index >= 0) --index;
+    load();
+}
+
+bool TOKEN::isParmname() const {
+    return kind() == T_IDENT && text.size() == 1 && std::isalpha(static_cast<unsigned char>(text[0])) && text[0] != 'T';
+}
+bool TOKEN::isSSV() const {
+    return kind() == T_IDENT && text.size() == 1 && std::isalpha(static_cast<unsigned char>(text[0]));
+}
+bool TOKEN::isTrep() const {
+    if (kind() != T_IDENT || text.empty()) return false;
+    if (text[0] == 'X') {
+        for (size_t i = 1; i < text.size(); ++i)
+            if (!std::isdigit(static_cast<unsigned char>(text[i]))) return false;
+        return true;
+    }
+    if (!std::strchr("IUFP", text[0]) || text.size() < 3) return false;
+    for (size_t i = 1; i < text.size(); ++i)
+        if (!std::isdigit(static_cast<unsigned char>(text[i]))) return false;
+    return is_trep_width(std::atoi(text.c_str() + 1));
+}
+bool TOKEN::isPcFunction() const {
+    return kind() == T_IDENT && one_of(text, pc_functions, sizeof pc_functions / sizeof *pc_functions);
+}
+bool TOKEN::isGivenFunction() const {
+    return kind() == T_IDENT && one_of(text, given_functions, sizeof given_functions / sizeof *given_functions);
+}
+bool TOKEN::isRelop() const {
+    tokentype k = kind();
+    return k == T_LT || k == T_GT || k == T_LE || k == T_GE || k == T_EQ || k == T_NE;
+}
+
+// ---------------------------------------------------------------------------
+// PARSER: helpers
+
+void PARSER::fail(const std::string& message) { throw FAIL{tok_.line, tok_.text, message}; }
+
+void PARSER::expect(tokentype k, const char* message) {
+    if (!tok_.getToken(k)) {
+        tok_.getToken();  // quote the token that is there
+        fail(message);
+    }
+}
+
+long long PARSER::integer(const char* message) {
+    bool negative = tok_.getToken(T_MINUS) != T_NONE;
+    if (!tok_.getToken(T_INT)) {
+        tok_.getToken();
+        fail(message);
+    }
+    long long v = negative ? -tok_.aux : tok_.aux;
+    if (v < INT_MIN || v > INT_MAX) fail(message);
+    return v;
+}
+
+DFG* PARSER::parm_node(char letter) {
+    auto it = parms_.find(letter);
+    if (it != parms_.end()) return it->second;
+    DFG* p = rb_->new_dfg();
+    p->op = DFG_PARM;
+    p->parm = letter;
+    p->line = tok_.line;
+    parms_[letter] = p;
+    return p;
+}
+
+// The opcode an operator name stands for: a tree operator, a graph operator
+// (written without its DFG_ prefix), an OP/XOP or an intrinsic call; 0 when
+// unknown.
+int PARSER::operator_code(const std::string& name, bool in_rule) const {
+    (void)in_rule;
+    for (int op = 0; op < NUM_OPCODES; ++op) {
+        const char* n = node_operator_name[op];
+        if (!n) continue;
+        if (name == n && op < DFG_DEF) return op;
+        if (std::strncmp(n, "DFG_", 4) == 0 && name == n + 4) return op;
+    }
+    if (rb_->op_names.count(name)) return DFG_TARGET;
+    if (rb_->icall_names.count(name)) return ICALL;
+    return 0;
+}
+
+// ---------------------------------------------------------------------------
+// Header
+
+RULE_BASE* PARSER::parse(bool prune) {
+    prune_ = prune;
+    rb_ = new RULE_BASE;
+    try {
+        mdfHeader();
+        while (!tok_.getToken(T_END)) {
+            if (!tok_.getToken(T_LPAREN)) {
+                tok_.getToken();
+                fail("need a declaration or rule");
+            }
+            parms_.clear();
+            labels_.clear();
+            std::vector<DECL_RULE*> made = declaration();
+            bool is_decl = !made.empty();
+            if (!is_decl) made = rewriteRules();
+            if (made.empty()) {
+                tok_.getToken();
+                fail("need a declaration or rule");
+            }
+            expect(T_RPAREN, is_decl ? "declaration should be ended with a )" : "rewrite-rule should end up with a )");
+            DECL_RULE* list = nullptr;
+            for (DECL_RULE* d : made) list = add_decl_rule(list, d);
+            rb_->handle_new_decl_rule(rev_declrule_list(list));
+        }
+        rb_->add_new_icalls_to_BIF();
+        if (prune_) rb_->remove_disqualified_decl_rule();
+        parms_.clear();
+        labels_.clear();
+        if (prune_) rb_->validate(true);
+    } catch (FAIL&) {
+        delete rb_;
+        rb_ = nullptr;
+        throw;
+    }
+    RULE_BASE* done = rb_;
+    rb_ = nullptr;
+    return done;
+}
+
+void PARSER::mdfHeader() {
+    mdfBanner();
+    targetDeclaration();
+    endianDeclaration();
+    funUnitDeclaration();
+    derivedFunctionalUnits();
+    // DEFAULT COST, LATENCY and SPACE, each optional, in this order.
+    const tokentype order[] = {T_COST, T_LATENCY, T_SPACE};
+    size_t next = 0;
+    while (tok_.getToken(T_DEFAULT)) {
+        tokentype k = tok_.getToken();
+        size_t at = next;
+        while (at < 3 && order[at] != k) ++at;
+        if (at >= 3 || at != next) fail("need COST/LATENCY/SPACE after DEFAULT");
+        if (k == T_COST) defaultCost();
+        else if (k == T_LATENCY) defaultLatency();
+        else defaultSpace();
+        next = at + 1;
+    }
+}
+
+void PARSER::mdfBanner() {
+    if (!tok_.getToken(T_OPTIMIZER) || !tok_.getToken(T_MACHINE) || !tok_.getToken(T_DESCRIPTION)) {
+        tok_.getToken();
+        fail("need the keywords OPTIMIZER MACHINE DESCRIPTION");
+    }
+    expect(T_COLON, "need a colon");
+    expect(T_STRING, "need the description's name in double quotes");
+    rb_->name = tok_.text;
+}
+
+void PARSER::targetDeclaration() {
+    expect(T_TARGETS, "need the keyword TARGETS");
+    expect(T_COLON, "need a colon after TARGETS");
+    if (tok_.getToken(T_LPAREN)) {
+        bool any = false;
+        while (tok_.getToken(T_IDENT)) {
+            rb_->targets.push_back(tok_.text);
+            any |= target_is_this_version(tok_.text);
+        }
+        if (!tok_.getToken(T_RPAREN)) {
+            tok_.getToken();
+            fail("need a target name");
+        }
+        if (rb_->targets.empty()) fail("at least one target name is needed");
+        if (!any) fail("none of cpu versions matches");
+        return;
+    }
+    expect(T_IDENT, "need a target name");
+    rb_->targets.push_back(tok_.text);
+    if (!target_is_this_version(tok_.text)) fail("cpu version doesn't match");
+}
+
+void PARSER::endianDeclaration() {
+    expect(T_ENDIAN, "need an ENDIAN declaration");
+    expect(T_COLON, "need a colon after ENDIAN");
+    if (tok_.getToken(T_LITTLE)) rb_->md_big_endian = false;
+    else if (tok_.getToken(T_BIG)) rb_->md_big_endian = true;
+    else {
+        tok_.getToken();
+        fail("unknown keyword after colon");
+    }
+    rb_->target_big_endian = memory_is_big_endian != 0;
+}
+
+void PARSER::funUnitDeclaration() {
+    if (!tok_.getToken(T_FUNCTIONAL)) return;
+    expect(T_UNITS, "need a colon after FUNCTIONAL_UNITS");
+    expect(T_COLON, "need a colon after FUNCTIONAL_UNITS");
+    functionalUnits();
+}
+
+void PARSER::functionalUnits() {
+    if (!tok_.getToken(T_LPAREN)) {
+        tok_.getToken();
+        fail("no functional units specified");
+    }
+    while (tok_.getToken(T_IDENT)) {
+        if (rb_->fu_index(tok_.text) >= 0) fail("duplicate functional unit");
+        rb_->fu_names.push_back(tok_.text);
+        if (pass_debug_parser) std::printf("+++ FU: %s\n", tok_.text.c_str());
+    }
+    if (rb_->fu_names.empty()) {
+        tok_.getToken();
+        fail("at least one functional unit name is needed");
+    }
+    expect(T_RPAREN, "FUNITS should end up with a )");
+    rb_->real_fu_count = static_cast<int>(rb_->fu_names.size());
+}
+
+void PARSER::derivedFunctionalUnits() {
+    if (!tok_.getToken(T_DERIVED)) return;
+    expect(T_FUNCTIONAL, "need a colon after DERIVED FUNCTIONAL UNITS");
+    expect(T_UNITS, "need a colon after DERIVED FUNCTIONAL UNITS");
+    expect(T_COLON, "need a colon after DERIVED FUNCTIONAL UNITS");
+    expect(T_LPAREN, "need a ( after DERIVED FUNCTIONAL UNITS");
+    while (tok_.getToken(T_IDENT)) {
+        if (rb_->fu_index(tok_.text) >= 0) fail("duplicate derived functional unit");
+        std::string name = tok_.text;
+        expect(T_LPAREN, "need a ( after the derived functional unit name");
+        std::set<unsigned> units;
+        while (tok_.getToken(T_IDENT)) {
+            int i = rb_->fu_index(tok_.text);
+            if (i < 0 || i >= rb_->real_fu_count) fail("unkonwn functional unit");
+            units.insert(static_cast<unsigned>(i));
+        }
+        expect(T_RPAREN, "need a ) for a derived functional unit name");
+        rb_->fu_names.push_back(name);
+        rb_->derived_fu.push_back(units);
+    }
+    expect(T_RPAREN, "DERIVED FUNCTIONAL UNITS must end with a )");
+}
+
+void PARSER::defaultCost() {
+    expect(T_COLON, "need : after DEFAULT COST");
+    rb_->default_cost = static_cast<int>(integer("default cost must be an ICON"));
+}
+void PARSER::defaultLatency() {
+    expect(T_COLON, "need : after DEFAULT LATENCY");
+    rb_->default_latency = static_cast<int>(integer("default latency must be an ICON"));
+}
+void PARSER::defaultSpace() {
+    expect(T_COLON, "need : after DEFAULT SPACE");
+    rb_->default_space = static_cast<int>(integer("default space must be an ICON"));
+}
+
+// ---------------------------------------------------------------------------
+// Declarations
+
+namespace {
+// Copies a pattern (parameters are shared: they stand for the same thing).
+DFG* copy_pattern(RULE_BASE* rb, const DFG* d) {
+    if (!d) return nullptr;
+    if (d->op == DFG_PARM) return const_cast<DFG*>(d);
+    DFG* c = rb->new_dfg();
+    *c = *d;
+    for (int i = 0; i < d->nopd; ++i) {
+        c->opd[i] = copy_pattern(rb, d->opd[i]);
+        if (c->opd[i] && c->opd[i]->op != DFG_PARM) c->opd[i]->parent = c;
+    }
+    return c;
+}
+}  // namespace
+
+std::vector<DECL_RULE*> PARSER::declaration() {
+    if (tok_.getToken(T_ICODE)) return icodeDecl();
+    if (tok_.getToken(T_ICALL)) return icallMcallDecl(rICALL);
+    if (tok_.getToken(T_MCALL)) return icallMcallDecl(rMCALL);
+    if (tok_.getToken(T_OP)) return genopDecl();
+    if (tok_.getToken(T_XOP)) return xopDecl();
+    return {};
+}
+
+namespace {
+// One declaration per SIMD factor or per container size.
+std::vector<DECL_RULE*> expand(RULE_BASE* rb, DECL_RULE& proto, DFG* pattern, DFG* templt,
+                               const std::vector<int>& sfs, const std::vector<TREP*>& treps, const char* what,
+                               const char* sf_message, const std::function<void(const std::string&)>& fail) {
+    size_t n = std::max<size_t>(1, std::max(sfs.size(), treps.size()));
+    if (sfs.size() > 1 && treps.size() > 1 && sfs.size() != treps.size()) fail(sf_message);
+    if (n > 1 && proto.constraint.when)
+        fail(std::string("cannot declare multiple ") + what + " with a WHEN clause");
+    std::vector<DECL_RULE*> out;
+    for (size_t i = 0; i < n; ++i) {
+        auto* d = new DECL_RULE(proto);
+        d->pattern = i == 0 ? pattern : copy_pattern(rb, pattern);
+        d->templt = templt && i > 0 ? copy_pattern(rb, templt) : templt;
+        if (!treps.empty()) d->pattern->trep = treps[std::min(i, treps.size() - 1)];
+        d->set_rule_simd_factor(sfs.empty() ? 1 : sfs[std::min(i, sfs.size() - 1)]);
+        rb->owned_rules.push_back(d);
+        out.push_back(d);
+    }
+    return out;
+}
+}  // namespace
+
+std::vector<DECL_RULE*> PARSER::icodeDecl() {
+    current_kind_ = rICODE;
+    DECL_RULE proto;
+    proto.kind = rICODE;
+    proto.line = tok_.line;
+    std::vector<int> sfs;
+    std::vector<TREP*> treps;
+    DFG* p = icodePattern(sfs, treps);
+    clauses(proto);
+    return expand(rb_, proto, p, nullptr, sfs, treps, "ICODEs", "# of icode's simd factors doesn not match # of decls",
+                  [this](const std::string& m) { fail(m); });
+}
+
+std::vector<DECL_RULE*> PARSER::icallMcallDecl(declruletype kind) {
+    current_kind_ = kind;
+    DECL_RULE proto;
+    proto.kind = kind;
+    proto.line = tok_.line;
+    std::vector<int> sfs;
+    std::vector<TREP*> treps;
+    DFG* p = icallMcallPattern(sfs, treps);
+    proto.bif.bif_name = p->name;
+    clauses(proto);
+    return expand(rb_, proto, p, nullptr, sfs, treps, "ICALLs", "# of icall's simd factors doesn not match # of decls",
+                  [this](const std::string& m) { fail(m); });
+}
+
+std::vector<DECL_RULE*> PARSER::genopDecl() {
+    current_kind_ = rOP;
+    DECL_RULE proto;
+    proto.kind = rOP;
+    proto.line = tok_.line;
+    std::vector<int> sfs;
+    std::vector<TREP*> treps;
+    std::vector<DFG*> patterns{genopPattern(sfs, treps, false)};
+    std::vector<DFG*> templates;
+    if (tok_.getToken(T_IS)) {
+        while (tok_.getToken(T_LPAREN)) {
+            tok_.returnToken();
+            templates.push_back(templt());
+        }
+        if (templates.empty()) {
+            tok_.getToken();
+            fail("template is not valid");
+        }
+        if (templates.size() != patterns.size() && templates.size() != std::max<size_t>(1, sfs.size()))
+            fail("# of templates doesn't match # of patterns");
+    }
+    clauses(proto);
+    if (templates.size() > 1 && templates.size() != std::max<size_t>(1, std::max(sfs.size(), treps.size())))
+        fail("don't know how to generate multiple templates");
+    std::vector<DECL_RULE*> out = expand(rb_, proto, patterns[0], templates.empty() ? nullptr : templates[0], sfs,
+                                         treps, "OPs", "# of genop's simd factors doesn not match # of decls",
+                                         [this](const std::string& m) { fail(m); });
+    for (size_t i = 1; i < out.size() && i < templates.size(); ++i) out[i]->templt = templates[i];
+    return out;
+}
+
+std::vector<DECL_RULE*> PARSER::xopDecl() {
+    current_kind_ = rXOP;
+    DECL_RULE proto;
+    proto.kind = rXOP;
+    proto.line = tok_.line;
+    std::vector<int> sfs;
+    std::vector<TREP*> treps;
+    DFG* p = xopPattern(sfs, treps);
+    if (!tok_.getToken(T_IS)) {
+        tok_.getToken();
+        fail("need the keyword IS in xop declaration");
+    }
+    DFG* t = templt();
+    clauses(proto);
+    return expand(rb_, proto, p, t, sfs, treps, "OPs", "# of genop's simd factors doesn not match # of decls",
+                  [this](const std::string& m) { fail(m); });
+}
+
+DFG* PARSER::icodePattern(std::vector<int>& sfs, std::vector<TREP*>& treps) {
+    expect(T_LPAREN, "pattern is not valid");
+    expect(T_IDENT, "need a valid operator");
+    int op = operator_code(tok_.text, false);
+    if (op == 0 || op == DFG_TARGET || op == ICALL) fail("need a valid operator");
+    return declPattern(op, "", sfs, treps);
+}
+
+DFG* PARSER::icallMcallPattern(std::vector<int>& sfs, std::vector<TREP*>& treps) {
+    expect(T_LPAREN, "pattern is not valid");
+    expect(T_IDENT, "need a valid operator");
+    std::string name = tok_.text;
+    rb_->icall_names.insert(name);
+    DFG* p = declPattern(current_kind_ == rMCALL ? MCALL : ICALL, name, sfs, treps);
+    if (p->nopd == 0) fail("ICALL/MCALL has no argument");
+    return p;
+}
+
+DFG* PARSER::genopPattern(std::vector<int>& sfs, std::vector<TREP*>& treps, bool xop) {
+    expect(T_LPAREN, "pattern is not valid");
+    expect(T_IDENT, "need a valid operator");
+    std::string name = tok_.text;
+    int internal = 0;
+    for (int op = 0; op < NUM_OPCODES && !internal; ++op)
+        if (node_operator_name[op] && name == node_operator_name[op]) internal = op;
+    if (xop && internal) fail("xop has the same name as an internal operator");
+    rb_->op_names.insert(name);
+    return declPattern(DFG_TARGET, name, sfs, treps);
+}
+
+DFG* PARSER::xopPattern(std::vector<int>& sfs, std::vector<TREP*>& treps) { return genopPattern(sfs, treps, true); }
+
+DFG* PARSER::declPattern(int op, const std::string& name, std::vector<int>& sfs, std::vector<TREP*>& treps) {
+    DFG* d = rb_->new_dfg();
+    d->op = op;
+    d->name = name;
+    d->line = tok_.line;
+    expect(T_COLON, "need a colon");
+    treps = trep();
+    d->trep = treps.front();
+    sfs = simdFactor();
+    int icon_parms = 0;
+    bool any_parm = false;
+    while (!tok_.getToken(T_RPAREN)) {
+        if (d->nopd == 3) fail("pattern is not valid");
+        DFG* o = nullptr;
+        if (tok_.getToken(T_LPAREN)) {
+            tok_.returnToken();
+            std::vector<int> s2;
+            std::vector<TREP*> t2;
+            expect(T_LPAREN, "pattern is not valid");
+            expect(T_IDENT, "need a valid operator");
+            int op2 = operator_code(tok_.text, false);
+            if (op2 == 0) fail("need a valid operator");
+            o = declPattern(op2, op2 == DFG_TARGET || op2 == ICALL ? tok_.text : "", s2, t2);
+            any_parm = true;
+        } else if (tok_.getToken(T_LBRACE)) {
+            tok_.returnToken();
+            o = rb_->new_dfg();
+            o->op = DFG_SSV;
+            o->ssv = ssv();
+        } else if (tok_.getToken(T_PARMNAME)) {
+            tok_.returnToken();
+            o = declParameter();
+            any_parm = true;
+            if (o->flags & (DFG_ICON_SIGNED | DFG_ICON_UNSIGNED)) ++icon_parms;
+        } else {
+            o = literal();
+        }
+        opd_pos(d, o);
+    }
+    if (icon_parms > 0 && sfs.size() > 1) fail("cannot handle multiple ICONs and simd factors");
+    if (icon_parms > 0 && d->trep && d->trep->kind == 'x') fail("cannot handle vectorized ICONs");
+    if ((op == ICALL || op == MCALL || op == DFG_TARGET) && d->trep && d->trep->kind == 'x' && !any_parm)
+        fail("at least one operand must be 'x' kind too");
+    return d;
+}
+
+DFG* PARSER::declParameter() {
+    expect(T_PARMNAME, "need two parmnames");
+    DFG* p = parm_node(tok_.text[0]);
+    if (tok_.getToken(T_COLON)) declParmIcon(p);
+    return p;
+}
+
+void PARSER::declParmIcon(DFG* parm) {
+    expect(T_IDENT, "incorrect ICON type");
+    if (tok_.text == "s") parm->flags |= DFG_ICON_SIGNED;
+    else if (tok_.text == "u") parm->flags |= DFG_ICON_UNSIGNED;
+    else fail("incorrect ICON type");
+    if (tok_.getToken(T_LBRACKET)) {
+        long long lo = integer("a need constant (ICON/FCON/SCON)");
+        expect(T_DOTDOT, "a need constant (ICON/FCON/SCON)");
+        long long hi = integer("a need constant (ICON/FCON/SCON)");
+        expect(T_RBRACKET, "a need constant (ICON/FCON/SCON)");
+        if (lo > hi) fail("incorrect ICON type");
+        parm->lo = INT65(lo);
+        parm->hi = INT65(hi);
+        parm->flags |= DFG_ICON_RANGE;
+    }
+}
+
+std::vector<TREP*> PARSER::trep() {
+    if (!tok_.getToken(T_TREP)) {
+        tok_.getToken();
+        fail("invalid ssv: no trep or inconsistent treps");
+    }
+    std::string t = tok_.text;
+    if (t[0] != 'X') {
+        unsigned char kind = static_cast<unsigned char>(std::tolower(static_cast<unsigned char>(t[0])));
+        return {find_TREP(kind, std::atoi(t.c_str() + 1), 1)};
+    }
+    // X, then one container size, a list, or a range {min - max}.
+    std::vector<int> sizes;
+    if (t.size() > 1) {
+        sizes.push_back(std::atoi(t.c_str() + 1));
+    } else if (tok_.getToken(T_LPAREN)) {
+        while (tok_.getToken(T_INT)) sizes.push_back(static_cast<int>(tok_.aux));
+        expect(T_RPAREN, "invalid container size");
+    } else if (tok_.getToken(T_LBRACE)) {
+        long long lo = integer("invalid container size");
+        expect(T_MINUS, "invalid container size");
+        long long hi = integer("invalid container size");
+        expect(T_RBRACE, "invalid container size");
+        if (lo >= hi) fail("invalid container size");
+        for (long long s = lo; s <= hi; s *= 2) sizes.push_back(static_cast<int>(s));
+    } else {
+        expect(T_INT, "invalid container size");
+        sizes.push_back(static_cast<int>(tok_.aux));
+    }
+    std::vector<TREP*> out;
+    for (int s : sizes) {
+        if (s <= 1 || !is_trep_width(s)) fail("invalid container size");
+        out.push_back(find_TREP('x', s, 1));
+    }
+    if (out.empty()) fail("invalid container size");
+    return out;
+}
+
+std::vector<int> PARSER::simdFactor() {
+    std::vector<int> out;
+    while (tok_.getToken(T_LBRACKET)) {
+        long long n = integer("need an integer after [");
+        if (n <= 0) fail("need an integer after [");
+        expect(T_RBRACKET, "need an integer after [");
+        out.push_back(static_cast<int>(n));
+    }
+    return out;
+}
+
+void PARSER::clauses(DECL_RULE& proto) {
+    if (tok_.getToken(T_HOLDS)) holds(proto.bif);
+    if (tok_.getToken(T_FUNITS)) funcUnits(proto);
+    if (tok_.getToken(T_COST)) costs(proto);
+    if (tok_.getToken(T_LATENCY)) latency(proto);
+    if (tok_.getToken(T_SPACE)) space(proto);
+    constraint(proto.constraint);
+}
+
+void PARSER::holds(MD_BIF& bif) {
+    expect(T_LPAREN, "invalid holds flag");
+    do {
+        holds_flag(bif);
+    } while (tok_.getToken(T_ANDAND));
+    expect(T_RPAREN, "invalid holds flag");
+}
+
+void PARSER::holds_flag(MD_BIF& bif) {
+    if (!tok_.getToken(T_IDENT)) {
+        tok_.getToken();
+        fail("invalid holds flag");
+    }
+    const std::string f = tok_.text;
+    static const std::pair<const char*, unsigned long> simple[] = {
+        {"RETURNS_1_OR_0", HF_RETURNS_1_OR_0}, {"MUST_NOT_CSE", HF_MUST_NOT_CSE},
+        {"IS_BARRIER", HF_IS_BARRIER},         {"IS_SIMPLE_VECTOR_OP", HF_IS_SIMPLE_VECTOR_OP},
+        {"IS_SELF_ASSOCIATIVE", HF_IS_SELF_ASSOCIATIVE}, {"IS_PROPER_ABSVAL", HF_IS_PROPER_ABSVAL},
+        {"IS_PROPER_EXTRACT", HF_IS_PROPER_EXTRACT}, {"IS_PROPER_MINVAL", HF_IS_PROPER_MINVAL},
+        {"IS_PROPER_MAXVAL", HF_IS_PROPER_MAXVAL}};
+    for (auto& [name, bit] : simple)
+        if (f == name) {
+            bif.flags |= bit;
+            return;
+        }
+    if (f == "OPDS_COMMUTE") {
+        expect(T_LPAREN, "need two parmnames");
+        expect(T_PARMNAME, "need two parmnames");
+        bif.commute_a = tok_.text[0];
+        expect(T_PARMNAME, "need two parmnames");
+        bif.commute_b = tok_.text[0];
+        expect(T_RPAREN, "need two parmnames");
+        bif.flags |= HF_OPDS_COMMUTE;
+        return;
+    }
+    if (f == "MAXVAL" || f == "MINVAL") {
+        expect(T_LPAREN, "invalid holds flag");
+        INT65 v(integer("a need constant (ICON/FCON/SCON)"));
+        expect(T_RPAREN, "invalid holds flag");
+        bool max = f == "MAXVAL";
+        unsigned long bit = max ? HF_MAXVAL : HF_MINVAL;
+        INT65& slot = max ? bif.maxval : bif.minval;
+        if ((bif.flags & bit) && slot != v) fail(max ? "inconsistent maximum value" : "inconsistent minimum value");
+        slot = v;
+        bif.flags |= bit;
+        return;
+    }
+    if (f == "OPDS_MUST_NOT_CSE") {
+        expect(T_LPAREN, "invalid holds flag");
+        while (tok_.getToken(T_INT)) bif.opds_must_not_cse |= 1u << (tok_.aux & 31);
+        expect(T_RPAREN, "invalid holds flag");
+        bif.flags |= HF_OPDS_MUST_NOT_CSE;
+        return;
+    }
+    fail("unknown holds flag");
+}
+
+void PARSER::funcUnits(DECL_RULE& proto) {
+    auto unit = [&]() {
+        if (tok_.getToken(T_INT)) {
+            if (tok_.aux < 0 || tok_.aux >= static_cast<long long>(rb_->fu_names.size()))
+                fail("functional unit index out-of-range");
+            proto.funits.push_back(static_cast<int>(tok_.aux));
+            return true;
+        }
+        if (tok_.getToken(T_IDENT)) {
+            int i = rb_->fu_index(tok_.text);
+            if (i < 0) fail("functional unit name not declared");
+            proto.funits.push_back(i);
+            return true;
+        }
+        return false;
+    };
+    if (tok_.getToken(T_LPAREN)) {
+        while (unit()) {
+        }
+        expect(T_RPAREN, "FUNITS should end up with a )");
+        return;
+    }
+    if (!tok_.getToken(T_IDENT)) {
+        tok_.getToken();
+        fail("need a FUNIT NAME or ( after FUNITS");
+    }
+    tok_.returnToken();
+    unit();
+}
+
+void PARSER::costs(DECL_RULE& proto) { proto.cost = static_cast<int>(integer("need an integer after COST")); }
+void PARSER::latency(DECL_RULE& proto) { proto.latency = static_cast<int>(integer("need an integer after LATENCY")); }
+void PARSER::space(DECL_RULE& proto) { proto.space = static_cast<int>(integer("need an integer after SPACE")); }
+
+// ---------------------------------------------------------------------------
+// Constraints
+
+void PARSER::constraint(CONSTRAINT& c) {
+    for (;;) {
+        if (tok_.getToken(T_FOR)) {
+            targetConstraint(c);
+        } else if (tok_.getToken(T_WHEN)) {
+            CONSTRAINT_FUNCTION* w = (current_kind_ == rICALL || current_kind_ == rMCALL) ? xopIcallConstraint()
+                                                                                          : parameterConstraint();
+            c.when = c.when ? rb_->keep(new constraint_and({c.when, w})) : w;
+        } else if (tok_.getToken(T_GIVEN)) {
+            CONSTRAINT_FUNCTION* g = givenConstraint();
+            c.given = c.given ? rb_->keep(new constraint_and({c.given, g})) : g;
+        } else {
+            return;
+        }
+    }
+}
+
+void PARSER::targetConstraint(CONSTRAINT& c) {
+    if (tok_.getToken(T_ALL)) {
+        c.targets.clear();
+        return;
+    }
+    expect(T_LPAREN, "target constraint needs a )");
+    std::string names;
+    while (tok_.getToken(T_IDENT)) {
+        bool declared = false;
+        for (const std::string& t : rb_->targets) declared |= t == tok_.text;
+        if (!declared) fail("not declared in the target line");
+        names += (names.empty() ? "" : " ") + tok_.text;
+    }
+    expect(T_RPAREN, "target constraint needs a )");
+    c.targets = names;
+}
+
+CONSTRAINT_FUNCTION* PARSER::xopIcallConstraint() { return icallParameterConstraint(); }
+
+// In ICALL and MCALL declarations only IS_FETCH and IS_ICON may be asked.
+CONSTRAINT_FUNCTION* PARSER::icallParameterConstraint() {
+    CONSTRAINT_FUNCTION* c = parameterConstraint();
+    std::vector<CONSTRAINT_FUNCTION*> work{c};
+    while (!work.empty()) {
+        CONSTRAINT_FUNCTION* t = work.back();
+        work.pop_back();
+        if (auto* a = dynamic_cast<constraint_and*>(t)) {
+            for (CONSTRAINT_FUNCTION* x : a->terms()) work.push_back(x);
+            continue;
+        }
+        auto* pa = dynamic_cast<parm_attribute*>(t);
+        bool ok = pa && (std::strcmp(pa->attribute(), "IS_FETCH") == 0 || std::strcmp(pa->attribute(), "IS_ICON") == 0);
+        if (!ok) fail("only is_fetch or is_icon is allowed in ICALL/MCALL contraint");
+    }
+    return c;
+}
+
+CONSTRAINT_FUNCTION* PARSER::parameterConstraint() {
+    CONSTRAINT_FUNCTION* c = pcExpr();
+    if (!c) {
+        tok_.getToken();
+        fail("need a parameter constraint after WHEN");
+    }
+    return c;
+}
+
+// Terms joined with && (tighter) and ||.
+CONSTRAINT_FUNCTION* PARSER::pcExpr() {
+    std::vector<CONSTRAINT_FUNCTION*> conj;
+    CONSTRAINT_FUNCTION* left = nullptr;
+    for (;;) {
+        CONSTRAINT_FUNCTION* t = pcProperty();
+        if (!t) return nullptr;
+        conj.push_back(t);
+        if (tok_.getToken(T_ANDAND)) continue;
+        CONSTRAINT_FUNCTION* c = conj.size() == 1 ? conj[0] : rb_->keep(new constraint_and(conj));
+        conj.clear();
+        left = left ? rb_->keep(new constraint_or(left, c)) : c;
+        if (tok_.getToken(T_OROR)) continue;
+        return left;
+    }
+}
+
+CONSTRAINT_FUNCTION* PARSER::pcProperty() {
+    if (tok_.getToken(T_BANG)) {
+        CONSTRAINT_FUNCTION* a = pcProperty();
+        if (!a) fail("need a parameter constraint after WHEN");
+        return rb_->keep(new constraint_not(a));
+    }
+    if (tok_.getToken(T_LPAREN)) {
+        // (&a - &b) == n, (parameter expression) relop n, or a group.
+        if (tok_.getToken(T_AMP)) {
+            tok_.returnToken();
+            return parmAddressRelation();
+        }
+        int at = tok_.index;
+        if (tok_.getToken(T_PARMNAME) && !tok_.getToken(T_DOT)) {
+            tok_.seek(at);
+            DFG* e = parmExpression();
+            if (tok_.getToken(T_RPAREN)) return pcRelation(e);
+        }
+        tok_.seek(at);
+        CONSTRAINT_FUNCTION* inner = pcExpr();
+        if (!inner) fail("need a parameter constraint after WHEN");
+        expect(T_RPAREN, "need a ) for WHEN-clause");
+        return inner;
+    }
+    if (!tok_.getToken(T_PARMNAME)) return nullptr;
+    DFG* p = parm_node(tok_.text[0]);
+    if (tok_.getToken(T_DOT)) return pcFunction(p);
+    if (tok_.getToken(T_RELOP)) {
+        tok_.returnToken();
+        return pcRelation(p);
+    }
+    tok_.getToken();
+    fail("need a pc_function after the parm name, or you might want a ( before parm if it is an expression");
+}
+
+CONSTRAINT_FUNCTION* PARSER::pcRelation(DFG* left) {
+    if (!tok_.getToken(T_RELOP)) {
+        tok_.getToken();
+        fail("need a known pc_function");
+    }
+    tokentype rel = tok_.kind();
+    if (!tok_.getToken(T_INT) && !tok_.getToken(T_MINUS)) {
+        tok_.getToken();
+        fail("currently we only accept ICON for relation operator");
+    }
+    bool negative = tok_.kind() == T_MINUS;
+    if (negative && !tok_.getToken(T_INT)) fail("currently we only accept ICON for relation operator");
+    DFG* c = rb_->new_dfg();
+    c->op = ICON;
+    c->ivalue = INT65(negative ? -tok_.aux : tok_.aux);
+    switch (rel) {
+    case T_LT: return rb_->keep(new constraint_lt(left, c));
+    case T_GT: return rb_->keep(new constraint_gt(left, c));
+    case T_LE: return rb_->keep(new constraint_le(left, c));
+    case T_GE: return rb_->keep(new constraint_ge(left, c));
+    case T_EQ: return rb_->keep(new constraint_eq(left, c));
+    default: return rb_->keep(new constraint_neq(left, c));
+    }
+}
+
+CONSTRAINT_FUNCTION* PARSER::parmRelation() {
+    expect(T_PARMNAME, "need two parmnames");
+    return pcRelation(parm_node(tok_.text[0]));
+}
+
+CONSTRAINT_FUNCTION* PARSER::parmAddressRelation() {
+    expect(T_AMP, "need two parmnames");
+    expect(T_PARMNAME, "need two parmnames");
+    DFG* a = parm_node(tok_.text[0]);
+    expect(T_MINUS, "need two parmnames");
+    expect(T_AMP, "need two parmnames");
+    expect(T_PARMNAME, "need two parmnames");
+    DFG* b = parm_node(tok_.text[0]);
+    expect(T_RPAREN, "need a ) for WHEN-clause");
+    bool equal;
+    if (tok_.getToken(T_EQ)) equal = true;
+    else if (tok_.getToken(T_NE)) equal = false;
+    else {
+        tok_.getToken();
+        fail("currently we only accept ICON for relation operator");
+    }
+    long long n = integer("currently we only accept ICON for relation operator");
+    return rb_->keep(new constraint_address_difference(a, b, n, equal));
+}
+
+// p, or p - q, p + n ... as a small tree of PLUS/MINUS over parameters and
+// integers.
+DFG* PARSER::parmExpression() {
+    auto atom = [&]() -> DFG* {
+        if (tok_.getToken(T_PARMNAME)) return parm_node(tok_.text[0]);
+        if (tok_.getToken(T_INT)) {
+            DFG* c = rb_->new_dfg();
+            c->op = ICON;
+            c->ivalue = INT65(tok_.aux);
+            return c;
+        }
+        tok_.getToken();
+        fail("need two parmnames");
+    };
+    DFG* left = atom();
+    while (tok_.getToken(T_MINUS)) {
+        DFG* n = rb_->new_dfg();
+        n->op = MINUS;
+        n->opd[0] = left;
+        n->opd[1] = atom();
+        n->nopd = 2;
+        left = n;
+    }
+    return left;
+}
+
+CONSTRAINT_FUNCTION* PARSER::pcFunction(DFG* parm) {
+    if (!tok_.getToken(T_PCFUNCTION)) {
+        tok_.getToken();
+        fail("unknown pc function");
+    }
+    std::string f = tok_.text;
+    if (f == "STRIDE") {
+        expect(T_LPAREN, "the pc function needs an ICON parameter");
+        long long n = integer("the pc function needs an ICON parameter");
+        expect(T_RPAREN, "the pc function needs an ICON parameter");
+        return rb_->keep(new stride(parm, n));
+    }
+    if (f == "IS_IV") return rb_->keep(new is_IV(parm));
+    if (f == "IS_RC") return rb_->keep(new is_RC(parm));
+    if (f == "IS_FETCH") return rb_->keep(new is_FETCH(parm));
+    if (f == "IS_ICON") return rb_->keep(new is_ICON(parm));
+    if (f == "IS_SSV") return rb_->keep(new is_SSV(parm));
+    return rb_->keep(new is_power_of_2(parm));
+}
+
+CONSTRAINT_FUNCTION* PARSER::givenConstraint() {
+    bool endian_seen = false;
+    std::vector<CONSTRAINT_FUNCTION*> conj;
+    CONSTRAINT_FUNCTION* left = nullptr;
+    for (;;) {
+        CONSTRAINT_FUNCTION* t;
+        if (tok_.getToken(T_BANG)) t = rb_->keep(new constraint_not(givenFunction(endian_seen)));
+        else t = givenFunction(endian_seen);
+        conj.push_back(t);
+        if (tok_.getToken(T_ANDAND)) continue;
+        CONSTRAINT_FUNCTION* c = conj.size() == 1 ? conj[0] : rb_->keep(new constraint_and(conj));
+        conj.clear();
+        left = left ? rb_->keep(new constraint_or(left, c)) : c;
+        if (tok_.getToken(T_OROR)) continue;
+        return left;
+    }
+}
+
+CONSTRAINT_FUNCTION* PARSER::givenFunction(bool& endian_seen) {
+    if (!tok_.getToken(T_GIVENFUNCTION)) {
+        tok_.getToken();
+        fail("need a known pc_function");
+    }
+    std::string g = tok_.text;
+    if (g == "OPT_LEVEL_AT_LEAST") {
+        expect(T_LPAREN, "the pc function needs an ICON parameter");
+        long long n = integer("the pc function needs an ICON parameter");
+        expect(T_RPAREN, "the pc function needs an ICON parameter");
+        return rb_->keep(new opt_level_at_least(static_cast<int>(n)));
+    }
+    if (g == "BIG_ENDIAN" || g == "LITTLE_ENDIAN") {
+        if (endian_seen) fail("an endian constraint has been specified before");
+        endian_seen = true;
+    }
+    return rb_->keep(make_state_inquiry(g));
+}
+
+// ---------------------------------------------------------------------------
+// Rewrite rules
+
+std::vector<DECL_RULE*> PARSER::rewriteRules() {
+    DECL_RULE* r = nullptr;
+    if (tok_.getToken(T_SIMPLIFY)) r = simplifyRule();
+    else if (tok_.getToken(T_SIMD)) r = simdRule();
+    else if (tok_.getToken(T_COMBINE)) r = combineRule();
+    if (!r) return {};
+    rb_->owned_rules.push_back(r);
+    return {r};
+}
+
+DECL_RULE* PARSER::simplifyRule() {
+    current_kind_ = rSIMPLIFY;
+    auto* r = new DECL_RULE;
+    r->kind = rSIMPLIFY;
+    r->line = tok_.line;
+    try {
+        r->pattern = pattern();
+        if (r->pattern->op == DFG_REDUCE) fail("simplifing a reduce is not allowed");
+        if (!tok_.getToken(T_AS)) {
+            tok_.getToken();
+            fail("need the keyword AS in simplify-rule");
+        }
+        r->templt = templt();
+        constraint(r->constraint);
+    } catch (...) {
+        delete r;
+        throw;
+    }
+    r->sf = r->pattern->sf;
+    return r;
+}
+
+DECL_RULE* PARSER::simdRule() {
+    current_kind_ = rSIMD;
+    auto* r = new DECL_RULE;
+    r->kind = rSIMD;
+    r->line = tok_.line;
+    try {
+        r->pattern = pattern();
+        if (!tok_.getToken(T_AS)) {
+            tok_.getToken();
+            fail("need the keyword AS in simd-rule");
+        }
+        std::vector<DFG*> templates{templt()};
+        while (tok_.getToken(T_LPAREN)) {
+            tok_.returnToken();
+            templates.push_back(templt());
+        }
+        if (templates.size() > 1) fail("don't know how to generate multiple templates");
+        r->templt = templates[0];
+        if (tok_.getToken(T_HOIST)) r->hoist = hoist();
+        if (tok_.getToken(T_SINK)) r->sink = sink();
+        constraint(r->constraint);
+    } catch (...) {
+        delete r;
+        throw;
+    }
+    r->sf = r->templt->sf;
+    return r;
+}
+
+DECL_RULE* PARSER::combineRule() {
+    current_kind_ = rCOMBINE;
+    auto* r = new DECL_RULE;
+    r->kind = rCOMBINE;
+    r->line = tok_.line;
+    try {
+        r->pattern = pattern();
+        if (!tok_.getToken(T_AS)) {
+            tok_.getToken();
+            fail("need the keyword AS in combine-rule");
+        }
+        r->templt = templt();
+        if (!tok_.getToken(T_WITH)) {
+            tok_.getToken();
+            fail("need the keyword WITH in combine-rule");
+        }
+        r->pattern2 = pattern();
+        if (!tok_.getToken(T_AS)) {
+            tok_.getToken();
+            fail("need the keyword AS in combine-rule");
+        }
+        r->templt2 = templt();
+        // Every parameter of the second template must come from the WITH pattern.
+        std::set<char> with;
+        std::vector<const DFG*> work{r->pattern2};
+        while (!work.empty()) {
+            const DFG* d = work.back();
+            work.pop_back();
+            if (!d) continue;
+            if (d->op == DFG_PARM) with.insert(d->parm);
+            for (int i = 0; i < d->nopd; ++i) work.push_back(d->opd[i]);
+        }
+        work = {r->templt2};
+        while (!work.empty()) {
+            const DFG* d = work.back();
+            work.pop_back();
+            if (!d) continue;
+            if (d->op == DFG_PARM && !with.count(d->parm)) fail("template is not valid");
+            for (int i = 0; i < d->nopd; ++i) work.push_back(d->opd[i]);
+        }
+        constraint(r->constraint);
+    } catch (...) {
+        delete r;
+        throw;
+    }
+    r->sf = r->pattern->sf;
+    return r;
+}
+
+DFG* PARSER::pattern() {
+    DFG* p = unlabeledTree();
+    if (!p || p->op == DFG_PARM) fail("pattern is not valid");
+    return p;
+}
+
+DFG* PARSER::templt() {
+    DFG* t = ruleOperand();
+    if (!t) {
+        tok_.getToken();
+        fail("template is not valid");
+    }
+    return t;
+}
+
+DFG* PARSER::hoist() {
+    DFG* t = templt();
+    if (t->op != DFG_DEF && t->op != DFG_VDEF) fail("HOIST needs a DEF or VDEF");
+    return t;
+}
+
+DFG* PARSER::sink() {
+    DFG* t = templt();
+    if (t->op != DFG_DEF && t->op != DFG_VDEF) fail("SINK needs a DEF or VDEF");
+    return t;
+}
+
+// ( typed-operator operands )
+DFG* PARSER::unlabeledTree() {
+    if (!tok_.getToken(T_LPAREN)) return nullptr;
+    DFG* d = typedOperator();
+    while (!tok_.getToken(T_RPAREN)) {
+        DFG* o = ruleOperand();
+        if (!o) {
+            tok_.getToken();
+            fail("pattern is not valid");
+        }
+        if (d->nopd == 3) fail("pattern is not valid");
+        opd_pos(d, o);
+    }
+    int want = d->op >= 0 && d->op < NUM_OPCODES ? number_of_operands[d->op] : 255;
+    if (want != 255 && d->op != DFG_TARGET && d->op != ICALL && d->op != MCALL && d->op != DFG_SSV &&
+        want != d->nopd)
+        fail("pattern is not valid");
+    return d;
+}
+
+DFG* PARSER::typedOperator() {
+    DFG* d = rb_->new_dfg();
+    d->line = tok_.line;
+    if (tok_.getToken(T_REDUCE)) {
+        d->op = DFG_REDUCE;
+        d->ssv = ssv();
+        if (!d->ssv) fail("need a SSV after REDUCE or DFG op");
+        return d;
+    }
+    if (!tok_.getToken(T_IDENT)) {
+        tok_.getToken();
+        fail("need a valid operator");
+    }
+    d->op = operator_code(tok_.text, true);
+    if (d->op == 0) fail("need a valid operator");
+    if (d->op == DFG_TARGET || d->op == ICALL || d->op == MCALL) d->name = tok_.text;
+    if (tok_.getToken(T_COLON)) {
+        std::vector<TREP*> t = trep();
+        if (t.size() != 1) fail("don't know how to generate multiple templates");
+        d->trep = t[0];
+    }
+    std::vector<int> sfs = simdFactor();
+    if (sfs.size() > 1) fail("don't know how to generate multiple templates");
+    if (!sfs.empty()) d->sf = sfs[0];
+    // Graph operators carry the SSV they stand for.
+    if (d->op >= DFG_DEF && d->op != DFG_TARGET && d->op != DFG_PARM && tok_.getToken(T_LBRACE)) {
+        tok_.returnToken();
+        d->ssv = ssv();
+    }
+    return d;
+}
+
+DFG* PARSER::ruleOperand() {
+    int l = label();
+    if (l >= 0) {
+        DFG* t = unlabeledTree();
+        if (!t) fail("illegal labeled tree");
+        t->label = l;
+        labels_[l] = t;
+        return t;
+    }
+    if (tok_.getToken(T_DOLLAR)) {
+        if (!tok_.getToken(T_LABEL)) {
+            tok_.getToken();
+            fail("need number 0-9");
+        }
+        auto it = labels_.find(static_cast<int>(tok_.aux));
+        if (it == labels_.end()) fail("the label tree is not defined");
+        return it->second;
+    }
+    return operand();
+}
+
+// A label: a number followed by a colon; it must be one digit.
+int PARSER::label() {
+    int at = tok_.index;
+    if (tok_.getToken(T_INT)) {
+        std::string digits = tok_.text;
+        if (tok_.getToken(T_COLON)) {
+            if (digits.size() != 1) fail("need number 0-9");
+            return digits[0] - '0';
+        }
+    }
+    tok_.seek(at);
+    return -1;
+}
+
+DFG* PARSER::operand() {
+    if (DFG* t = unlabeledTree()) return t;
+    if (tok_.getToken(T_LBRACE)) {
+        tok_.returnToken();
+        DFG* s = rb_->new_dfg();
+        s->op = DFG_SSV;
+        s->ssv = ssv();
+        return s;
+    }
+    if (DFG* p = ruleParameter()) return p;
+    return literal();
+}
+
+DFG* PARSER::ruleParameter() {
+    if (!tok_.getToken(T_PARMNAME)) return nullptr;
+    DFG* p = parm_node(tok_.text[0]);
+    if (tok_.getToken(T_COLON)) declParmIcon(p);
+    return p;
+}
+
+char PARSER::ssv() {
+    if (!tok_.getToken(T_LBRACE)) return 0;
+    if (!tok_.getToken(T_SSVNAME)) {
+        tok_.getToken();
+        fail("need a SSV in {}");
+    }
+    char c = tok_.text[0];
+    if (!tok_.getToken(T_RBRACE)) {
+        tok_.getToken();
+        fail("ssv should be followed by a }");
+    }
+    return c;
+}
+
+DFG* PARSER::literal() { return icons(); }
+
+DFG* PARSER::icons() {
+    DFG* c = rb_->new_dfg();
+    if (tok_.getToken(T_MINUS)) {
+        if (tok_.getToken(T_INT)) {
+            c->op = ICON;
+            c->ivalue = INT65(-tok_.aux);
+            return c;
+        }
+        if (tok_.getToken(T_FLOAT)) {
+            c->op = FCON;
+            c->text = "-" + tok_.text;
+            return c;
+        }
+    } else if (tok_.getToken(T_INT)) {
+        c->op = ICON;
+        c->ivalue = INT65(tok_.aux);
+        return c;
+    } else if (tok_.getToken(T_FLOAT)) {
+        c->op = FCON;
+        c->text = tok_.text;
+        return c;
+    } else if (tok_.getToken(T_STRING)) {
+        c->op = SCON;
+        c->text = tok_.text;
+        return c;
+    }
+    tok_.getToken();
+    fail("a need constant (ICON/FCON/SCON)");
+}
+
+void PARSER::opd_pos(DFG* parent, DFG* child) {
+    parent->opd[parent->nopd++] = child;
+    if (child->op != DFG_PARM) child->parent = parent;
+}
+
+// ---------------------------------------------------------------------------
+// Entry points
+
+extern const MD_TOKEN md_tokens[];  // the compiled-in description
+
+RULE_BASE* parse_md_tokens(const MD_TOKEN* tokens, bool prune, std::string* error) {
+    PARSER parser(tokens);
+    try {
+        return parser.parse(prune);
+    } catch (FAIL& f) {
+        if (error)
+            *error = f.message + " MD file syntax error at line " + std::to_string(f.line) + ": when parsing " + f.text +
+                     ", " + f.message;
+        return nullptr;
+    }
+}
+
+void parse_md_file(bool prune) {
+    FILE* md_out = nullptr;
+    if (pass_debug_parser) {
+        md_out = std::fopen("md.out", "w");
+        if (!md_out) {
+            std::fputs("Oops, we failed to open md.out\n", stdout);
+            return;
+        }
+    }
+    PARSER parser(md_tokens);
+    RULE_BASE* rb = nullptr;
+    try {
+        rb = parser.parse(prune);
+    } catch (FAIL& f) {
+        if (md_out) std::fclose(md_out);
+        std::printf("%s MD file syntax error at line %d: when parsing %s, %s\nParse Failed!\n", f.message.c_str(),
+                    f.line, f.text.c_str(), f.message.c_str());
+        std::fflush(stdout);
+        abort_optimizer();
+    }
+    md_rule_base = rb;
+    if (md_out) {
+        rb->print(md_out);
+        std::fclose(md_out);
+    }
+    if (print_debug) std::fprintf(stderr, "Parse succeeded!  (SIMD %s)\n", opt_level() >= 2 ? "active" : "disabled");
+}
