@@ -1,0 +1,211 @@
+// The machine-description language: the Pellin description parses, prints
+// to text that parses to the same rule base, syntax errors name their line
+// and token, and the rule base answers cost queries.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <memory>
+
+#include "OPT5/md_parse.h"
+#include "OPT5/md_rules.h"
+#include "OPT5/opcodes.h"
+#include "test_util.h"
+#include "tools/md_lexer.h"
+
+namespace {
+
+const char header[] = "OPTIMIZER MACHINE DESCRIPTION : \"T\"\nTARGETS : BRV\nENDIAN : LITTLE\n";
+
+class Md : public ::testing::Test {
+protected:
+    void SetUp() override { init_opcode_tables(); }
+    void TearDown() override { md_rule_base = nullptr; }
+
+    // Parses description text; null with `error` set on a syntax error.
+    std::unique_ptr<RULE_BASE> parse(const std::string& text, bool prune = true) {
+        std::vector<MD_LEXED> lexed;
+        std::string lex_error;
+        EXPECT_TRUE(md_lex(text, lexed, lex_error)) << lex_error;
+        std::vector<MD_TOKEN> toks = md_token_array(lexed);
+        error.clear();
+        return std::unique_ptr<RULE_BASE>(parse_md_tokens(toks.data(), prune, &error));
+    }
+    std::string printed(RULE_BASE* rb) {
+        FILE* f = std::tmpfile();
+        rb->print(f);
+        std::string s = read_all(f);
+        std::fclose(f);
+        return s;
+    }
+    static int count(DECL_RULE* list) {
+        int n = 0;
+        for (; list; list = list->next) ++n;
+        return n;
+    }
+    std::string pellin() { return slurp(fs::path(OPT5_SOURCE_DIR) / "OPT5/pellin.md"); }
+    std::string error;
+};
+
+TEST_F(Md, ThePellinDescriptionParsesAndPrintsToItself) {
+    auto rb = parse(pellin());
+    ASSERT_TRUE(rb) << error;
+    EXPECT_EQ(rb->name, "Pellin");
+    EXPECT_EQ(rb->real_fu_count, 6);
+    EXPECT_EQ(rb->fu_names.size(), 9u);
+    EXPECT_EQ(count(rb->decls), 24);
+    EXPECT_EQ(count(rb->imprecise_decls), 1);  // __sadd on any 32-bit container
+    EXPECT_EQ(count(rb->rules), 10);
+    // The printed form parses to the same rule base; only the source lines
+    // that the print notes in comments differ.
+    std::string once = printed(rb.get());
+    auto again = parse(once);
+    ASSERT_TRUE(again) << error << "\n" << once;
+    auto without_lines = [](std::string s) {
+        for (size_t at = s.find("// line "); at != std::string::npos; at = s.find("// line ", at))
+            s.erase(at, s.find('\n', at) + 1 - at);
+        return s;
+    };
+    EXPECT_EQ(without_lines(printed(again.get())), without_lines(once));
+    EXPECT_EQ(count(again->decls), 24);
+    EXPECT_EQ(count(again->rules), 10);
+}
+
+TEST_F(Md, EmptyBodyAndOptionalSections) {
+    auto rb = parse(header);
+    ASSERT_TRUE(rb) << error;
+    EXPECT_EQ(rb->decls, nullptr);
+    EXPECT_EQ(rb->rules, nullptr);
+    rb = parse(std::string(header) + "DEFAULT COST : 3\nDEFAULT LATENCY : 2\n");
+    ASSERT_TRUE(rb) << error;
+    EXPECT_EQ(rb->default_cost, 3);
+    EXPECT_EQ(rb->default_latency, 2);
+    // Present lines keep the order from the start: SPACE can't follow COST.
+    EXPECT_FALSE(parse(std::string(header) + "DEFAULT COST : 3\nDEFAULT SPACE : 2\n"));
+    EXPECT_NE(error.find("need COST/LATENCY/SPACE after DEFAULT"), std::string::npos) << error;
+}
+
+TEST_F(Md, SyntaxErrorsNameLineTokenAndReason) {
+    struct Case {
+        std::string text;
+        const char* message;
+        int line;
+        const char* token;
+    } cases[] = {
+        {"OPTIMIZER DESCRIPTION", "need the keywords OPTIMIZER MACHINE DESCRIPTION", 1, "DESCRIPTION"},
+        {"OPTIMIZER MACHINE DESCRIPTION : \"T\"\nTARGETS : ( V9 W8 )\nENDIAN : LITTLE\n", "none of cpu versions matches", 2,
+         ")"},
+        {"OPTIMIZER MACHINE DESCRIPTION : \"T\"\nTARGETS : V9\n", "cpu version doesn't match", 2, "V9"},
+        {"OPTIMIZER MACHINE DESCRIPTION : \"T\"\nTARGETS : ( )\n", "at least one target name is needed", 2, ")"},
+        {"OPTIMIZER MACHINE DESCRIPTION : \"T\"\nTARGETS : BRV\nENDIAN : SIDEWAYS\n", "unknown keyword after colon", 3,
+         "SIDEWAYS"},
+        {std::string(header) + "FUNCTIONAL UNITS : ( A B A )", "duplicate functional unit", 4, "A"},
+        {std::string(header) + "DEFAULT LATENCY : 1", "need COST/LATENCY/SPACE after DEFAULT", 4, "LATENCY"},
+        {std::string(header) + "DEFAULT COST : x", "default cost must be an ICON", 4, "x"},
+        {std::string(header) + "( ICODE (PLUS : X1 a b) )", "invalid container size", 4, "X1"},
+        {std::string(header) + "( ICODE (PLUS : X {32 - 32} a b) )", "invalid container size", 4, "}"},
+        {std::string(header) + "( ICODE (PLUS : I16 a b) HOLDS (MAXVAL(3) && MAXVAL(4)) )",
+         "inconsistent maximum value", 4, ")"},
+        {std::string(header) + "( ICODE (PLUS : I16 a b) HOLDS (NEVER) )", "unknown holds flag", 4, "NEVER"},
+        {std::string(header) + "( ICODE (FROB : I16 a b) )", "need a valid operator", 4, "FROB"},
+        {std::string(header) + "( XOP (PLUS : I16 a b) IS (PLUS : I16 a b) )",
+         "xop has the same name as an internal operator", 4, "PLUS"},
+        {std::string(header) + "( XOP (ADDX : I16 a b) COST 1 )", "need the keyword IS in xop declaration", 4, "COST"},
+        {std::string(header) + "( ICODE (PLUS : I16 a b) FUNITS NOPE )", "functional unit name not declared", 4, "NOPE"},
+        {std::string(header) + "( ICODE (PLUS : I16 a b) FOR ( V9 ) )", "not declared in the target line", 4, "V9"},
+        {std::string(header) + "( ICODE (PLUS : I16 [2] [4] a b) WHEN a.IS_ICON )",
+         "cannot declare multiple ICODEs with a WHEN clause", 4, "IS_ICON"},
+        {std::string(header) + "( ICALL (__f : I16 a b) WHEN a.IS_RC )",
+         "only is_fetch or is_icon is allowed in ICALL/MCALL contraint", 4, "IS_RC"},
+        {std::string(header) + "( ICALL (__f : I16) )", "ICALL/MCALL has no argument", 4, ")"},
+        {std::string(header) + "( SIMPLIFY (PLUS : I16 a 0) a )", "need the keyword AS in simplify-rule", 4, "a"},
+        {std::string(header) + "( SIMPLIFY (PLUS : I16 a $3) AS a )", "the label tree is not defined", 4, "3"},
+        {std::string(header) + "( SIMD (PLUS : I16 a b) AS (PLUS : I16 [2] a b) HOIST (PLUS : I16 a b) )",
+         "HOIST needs a DEF or VDEF", 4, ")"},
+        {std::string(header) + "( SIMPLIFY (PLUS : I16 a b) AS a WHEN a < b )",
+         "currently we only accept ICON for relation operator", 4, "b"},
+        {std::string(header) + "( SIMPLIFY (PLUS : I16 a b) AS a GIVEN BIG_ENDIAN && LITTLE_ENDIAN )",
+         "an endian constraint has been specified before", 4, "LITTLE_ENDIAN"},
+        {std::string(header) + "( COMBINE (PLUS : I16 a b) AS a (PLUS : I16 c d) AS c )",
+         "need the keyword WITH in combine-rule", 4, "("},
+        {std::string(header) + "( ICODE (PLUS : I16 a b) COST 1", "declaration should be ended with a )", 4, "<end>"},
+        {std::string(header) + "\n\n( FROB )", "need a declaration or rule", 6, "FROB"},
+    };
+    for (const Case& c : cases) {
+        EXPECT_FALSE(parse(c.text)) << c.text;
+        std::string expected = std::string(c.message) + " MD file syntax error at line " + std::to_string(c.line) +
+                               ": when parsing " + c.token + ", " + c.message;
+        EXPECT_EQ(error, expected) << c.text;
+    }
+}
+
+TEST_F(Md, LexicalClasses) {
+    // T is never a parameter name; a repeated equal MAXVAL is fine.
+    EXPECT_FALSE(parse(std::string(header) + "( ICODE (PLUS : I16 T b) )"));
+    auto rb = parse(std::string(header) + "( ICODE (PLUS : I16 a b) HOLDS (MAXVAL(3) && MAXVAL(3) && MINVAL(-2)) )");
+    ASSERT_TRUE(rb) << error;
+    EXPECT_EQ(rb->decls->bif.maxval, INT65(3));
+    EXPECT_EQ(rb->decls->bif.minval, INT65(-2));
+    // Several SIMD factors make one declaration each.
+    rb = parse(std::string(header) + "( ICODE (PLUS : I16 [2] [4] a b) COST 2 )");
+    ASSERT_TRUE(rb) << error;
+    ASSERT_EQ(count(rb->decls), 2);
+    EXPECT_EQ(rb->decls->sf, 2);
+    EXPECT_EQ(rb->decls->next->sf, 4);
+    // Declarations for another target are dropped when the base is pruned.
+    rb = parse("OPTIMIZER MACHINE DESCRIPTION : \"T\"\nTARGETS : ( BRV V9 )\nENDIAN : BIG\n"
+               "( ICODE (PLUS : I16 a b) FOR ( V9 ) )\n( ICODE (MINUS : I16 a b) FOR ( BRV ) )");
+    ASSERT_TRUE(rb) << error;
+    ASSERT_EQ(count(rb->decls), 1);
+    EXPECT_EQ(rb->decls->pattern->op, MINUS);
+    EXPECT_TRUE(rb->md_big_endian);
+}
+
+TEST_F(Md, CostQueries) {
+    auto rb = parse(pellin());
+    ASSERT_TRUE(rb) << error;
+    md_rule_base = rb.get();
+    DFG node;
+    node.op = PLUS;
+    node.trep = find_TREP('i', 16, 1);
+    EXPECT_EQ(cost_of_dfg_node(&node), 1);
+    EXPECT_EQ(latency_of_dfg_node(&node), 1);
+    node.op = MULT;
+    node.trep = find_TREP('i', 32, 1);
+    EXPECT_EQ(cost_of_dfg_node(&node), 3);
+    EXPECT_EQ(latency_of_dfg_node(&node), 3);
+    EXPECT_EQ(space_of_dfg_node(&node), 2);
+    node.trep = find_TREP('i', 16, 1);
+    node.sf = 2;
+    EXPECT_EQ(latency_of_dfg_node(&node), 2);  // the dual multiply
+    // No declaration: -1, but an intrinsic call costs 1.
+    node.op = DIV;
+    EXPECT_EQ(cost_of_dfg_node(&node), -1);
+    node.op = ICALL;
+    node.name = "__unknown";
+    EXPECT_EQ(cost_of_dfg_node(&node), 1);
+    EXPECT_EQ(cost_of_dfg_node(nullptr), 0);
+    // A declaration without its own figures takes the defaults.
+    node = DFG();
+    node.op = MINUS;
+    node.trep = find_TREP('i', 16, 1);
+    EXPECT_EQ(cost_of_dfg_node(&node), rb->default_cost);
+    // Derived units stand for their real ones.
+    EXPECT_EQ(map_derivedFUIdx_to_realFU(rb->fu_index("LSU")), (std::set<unsigned>{3, 4}));
+    EXPECT_EQ(map_derivedFUIdx_to_realFU(rb->fu_index("MAC")), (std::set<unsigned>{2}));
+    std::vector<std::pair<int, std::set<unsigned>>> usage;
+    node.op = PLUS;
+    FU_usage_of_dfg_node(&node, usage);
+    ASSERT_EQ(usage.size(), 1u);
+    EXPECT_EQ(usage[0].second, (std::set<unsigned>{0, 1}));
+}
+
+TEST(MdEndToEnd, DebugParserWritesTheRuleBase) {
+    TempDir dir;
+    ASSERT_EQ(assemble(slurp(fs::path(OPT5_SOURCE_DIR) / "tests/data/add.txt"), dir.path / "in.if"), "");
+    Result r = run_program(OPT5_BINARY, {"--debug=parser", "in.if", "out.if"}, dir.path);
+    EXPECT_EQ(r.status, 0) << r.err;
+    std::string md = slurp(dir.path / "md.out");
+    EXPECT_EQ(md.rfind("OPTIMIZER MACHINE DESCRIPTION : \"Brevan\"\nTARGETS : ( BRV )\nENDIAN : LITTLE\n", 0), 0u) << md;
+}
+
+}  // namespace
