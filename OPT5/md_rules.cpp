@@ -150,6 +150,23 @@ std::string dfg_text(const DFG* d) {
 // Constraint terms
 
 namespace {
+std::map<const DFG*, int>& dfg_numbers() {
+    static std::map<const DFG*, int> numbers;
+    return numbers;
+}
+}  // namespace
+
+void reset_dfg_refs() { dfg_numbers().clear(); }
+
+std::string dfg_ref(const DFG* d) {
+    if (!d) return "nullptr";
+    auto& numbers = dfg_numbers();
+    auto it = numbers.find(d);
+    int n = it != numbers.end() ? it->second : (numbers[d] = static_cast<int>(numbers.size()) + 1);
+    return "&dfg_" + std::to_string(n);
+}
+
+namespace {
 // The value a parameter is bound to, when it is an integer constant.
 bool bound_icon(DFG* parm, std::map<DFG*, DFG*, lessparm>& b, INT65& v) {
     auto it = b.find(parm);
@@ -264,7 +281,7 @@ CONSTRAINT_FUNCTION* relop_constraint::copy_and_subst_parms(DFG_ALIST* alist) {
     return new relop_constraint(subst(a_, alist), b_, relop_);
 }
 void relop_constraint::dump(FILE* out) {
-    std::fprintf(out, "new %s(&dfg_%p, &dfg_%p)", relop_class(relop_), static_cast<void*>(a_), static_cast<void*>(b_));
+    std::fprintf(out, "new %s(%s, %s)", relop_class(relop_), dfg_ref(a_).c_str(), dfg_ref(b_).c_str());
 }
 
 #define MD_RELOP_CTOR(NAME, OP) \
@@ -301,7 +318,7 @@ void parm_attribute::dump(FILE* out) {
                       : !std::strcmp(name_, "IS_FETCH") ? "is_FETCH"
                       : !std::strcmp(name_, "IS_SSV")   ? "is_SSV"
                                                         : "is_power_of_2";
-    std::fprintf(out, "new %s(&dfg_%p)", cls.c_str(), static_cast<void*>(parm_));
+    std::fprintf(out, "new %s(%s)", cls.c_str(), dfg_ref(parm_).c_str());
 }
 
 namespace {
@@ -339,7 +356,7 @@ bool is_IV::is_satisfied(std::map<DFG*, NODE*>&) { return false; }
 bool is_IV::compatible_with(CONSTRAINT_FUNCTION*, DFG_ALIST*) { return true; }
 void is_IV::print(FILE* out) { std::fprintf(out, " %c.is_IV(%s) ", parm_->parm, loop_.c_str()); }
 CONSTRAINT_FUNCTION* is_IV::copy_and_subst_parms(DFG_ALIST* alist) { return new is_IV(subst(parm_, alist), loop_); }
-void is_IV::dump(FILE* out) { std::fprintf(out, "new is_IV(&dfg_%p, \"%s\")", static_cast<void*>(parm_), loop_.c_str()); }
+void is_IV::dump(FILE* out) { std::fprintf(out, "new is_IV(%s, \"%s\")", dfg_ref(parm_).c_str(), loop_.c_str()); }
 
 bool stride::is_satisfied(std::map<DFG*, DFG*, lessparm>& b) {
     auto it = b.find(parm_);
@@ -351,7 +368,7 @@ bool stride::compatible_with(CONSTRAINT_FUNCTION* other, DFG_ALIST* alist) {
 }
 void stride::print(FILE* out) { std::fprintf(out, " %c.stride(%lld) ", parm_->parm, n_); }
 CONSTRAINT_FUNCTION* stride::copy_and_subst_parms(DFG_ALIST* alist) { return new stride(subst(parm_, alist), n_); }
-void stride::dump(FILE* out) { std::fprintf(out, "new stride(&dfg_%p, %lld)", static_cast<void*>(parm_), n_); }
+void stride::dump(FILE* out) { std::fprintf(out, "new stride(%s, %lld)", dfg_ref(parm_).c_str(), n_); }
 
 bool state_inquiry::compatible_with(CONSTRAINT_FUNCTION*, DFG_ALIST*) { return true; }
 void state_inquiry::print(FILE* out) { std::fprintf(out, " %s ", name_); }
@@ -520,8 +537,8 @@ CONSTRAINT_FUNCTION* constraint_address_difference::copy_and_subst_parms(DFG_ALI
     return new constraint_address_difference(subst(a_, alist), subst(b_, alist), diff_, equal_);
 }
 void constraint_address_difference::dump(FILE* out) {
-    std::fprintf(out, "new constraint_address_difference(&dfg_%p, &dfg_%p, %lld, %s)", static_cast<void*>(a_),
-                 static_cast<void*>(b_), diff_, equal_ ? "true" : "false");
+    std::fprintf(out, "new constraint_address_difference(%s, %s, %lld, %s)", dfg_ref(a_).c_str(), dfg_ref(b_).c_str(),
+                 diff_, equal_ ? "true" : "false");
 }
 
 // ---------------------------------------------------------------------------

@@ -64,6 +64,11 @@ struct DFG {
     bool aligned = false;
     int alignment = 0;
 
+    DFG() = default;
+    // The form the generated rule base uses (constants as decimal text).
+    DFG(int op, const char* name, TREP* trep, int sf, DFG* a, DFG* b, DFG* c, int nopd, char parm, char ssv, int label,
+        const char* ivalue, const char* lo, const char* hi, const char* text, unsigned flags, int line);
+
     bool is_parm() const;
     int size() const;          // nodes reachable through the operand links
 };
@@ -82,6 +87,10 @@ struct lessparm {
 std::string dfg2prefix(const DFG* dfg);
 // Text of a graph as the description writes it.
 std::string dfg_text(const DFG* dfg);
+// The name ("&dfg_N") under which the generated source refers to a node;
+// numbers are given in order of first use since the last reset.
+std::string dfg_ref(const DFG* dfg);
+void reset_dfg_refs();
 
 // ---------------------------------------------------------------------------
 // Constraints
@@ -119,6 +128,8 @@ public:
     void dump(FILE* out) override;
     DFG* get_parm() override { return a_; }
     int relop() const { return relop_; }
+    DFG* left() const { return a_; }
+    DFG* right() const { return b_; }
 
 protected:
     DFG* a_;
@@ -285,6 +296,8 @@ public:
     DFG_LIST get_dfg_list() override;
     CONSTRAINT_FUNCTION* copy_and_subst_parms(DFG_ALIST* alist) override;
     void dump(FILE* out) override;
+    CONSTRAINT_FUNCTION* first() const { return a_; }
+    CONSTRAINT_FUNCTION* second() const { return b_; }
 
 private:
     CONSTRAINT_FUNCTION* a_;
@@ -302,6 +315,7 @@ public:
     DFG_LIST get_dfg_list() override { return a_->get_dfg_list(); }
     CONSTRAINT_FUNCTION* copy_and_subst_parms(DFG_ALIST* alist) override;
     void dump(FILE* out) override;
+    CONSTRAINT_FUNCTION* operand() const { return a_; }
 
 private:
     CONSTRAINT_FUNCTION* a_;
@@ -330,6 +344,9 @@ struct CONSTRAINT {
     std::string targets;  // "" for all targets
     CONSTRAINT_FUNCTION* when = nullptr;
     CONSTRAINT_FUNCTION* given = nullptr;
+
+    CONSTRAINT() = default;
+    CONSTRAINT(const char* t, CONSTRAINT_FUNCTION* w, CONSTRAINT_FUNCTION* g) : targets(t), when(w), given(g) {}
 };
 
 // Holds flags of a declaration.
@@ -355,6 +372,9 @@ struct MD_BIF {
     INT65 maxval, minval;
     char commute_a = 0, commute_b = 0;  // OPDS_COMMUTE parameters
     std::string bif_name;               // ICALL/MCALL: the built-in function
+
+    MD_BIF() = default;
+    MD_BIF(unsigned long f, unsigned opds, const char* max, const char* min, char ca, char cb, const char* bif);
 };
 
 enum declruletype { rICODE = 0, rICALL = 1, rMCALL = 2, rXOP = 3, rOP = 4, rSIMD = 5, rSIMPLIFY = 6, rCOMBINE = 7, rWRAPPER = 8 };
@@ -378,6 +398,13 @@ struct DECL_RULE {
     bool self_commuted = false; // a twin made by commuting the pattern's operands
     DECL_RULE* next = nullptr;
 
+    DECL_RULE() = default;
+    // The forms the generated rule base uses.
+    DECL_RULE(declruletype k, DFG* p, DFG* t, int c, int l, int s, const MD_BIF& b, const CONSTRAINT& con, int ln,
+              int factor, const int* units, int nunits);
+    DECL_RULE(declruletype k, DFG* p, DFG* t, int c, int l, int s, const MD_BIF& b, const CONSTRAINT& con, int ln,
+              int factor, const int* units, int nunits, DFG* p2, DFG* t2, DFG* h, DFG* sk);
+
     void set_rule_simd_factor(int factor);
     void rewrite_vector_ICODE();
 };
@@ -387,6 +414,12 @@ DECL_RULE* rev_declrule_list(DECL_RULE* list);
 class RULE_BASE {
 public:
     RULE_BASE() = default;
+    // The compiled-in rule base: null-terminated arrays of its records,
+    // linked into lists by link_compiled_lists() at start-up.
+    RULE_BASE(const char* name, const char* targets, DECL_RULE* const* decls, DECL_RULE* const* imprecise,
+              DECL_RULE* const* rules, int md_big_endian, int target_big_endian, const char* const* fu_names,
+              size_t fu_count, const char* const* derived, int cost, int latency, int space);
+    void link_compiled_lists();
     RULE_BASE(const RULE_BASE&) = delete;
     RULE_BASE& operator=(const RULE_BASE&) = delete;
     ~RULE_BASE();
@@ -435,6 +468,10 @@ public:
     int space_of_dfg_and_children(DFG* dfg, int depth);
 
     void print(FILE* out);
+    // Writes the rule base as C++ source: md_decls.cpp, md_imprecise_decls.cpp,
+    // md_rules.cpp and md_rule_base.cpp in `dir`.  False when a file can't be
+    // written (none is left half-written).
+    bool dump(const std::string& dir);
 
     int cost_of(const DECL_RULE* d) const { return d->cost >= 0 ? d->cost : default_cost; }
     int latency_of(const DECL_RULE* d) const { return d->latency >= 0 ? d->latency : default_latency; }
@@ -443,12 +480,14 @@ public:
 
 private:
     std::unordered_map<std::string, std::vector<DECL_RULE*>> by_op_;
+    DECL_RULE* const* compiled_[3] = {nullptr, nullptr, nullptr};
     void index_decl(DECL_RULE* d);
     friend struct RULE_BASE_BUILDER;
 };
 
-// The rule base in use.
+// The rule base in use, and the one compiled into the optimizer.
 extern RULE_BASE* md_rule_base;
+RULE_BASE* compiled_rule_base();
 
 // True when the target name is that of the processor version selected.
 bool target_is_this_version(const std::string& name);
