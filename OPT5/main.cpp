@@ -9,6 +9,7 @@
 
 #include "DEBUG_DISABLE/switches.h"
 #include "OPT5/abort.h"
+#include "OPT5/matcher.h"
 #include "OPT5/md_rules.h"
 #include "OPT5/cmdline.h"
 #include "OPT5/driver.h"
@@ -255,6 +256,7 @@ void optimizer_main(int argc, char** argv) {
         init_types();
         type_pkg->processor_version = processor_version;
         init_fileopts();
+        matcher_init();
     });
     guarded([] { setup_passes(true); });
     if (pass_debug_parser) {
