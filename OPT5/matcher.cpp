@@ -184,8 +184,24 @@ void matcher_init() {
         md_rule_base->replace_dummy_types_and_treps();
         md_rule_base->filter_unneeded_decl_rule();
     }
-    RULE_BASE* rb = md_rule_base;
-    if (!rb) return;
+    if (md_rule_base) build_rule_tables(md_rule_base);
+    if (print_debug && FDEBUG) {
+        DBG_CHECK(std::fprintf(FDEBUG, "[%d SIMD/SIMPLIFY/OP/XOP/COMBINE rules]\n", rule_count));
+        DBG_CHECK(std::fprintf(FDEBUG, "(%.1f sec for matcher initialisation.)\n\n",
+                               static_cast<double>(std::clock() - start) / CLOCKS_PER_SEC));
+    }
+    if (pass_debug_dumprules) {
+        FILE* out = print_debug && FDEBUG ? FDEBUG : stdout;
+        for (RULETABLE* t : {&primary_rules, &primary_declarations, &simplify_only_rules, &op_forward_rules,
+                             &non_op_xop_simplify_only_rules, &combine_rules})
+            t->print(out);
+    }
+}
+
+int build_rule_tables(RULE_BASE* rb) {
+    for (RULETABLE* t : {&primary_rules, &primary_declarations, &simplify_only_rules, &op_forward_rules,
+                         &non_op_xop_simplify_only_rules, &combine_rules})
+        t->clear();
     rule_count = 0;
     std::vector<DECL_RULE*> all;
     for (DECL_RULE* list : {rb->decls, rb->imprecise_decls, rb->rules})
@@ -257,17 +273,7 @@ void matcher_init() {
         default: optassert("rdlist->kind == rOP || rdlist->kind == rXOP", THIS_MODULE, __LINE__);
         }
     }
-    if (print_debug && FDEBUG) {
-        DBG_CHECK(std::fprintf(FDEBUG, "[%d SIMD/SIMPLIFY/OP/XOP/COMBINE rules]\n", rule_count));
-        DBG_CHECK(std::fprintf(FDEBUG, "(%.1f sec for matcher initialisation.)\n\n",
-                               static_cast<double>(std::clock() - start) / CLOCKS_PER_SEC));
-    }
-    if (pass_debug_dumprules) {
-        FILE* out = print_debug && FDEBUG ? FDEBUG : stdout;
-        for (RULETABLE* t : {&primary_rules, &primary_declarations, &simplify_only_rules, &op_forward_rules,
-                             &non_op_xop_simplify_only_rules, &combine_rules})
-            t->print(out);
-    }
+    return rule_count;
 }
 
 // ---------------------------------------------------------------------------
@@ -553,23 +559,28 @@ DFG* apply_SIMD_rules_to_DFG_node(DFG* node, CDSTMT* stmt, int sf) {
     case DFG_STORE: return vectored("STORE");
     default: break;
     }
-    // A simple element-wise operation the description declares at this factor.
+    // A simple element-wise operation the description declares as one.
     DFG probe = *node;
     probe.sf = sf;
-    for (DECL_RULE* d : md_rule_base ? md_rule_base->find_declaration_for_DFG(&probe, true, false)
-                                     : std::vector<DECL_RULE*>{}) {
-        if (!(d->bif.flags & HF_IS_SIMPLE_VECTOR_OP)) continue;
+    std::vector<DECL_RULE*> simple;
+    if (md_rule_base)
+        for (DECL_RULE* d : md_rule_base->find_declaration_for_DFG(&probe, false, false))
+            if (d->bif.flags & HF_IS_SIMPLE_VECTOR_OP) simple.push_back(d);
+    if (!simple.empty()) {
         for (int i = 0; i < node->nopd; ++i)
             if (node->opd[i] && node->opd[i]->trep && node->trep && node->opd[i]->trep != node->trep)
                 return fail("types not all same for simple vector op");
         if (node->trep && !power_of_2(node->trep->bits)) return fail("non-power-of-2 element");
         if (node->trep && node->trep->bits * sf > target_vector_bits()) return fail("too wide");
-        trace("[built-in %s rule]\n", root_key(node).c_str());
-        DFG* v = matcher_arena.make();
-        *v = *node;
-        v->sf = sf;
-        v->opdecl = d;
-        return v;
+        for (DECL_RULE* d : simple) {
+            if (d->sf != sf) continue;
+            trace("[built-in %s rule]\n", root_key(node).c_str());
+            DFG* v = matcher_arena.make();
+            *v = *node;
+            v->sf = sf;
+            v->opdecl = d;
+            return v;
+        }
     }
     std::deque<CANDIDATE> found = find_candidates(primary_rules, node, sf);
     for (CANDIDATE& c : found) {

@@ -56,6 +56,9 @@ struct CANDIDATE {
 bool match_less(const CANDIDATE& a, const CANDIDATE& b);
 
 void matcher_init();
+// Files the rules of a rule base into the tables (what matcher_init does
+// with the rule base it obtains); returns the number of rules filed.
+int build_rule_tables(RULE_BASE* rb);
 void reset_matcher();  // forget the tables (a later matcher_init builds them again)
 
 // Matches one pattern against a node; the bindings grow; `why` says what
