@@ -1297,14 +1297,11 @@ void parse_md_file(bool prune) {
             return;
         }
     }
-    PARSER parser(md_tokens);
-    RULE_BASE* rb = nullptr;
-    try {
-        rb = parser.parse(prune);
-    } catch (FAIL& f) {
+    std::string error;
+    RULE_BASE* rb = parse_md_tokens(md_tokens, prune, &error);
+    if (!rb) {
         if (md_out) std::fclose(md_out);
-        std::printf("%s MD file syntax error at line %d: when parsing %s, %s\nParse Failed!\n", f.message.c_str(),
-                    f.line, f.text.c_str(), f.message.c_str());
+        std::printf("%s\nParse Failed!\n", error.c_str());
         std::fflush(stdout);
         abort_optimizer();
     }

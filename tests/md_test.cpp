@@ -70,6 +70,14 @@ TEST_F(Md, ThePellinDescriptionParsesAndPrintsToItself) {
     EXPECT_EQ(count(again->rules), 10);
 }
 
+TEST_F(Md, TheCompiledInRuleBaseIsTheParsedDescription) {
+    auto rb = parse(pellin());
+    ASSERT_TRUE(rb) << error;
+    RULE_BASE* compiled = compiled_rule_base();
+    compiled->link_compiled_lists();
+    EXPECT_EQ(printed(compiled), printed(rb.get()));
+}
+
 TEST_F(Md, EmptyBodyAndOptionalSections) {
     auto rb = parse(header);
     ASSERT_TRUE(rb) << error;
@@ -206,6 +214,21 @@ TEST(MdEndToEnd, DebugParserWritesTheRuleBase) {
     EXPECT_EQ(r.status, 0) << r.err;
     std::string md = slurp(dir.path / "md.out");
     EXPECT_EQ(md.rfind("OPTIMIZER MACHINE DESCRIPTION : \"Brevan\"\nTARGETS : ( BRV )\nENDIAN : LITTLE\n", 0), 0u) << md;
+}
+
+TEST(MdEndToEnd, ParsemdParsesTheCompiledInDescriptionInstead) {
+    TempDir dir;
+    ASSERT_EQ(assemble(slurp(fs::path(OPT5_SOURCE_DIR) / "tests/data/add.txt"), dir.path / "in.if"), "");
+    Result r = run_program(OPT5_BINARY, {"--debug_file=dbg", "in.if", "out.if"}, dir.path);
+    ASSERT_EQ(r.status, 0) << r.err;
+    std::string normal = slurp(dir.path / "dbg");
+    EXPECT_NE(normal.find("\n[12 SIMD/SIMPLIFY/OP/XOP/COMBINE rules]\n"), std::string::npos) << normal;
+    // The compiled-in token array holds only the header: no rules at all.
+    r = run_program(OPT5_BINARY, {"--debug=parsemd", "--debug_file=dbg", "in.if", "out.if"}, dir.path);
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_NE(r.err.find("Parse succeeded!  (SIMD "), std::string::npos) << r.err;
+    std::string parsed = slurp(dir.path / "dbg");
+    EXPECT_NE(parsed.find("\n[0 SIMD/SIMPLIFY/OP/XOP/COMBINE rules]\n"), std::string::npos) << parsed;
 }
 
 }  // namespace
