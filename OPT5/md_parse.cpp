@@ -527,6 +527,7 @@ DFG* PARSER::declPattern(int op, const std::string& name, std::vector<int>& sfs,
             int op2 = operator_code(tok_.text, false);
             if (op2 == 0) fail("need a valid operator");
             o = declPattern(op2, op2 == DFG_TARGET || op2 == ICALL ? tok_.text : "", s2, t2);
+            if (s2.size() > 1 || t2.size() > 1) fail("don't know how to generate multiple decls");
             any_parm = true;
         } else if (tok_.getToken(T_LBRACE)) {
             tok_.returnToken();
@@ -639,53 +640,60 @@ void PARSER::holds(MD_BIF& bif) {
     expect(T_RPAREN, "invalid holds flag");
 }
 
+// One flag of a HOLDS clause; its argument, if it takes one, is read by
+// property().
 void PARSER::holds_flag(MD_BIF& bif) {
     if (!tok_.getToken(T_IDENT)) {
         tok_.getToken();
         fail("invalid holds flag");
     }
-    const std::string f = tok_.text;
-    static const std::pair<const char*, unsigned long> simple[] = {
-        {"RETURNS_1_OR_0", HF_RETURNS_1_OR_0}, {"MUST_NOT_CSE", HF_MUST_NOT_CSE},
-        {"IS_BARRIER", HF_IS_BARRIER},         {"IS_SIMPLE_VECTOR_OP", HF_IS_SIMPLE_VECTOR_OP},
+    static const std::pair<const char*, unsigned long> flags[] = {
+        {"OPDS_COMMUTE", HF_OPDS_COMMUTE},         {"MAXVAL", HF_MAXVAL},
+        {"MINVAL", HF_MINVAL},                     {"RETURNS_1_OR_0", HF_RETURNS_1_OR_0},
+        {"OPDS_MUST_NOT_CSE", HF_OPDS_MUST_NOT_CSE}, {"MUST_NOT_CSE", HF_MUST_NOT_CSE},
+        {"IS_BARRIER", HF_IS_BARRIER},             {"IS_SIMPLE_VECTOR_OP", HF_IS_SIMPLE_VECTOR_OP},
         {"IS_SELF_ASSOCIATIVE", HF_IS_SELF_ASSOCIATIVE}, {"IS_PROPER_ABSVAL", HF_IS_PROPER_ABSVAL},
         {"IS_PROPER_EXTRACT", HF_IS_PROPER_EXTRACT}, {"IS_PROPER_MINVAL", HF_IS_PROPER_MINVAL},
         {"IS_PROPER_MAXVAL", HF_IS_PROPER_MAXVAL}};
-    for (auto& [name, bit] : simple)
-        if (f == name) {
+    for (auto& [name, bit] : flags)
+        if (tok_.text == name) {
+            property(bit, bif);
             bif.flags |= bit;
             return;
         }
-    if (f == "OPDS_COMMUTE") {
+    fail("unknown holds flag");
+}
+
+// The argument of a HOLDS flag: the two operands that commute, a bound, or
+// the operand numbers that must not be eliminated.
+void PARSER::property(unsigned long flag, MD_BIF& bif) {
+    switch (flag) {
+    case HF_OPDS_COMMUTE:
         expect(T_LPAREN, "need two parmnames");
         expect(T_PARMNAME, "need two parmnames");
         bif.commute_a = tok_.text[0];
         expect(T_PARMNAME, "need two parmnames");
         bif.commute_b = tok_.text[0];
         expect(T_RPAREN, "need two parmnames");
-        bif.flags |= HF_OPDS_COMMUTE;
         return;
-    }
-    if (f == "MAXVAL" || f == "MINVAL") {
+    case HF_MAXVAL:
+    case HF_MINVAL: {
         expect(T_LPAREN, "invalid holds flag");
         INT65 v(integer("a need constant (ICON/FCON/SCON)"));
         expect(T_RPAREN, "invalid holds flag");
-        bool max = f == "MAXVAL";
-        unsigned long bit = max ? HF_MAXVAL : HF_MINVAL;
+        bool max = flag == HF_MAXVAL;
         INT65& slot = max ? bif.maxval : bif.minval;
-        if ((bif.flags & bit) && slot != v) fail(max ? "inconsistent maximum value" : "inconsistent minimum value");
+        if ((bif.flags & flag) && slot != v) fail(max ? "inconsistent maximum value" : "inconsistent minimum value");
         slot = v;
-        bif.flags |= bit;
         return;
     }
-    if (f == "OPDS_MUST_NOT_CSE") {
+    case HF_OPDS_MUST_NOT_CSE:
         expect(T_LPAREN, "invalid holds flag");
         while (tok_.getToken(T_INT)) bif.opds_must_not_cse |= 1u << (tok_.aux & 31);
         expect(T_RPAREN, "invalid holds flag");
-        bif.flags |= HF_OPDS_MUST_NOT_CSE;
         return;
+    default: return;  // a flag without argument
     }
-    fail("unknown holds flag");
 }
 
 void PARSER::funcUnits(DECL_RULE& proto) {
@@ -829,12 +837,13 @@ CONSTRAINT_FUNCTION* PARSER::pcProperty() {
         expect(T_RPAREN, "need a ) for WHEN-clause");
         return inner;
     }
+    int at = tok_.index;
     if (!tok_.getToken(T_PARMNAME)) return nullptr;
     DFG* p = parm_node(tok_.text[0]);
     if (tok_.getToken(T_DOT)) return pcFunction(p);
     if (tok_.getToken(T_RELOP)) {
-        tok_.returnToken();
-        return pcRelation(p);
+        tok_.seek(at);
+        return parmRelation();
     }
     tok_.getToken();
     fail("need a pc_function after the parm name, or you might want a ( before parm if it is an expression");
@@ -1026,8 +1035,17 @@ DECL_RULE* PARSER::simdRule() {
         }
         if (templates.size() > 1) fail("don't know how to generate multiple templates");
         r->templt = templates[0];
-        if (tok_.getToken(T_HOIST)) r->hoist = hoist();
-        if (tok_.getToken(T_SINK)) r->sink = sink();
+        // A HOIST part goes with a SINK part.
+        if (tok_.getToken(T_HOIST)) {
+            r->hoist = hoist();
+            if (!tok_.getToken(T_SINK)) {
+                tok_.getToken();
+                fail("need the keyword SINK in simd-rule");
+            }
+            r->sink = sink();
+        } else if (tok_.getToken(T_SINK)) {
+            r->sink = sink();
+        }
         constraint(r->constraint);
     } catch (...) {
         delete r;

@@ -85,6 +85,7 @@ private:
     void clauses(DECL_RULE& proto);
     void holds(MD_BIF& bif);
     void holds_flag(MD_BIF& bif);
+    void property(unsigned long flag, MD_BIF& bif);
     void funcUnits(DECL_RULE& proto);
     void costs(DECL_RULE& proto);
     void latency(DECL_RULE& proto);

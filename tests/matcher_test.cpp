@@ -6,6 +6,8 @@
 
 #include "OPT5/matcher.h"
 #include "OPT5/md_rules.h"
+#include "OPT5/node.h"
+#include "OPT5/symtab.h"
 #include "OPT5/opcodes.h"
 #include "TYPES/type_pkg.h"
 #include "tools/md_lexer.h"
@@ -95,6 +97,25 @@ TEST_F(Matcher, SimplificationsWithBindingsAndConstraints) {
     n = node(PLUS, node(MULT, reg("a"), reg("b")), reg("c"));
     simplify_using_rules(n, nullptr, false, &changed);
     EXPECT_FALSE(changed);
+}
+
+TEST_F(Matcher, ExpressionTreesAreSimplifiedThroughTheirGraphs) {
+    TYPE* int16 = type_pkg->mk_int(TYPE::IK_INT, true);
+    SYMTAB x;
+    x.name = "x";
+    NODE* name = new_node(NAME, int16);
+    name->symbol = &x;
+    NODE* t = simplify_using_rules(mktree(MULT, int16, name, mk_ICON(INT65(2), int16)));
+    EXPECT_EQ(t->opcode, SLL);
+    ASSERT_TRUE(t->left);
+    EXPECT_EQ(t->left->opcode, NAME);
+    EXPECT_EQ(t->left->symbol, &x);
+    EXPECT_EQ(t->right->value, INT65(1));
+    erase_tree(t);
+    // Nothing applies to a division: the tree comes back as it was.
+    NODE* d = mktree(DIV, int16, mk_ICON(INT65(7), int16), mk_ICON(INT65(2), int16));
+    EXPECT_EQ(simplify_using_rules(d), d);
+    erase_tree(d);
 }
 
 TEST_F(Matcher, CandidatesPreferBiggerPatternsAndWhenClauses) {
