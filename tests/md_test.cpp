@@ -42,6 +42,12 @@ protected:
         for (; list; list = list->next) ++n;
         return n;
     }
+    // The printed form without the comments that note source lines.
+    static std::string without_lines(std::string s) {
+        for (size_t at = s.find("// line "); at != std::string::npos; at = s.find("// line ", at))
+            s.erase(at, s.find('\n', at) + 1 - at);
+        return s;
+    }
     std::string pellin() { return slurp(fs::path(OPT5_SOURCE_DIR) / "OPT5/pellin.md"); }
     std::string error;
 };
@@ -60,11 +66,6 @@ TEST_F(Md, ThePellinDescriptionParsesAndPrintsToItself) {
     std::string once = printed(rb.get());
     auto again = parse(once);
     ASSERT_TRUE(again) << error << "\n" << once;
-    auto without_lines = [](std::string s) {
-        for (size_t at = s.find("// line "); at != std::string::npos; at = s.find("// line ", at))
-            s.erase(at, s.find('\n', at) + 1 - at);
-        return s;
-    };
     EXPECT_EQ(without_lines(printed(again.get())), without_lines(once));
     EXPECT_EQ(count(again->decls), 24);
     EXPECT_EQ(count(again->rules), 10);
@@ -163,6 +164,18 @@ TEST_F(Md, LexicalClasses) {
     ASSERT_EQ(count(rb->decls), 2);
     EXPECT_EQ(rb->decls->sf, 2);
     EXPECT_EQ(rb->decls->next->sf, 4);
+    // The constraint forms, printed back in a form that parses again.
+    rb = parse(std::string(header) +
+               "( SIMPLIFY (PLUS : I16 a (MULT : I16 b c)) AS a WHEN a.IS_ICON && ( b == 2 || ! b.IS_FETCH ) && "
+               "(&a - &c) == 1 && (a - b) < 8 GIVEN OPT_LEVEL_AT_LEAST(2) && LITTLE_ENDIAN )");
+    ASSERT_TRUE(rb) << error;
+    std::string once = printed(rb.get());
+    EXPECT_NE(once.find("WHEN  a.IS_ICON && ( b == 2  ||  ! b.IS_FETCH ) && (&a - &c) == 1 && (a - b) < 8"),
+              std::string::npos)
+        << once;
+    auto again = parse(once);
+    ASSERT_TRUE(again) << error << once;
+    EXPECT_EQ(without_lines(printed(again.get())), without_lines(once));
     // Declarations for another target are dropped when the base is pruned.
     rb = parse("OPTIMIZER MACHINE DESCRIPTION : \"T\"\nTARGETS : ( BRV V9 )\nENDIAN : BIG\n"
                "( ICODE (PLUS : I16 a b) FOR ( V9 ) )\n( ICODE (MINUS : I16 a b) FOR ( BRV ) )");
