@@ -140,10 +140,14 @@ void reset_matcher() {
 }
 
 namespace {
+// Rules the tables make for themselves (commuted twins, synthesised wider
+// rules) and their nodes; they live as long as the tables.
+DFG_ARENA table_nodes;
+std::vector<std::unique_ptr<DECL_RULE>> table_rules;
+
 DECL_RULE* twin_rules_storage(DECL_RULE* r) {
-    static std::vector<std::unique_ptr<DECL_RULE>> made;
-    made.push_back(std::make_unique<DECL_RULE>(*r));
-    return made.back().get();
+    table_rules.push_back(std::make_unique<DECL_RULE>(*r));
+    return table_rules.back().get();
 }
 
 // A SIMD rule of factor 2 made into one of factor 4: the template twice,
@@ -152,7 +156,7 @@ DECL_RULE* synthesise_wider(DECL_RULE* simdrule) {
     if (!(simdrule->kind == rSIMD && simdrule->sf == 2))
         optassert("simdrule->kind == rSIMD && simdrule->sf == 2", THIS_MODULE, __LINE__);
     DECL_RULE* w = twin_rules_storage(simdrule);
-    DFG* pack = matcher_arena.make();
+    DFG* pack = table_nodes.make();
     pack->op = DFG_TARGET;
     pack->name = "__synpack";
     pack->sf = 4;
@@ -202,6 +206,8 @@ int build_rule_tables(RULE_BASE* rb) {
     for (RULETABLE* t : {&primary_rules, &primary_declarations, &simplify_only_rules, &op_forward_rules,
                          &non_op_xop_simplify_only_rules, &combine_rules})
         t->clear();
+    table_rules.clear();
+    table_nodes.recycle();
     rule_count = 0;
     std::vector<DECL_RULE*> all;
     for (DECL_RULE* list : {rb->decls, rb->imprecise_decls, rb->rules})
@@ -254,7 +260,7 @@ int build_rule_tables(RULE_BASE* rb) {
             if (operands_commute(p) && dfg2prefix(p->opd[0]) != dfg2prefix(p->opd[1])) {
                 trace("  [adding self-commute for rule at %d]\n", r->line);
                 DECL_RULE* twin = twin_rules_storage(r);
-                DFG* q = matcher_arena.make();
+                DFG* q = table_nodes.make();
                 *q = *p;
                 std::swap(q->opd[0], q->opd[1]);
                 twin->pattern = q;

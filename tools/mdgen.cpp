@@ -25,7 +25,10 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "pellin.md:%s\nParse Failed!\n", error.c_str());
         return 1;
     }
-    if (!rb->dump(argv[1])) {
+    bool written = rb->dump(argv[1]);
+    delete rb;
+    release_types();
+    if (!written) {
         std::fprintf(stderr, "mdgen: cannot write the rule base into %s\n", argv[1]);
         return 1;
     }
