@@ -370,6 +370,8 @@ void free_loops(FUNINFO* fi) {
         free_edge_list(l->contents);
         free_edge_list(l->exits);
         if (l->trips) erase_tree(l->trips);
+        if (l->max_trips) erase_tree(l->max_trips);
+        if (l->max_trips_bound) erase_tree(l->max_trips_bound);
         delete l;
     }
     fi->loops.clear();

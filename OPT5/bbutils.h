@@ -65,6 +65,12 @@ struct LOOP {
     int16_t level = 42;         // 42 until assign_loop_levels runs
     uint8_t flag_byte = 0xe0;
     bool assertions_in_force = false;  // the loop's own assertions may be used
+    // Unrolling: `counter` above is the product of the factors applied so far.
+    NODE* unroll_pragma = nullptr;      // PPRAGMA statement asking for a factor (not owned)
+    NODE* trip_count_pragma = nullptr;  // PPRAGMA statement giving a probable trip count (not owned)
+    NODE* max_trips = nullptr;          // largest trip count, when bounded (owned)
+    NODE* max_trips_bound = nullptr;    // a second bound beside it (owned)
+    bool no_complete_unroll = false;    // never to be unrolled completely
 };
 
 // Edge lists: each returns the new head of the list.

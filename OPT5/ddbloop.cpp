@@ -1,4 +1,5 @@
 #include "OPT5/ddbloop.h"
+#include "OPT5/ddunroll.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -228,6 +229,8 @@ struct LOOP* make_LOOP(BBLK* head, BBLK* tail, int uid, const struct LOOP* model
         l->contents = copy_edge_list(model->contents);
         l->exits = copy_edge_list(model->exits);
         l->trips = model->trips ? copy_tree(model->trips) : nullptr;
+        l->max_trips = model->max_trips ? copy_tree(model->max_trips) : nullptr;
+        l->max_trips_bound = model->max_trips_bound ? copy_tree(model->max_trips_bound) : nullptr;
         l->link = l->counterpart = nullptr;
     }
     if (head || !model) l->head = head;
@@ -380,6 +383,14 @@ void build_loop_hierarchy(bool value_ranges, bool, bool, int normalise) {
             }
         if (entries == 1 && edge_length(outside->successors) == 1) l->preheader = outside;
         add_exit_blocks(l);
+        // Loop pragmas stand just before the loop, at the end of the block
+        // that enters it.
+        if (entries == 1)
+            for (BODY_ENTRY& e : outside->statements)
+                if (e.tree && e.tree->opcode == PPRAGMA && e.tree->pragma) {
+                    if (e.tree->pragma->kind == PK_UNROLL) l->unroll_pragma = e.tree;
+                    if (e.tree->pragma->kind == PK_PROB_ITERATE) l->trip_count_pragma = e.tree;
+                }
     }
     // Inner loops first: they were discovered first.
     for (struct LOOP* l : currfuninfo->loops) {

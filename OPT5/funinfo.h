@@ -74,6 +74,7 @@ struct FUNINFO {
     std::vector<SYMTAB*> lva_syms;
     std::unordered_map<const SYMTAB*, int> lva_map;
     bool wants_dead_assign_elim = false;  // copy propagation left dead assignments
+    bool unroll_completely = false;       // complete unrolling gets the full size budget
 
     unsigned flags() {
         std::lock_guard<std::mutex> lock(flags_mutex_);
