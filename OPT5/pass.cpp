@@ -8,6 +8,7 @@
 #include "DIAG/diag.h"
 #include "OPT5/abort.h"
 #include "OPT5/cmdline.h"
+#include "OPT5/cdvect.h"
 #include "OPT5/copyprop.h"
 #include "OPT5/mvp.h"
 #include "OPT5/funinfo.h"
@@ -83,7 +84,7 @@ const step pass_table[] = {
     {"expand bitfields", false, no_action},
     {"fast_CP(0,1)", false, fast_CP_0_1},
     {"add profile loop annotations", false, no_action},
-    {"CD vectorizations", false, no_action},
+    {"CD vectorizations", false, do_cd_vectorization},
     {"CD ILP", false, no_action},
     {"late fast_CP(4,1)", false, fast_CP_4_1},
     {"Disclose Vectors", false, no_action},

@@ -8,7 +8,8 @@
 // Atoms: decimal integers (int; a "u" suffix makes them unsigned), the
 // names of arguments and locals.  Operators: = + - * / % & | ^ << >> neg ~
 // ! == != < <= > >= u< u<= u> u>= && || ?: , += -= *= conv-int conv-u
-// conv-long; statements (if c L) (goto L) (ret e) and labels "L<n>:".
+// conv-long, deref (*p), addr (&g); statements (if c L) (goto L) (ret e)
+// and labels "L<n>:".  Globals are arrays of 100 ints ("a" in `globals`).
 #pragma once
 
 #include <cstdint>
@@ -20,11 +21,13 @@
 
 namespace minic {
 
-// Types of the generated units: 1 int, 2 unsigned int, 3 long, 4 the function.
+// Types of the generated units: 1 int, 2 unsigned int, 3 long, 4 the
+// function, 5 int*, 6 int[100].
 struct MiniFunction {
     std::string name;
     std::vector<std::string> args, locals;
     std::vector<std::string> body;
+    std::vector<std::string> globals;
 
     std::string text() const;
 };
@@ -32,6 +35,7 @@ struct MiniFunction {
 inline int type_of_decl(const std::string& d) {
     if (d.rfind("u:", 0) == 0) return 2;
     if (d.rfind("l:", 0) == 0) return 3;
+    if (d.rfind("p:", 0) == 0) return 5;
     return 1;
 }
 inline std::string name_of_decl(const std::string& d) {
@@ -56,6 +60,7 @@ inline std::vector<std::string> tokenize(const std::string& s) {
 
 struct Emitter {
     std::map<std::string, std::pair<int, int>> syms;  // name -> index, type
+    std::map<std::string, int> globals;               // name -> global index
     std::vector<std::string> toks;
     size_t at = 0;
     std::string out;
@@ -71,6 +76,11 @@ struct Emitter {
                 }
                 out += "node b:4 n:1 i:" + t + "\n";
                 return 1;
+            }
+            auto g = globals.find(t);
+            if (g != globals.end()) {
+                out += "node b:2 n:6 R:0:" + std::to_string(g->second) + "\n";
+                return 6;
             }
             auto it = syms.find(t);
             if (it == syms.end()) throw std::runtime_error("unknown name " + t);
@@ -102,6 +112,13 @@ struct Emitter {
             int code = op == "neg" ? 10 : op == "~" ? 77 : 76;
             if (op == "!") type = 1;
             head = "node b:" + std::to_string(code) + " n:" + std::to_string(type) + "\n";
+        } else if (op == "deref") {
+            expr();
+            head = "node b:13 n:1\n";
+        } else if (op == "addr") {
+            expr();
+            type = 5;
+            head = "node b:16 n:5\n";
         } else if (op == "conv-int" || op == "conv-u" || op == "conv-long") {
             expr();
             type = op == "conv-int" ? 1 : op == "conv-u" ? 2 : 3;
@@ -144,6 +161,7 @@ inline std::string MiniFunction::text() const {
     int index = 0;
     for (const std::string& d : args) e.syms[name_of_decl(d)] = {index++, type_of_decl(d)};
     for (const std::string& d : locals) e.syms[name_of_decl(d)] = {index++, type_of_decl(d)};
+    for (size_t g = 0; g < globals.size(); ++g) e.globals[globals[g]] = static_cast<int>(g) + 1;
     std::string s = ".header version=-71 cpu=0x258 source=\"t.c\" extra=0\n.section main\nbegin_func P:1:1:1 n:0\n";
     for (const std::string& d : args) s += symbol_record(d);
     s += "end_args P:0\n";
@@ -165,9 +183,14 @@ inline std::string MiniFunction::text() const {
          "type n:1 b:8 b:1 n:16 n:16 b:0 b:0\n"
          "type n:2 b:9 b:0 n:16 n:16 b:0 b:0\n"
          "type n:3 b:10 b:1 n:32 n:32 b:0 b:0\n"
-         "type n:4 b:22 n:1 b:1 b:0 b:0 b:0\n.end\n"
+         "type n:4 b:22 n:1 b:1 b:0 b:0 b:0\n"
+         "type n:5 b:17 n:1 n:32 n:32\n"
+         "type n:6 b:20 n:1 n:100 n:0 n:1600 n:16\n.end\n"
          ".section files\nsource S:\"t.c\"\n.end\n"
-         ".section globals\nsymbol S:\"" + name + "\" n:0 n:0 c:0 w:0 n:4 n:0 n:16 c:0 n:0 n:0 P:1:1:1 b:0\n.end\n";
+         ".section globals\nsymbol S:\"" + name + "\" n:0 n:0 c:0 w:0 n:4 n:0 n:16 c:0 n:0 n:0 P:1:1:1 b:0\n";
+    for (const std::string& g : globals)
+        s += "symbol S:\"" + g + "\" n:1600 n:0 c:0 w:0 n:6 n:0 n:16 c:0 n:0 n:0 P:0 b:0\n";
+    s += ".end\n";
     return s;
 }
 
@@ -176,12 +199,15 @@ inline std::string MiniFunction::text() const {
 
 struct Node {
     int op = 0, type = 0;
+    int scope = 1;        // NAME: 0 for a global
     long long value = 0;  // ICON value, symbol index, label
     std::vector<Node> kids;
 };
 
 struct Program {
     std::map<int, std::pair<bool, int>> types;  // id -> signed, bits (integers only)
+    std::map<int, int> lanes;                    // vector type id -> lanes
+    int globals = 0;                             // global symbols after the function
     std::vector<Node> stmts;                     // labels are op -1 with the label in value
     int symbols = 0;
     std::vector<int> symbol_types;
@@ -190,7 +216,7 @@ struct Program {
     static int arity(int op) {
         switch (op) {
         case 1: case 2: case 4: case 25: return 0;
-        case 10: case 13: case 76: case 77: case 104: case 114: case 118: return 1;
+        case 10: case 13: case 16: case 76: case 77: case 104: case 105: case 114: case 118: return 1;
         default: return 2;
         }
     }
@@ -222,7 +248,10 @@ struct Program {
                 int code = static_cast<int>(num(f[2]));
                 if ((code >= 2 && code <= 11) || code == 52 || code == 53)
                     types[static_cast<int>(num(f[1]))] = {num(f[3]) != 0, static_cast<int>(num(f[4]))};
+                if (code == 20 && f.size() >= 6 && (num(f[5]) & 1))
+                    lanes[static_cast<int>(num(f[1]))] = static_cast<int>(num(f[4]));
             }
+            if (section == "globals" && f[0] == "symbol") ++globals;
             if (section != "main") continue;
             if (f[0] == "begin_func") in_func = true;
             if (!in_func) continue;
@@ -252,7 +281,10 @@ struct Program {
         Node n;
         n.op = std::stoi(num(f[1]));
         n.type = std::stoi(num(f[2]));
-        if (n.op == 2) n.value = std::stoll(f[3].substr(f[3].rfind(':') + 1));
+        if (n.op == 2) {
+            n.value = std::stoll(f[3].substr(f[3].rfind(':') + 1));
+            n.scope = std::stoi(f[3].substr(2, f[3].rfind(':') - 2));
+        }
         if (n.op == 1) n.value = std::stoll(num(f[3]));
         if (n.op == 4) n.value = std::stoll(num(f[3]));
         if (n.op == 25) n.value = std::stoll(num(f[3]).substr(1, num(f[3]).size() - 2));
@@ -281,14 +313,37 @@ struct Program {
 
     struct Trap {};
 
-    long long eval(const Node& n, std::vector<long long>& env) const {
-        auto k = [&](int i) { return eval(n.kids.at(static_cast<size_t>(i)), env); };
+    // Memory: each global array has 100 words from address 1000 * index.
+    mutable std::map<long long, long long> memory;
+
+    int lanes_of(int type) const {
+        auto it = lanes.find(type);
+        return it == lanes.end() ? 1 : it->second;
+    }
+
+    long long eval(const Node& n, std::vector<long long>& env, int lane = 0) const {
+        auto k = [&](int i) { return eval(n.kids.at(static_cast<size_t>(i)), env, lane); };
+        auto element = [&](long long v) { return lanes_of(n.type) > 1 ? wrap(v, 1) : wrap(v, n.type); };
+        if (lanes_of(n.type) > 1) {  // a vector: lane by lane
+            switch (n.op) {
+            case 6: return element(k(0) + k(1));
+            case 8: return element(k(0) - k(1));
+            case 11: return element(k(0) * k(1));
+            case 13: return memory[eval(n.kids.at(0), env) + lane];
+            default: break;
+            }
+        }
         auto as_unsigned = [&](long long v, int type) {
             int b = bits(type);
             return b >= 64 ? static_cast<uint64_t>(v) : static_cast<uint64_t>(v) & ((uint64_t{1} << b) - 1);
         };
         switch (n.op) {
-        case 2: return env.at(static_cast<size_t>(n.value));
+        case 2:
+            if (n.scope == 0) return 1000 * n.value;  // a global array: its address
+            return env.at(static_cast<size_t>(n.value));
+        case 16: return k(0);                          // &array
+        case 105: return k(0);                         // pointer conversion
+        case 13: return memory[k(0)];
         case 4: case 25: return wrap(n.value, n.type);
         case 6: return wrap(k(0) + k(1), n.type);
         case 8: return wrap(k(0) - k(1), n.type);
@@ -344,6 +399,12 @@ struct Program {
         case 21: return k(0) ? eval(n.kids[1].kids.at(0), env) : eval(n.kids[1].kids.at(1), env);
         case 56: k(0); return k(1);
         case 58: case 7: case 9: case 12: {
+            if (n.kids[0].op == 13) {  // a store, of every lane of a vector
+                long long address = eval(n.kids[0].kids.at(0), env);
+                for (int l = 0; l < lanes_of(n.kids[0].type); ++l)
+                    memory[address + l] = wrap(eval(n.kids.at(1), env, l), lanes_of(n.kids[0].type) > 1 ? 1 : n.kids[0].type);
+                return 0;
+            }
             long long v = k(1);
             long long& slot = env.at(static_cast<size_t>(n.kids[0].value));
             if (n.op == 7) v = slot + v;
@@ -359,6 +420,15 @@ struct Program {
     // Runs the function with the arguments (locals start at `junk`, the
     // value an unset variable happens to have); "trap" on division by zero.
     std::string run(std::vector<long long> args, long long junk = 0) const {
+        memory.clear();
+        for (int g = 1; g < globals; ++g)
+            for (int i = 0; i < 100; ++i) memory[1000 * g + i] = wrap((g * 37 + i * 11) % 200 - 100, 1);
+        std::string result = run_body(std::move(args), junk);
+        for (auto& [address, v] : memory) result += " " + std::to_string(v);
+        return result;
+    }
+
+    std::string run_body(std::vector<long long> args, long long junk) const {
         std::vector<long long> env(static_cast<size_t>(symbols), junk);
         for (size_t i = 0; i < args.size(); ++i)
             env[i] = wrap(args[i], symbol_types.at(i));

@@ -1,0 +1,606 @@
+// CD vectorization of innermost loops.
+//
+// The loops handled are counted loops tested at the top:
+//
+//   H:  if (i >= bound) goto exit
+//   B:  *(base + i) = <expression of *(base' + i) loads>; ...
+//       i += 1; goto H
+//
+// with loop-invariant bases that are global arrays.  The body becomes a
+// control/data-flow graph; every node is given its vector form for a SIMD
+// factor by the machine description's rules; the factor is chosen by the
+// cost model; and a vector loop that does SF iterations at a time is put in
+// front of the original loop, which then does the iterations left over.
+#include "OPT5/cdvect.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <functional>
+#include <map>
+#include <set>
+
+#include "DEBUG_DISABLE/switches.h"
+#include "OPT5/abort.h"
+#include "OPT5/cmdline.h"
+#include "OPT5/copyprop.h"
+#include "OPT5/ddbloop.h"
+#include "OPT5/globals.h"
+#include "OPT5/node.h"
+#include "OPT5/opt_client.h"
+#include "OPT5/simp.h"
+#include "OPT5/symtab.h"
+#include "TYPES/type_pkg.h"
+
+namespace {
+const char THIS_MODULE[] = "OPT5/cdvect";
+
+bool debugging() { return print_debug && FDEBUG; }
+bool informing() { return write_opt_info && finfo; }
+
+template <class... A>
+void debug(const char* fmt, A... args) {
+    if (debugging()) DBG_CHECK(std::fprintf(FDEBUG, fmt, args...));
+}
+template <class... A>
+void info(const char* fmt, A... args) {
+    if (informing()) std::fprintf(finfo, fmt, args...);
+}
+}  // namespace
+
+void CDFG::recycle_DFG_nodes_in_CDFG_region(bool all) {
+    (void)all;
+    arena.recycle();
+}
+
+// ---------------------------------------------------------------------------
+// The cost model
+
+int64_t SIMD_CONFIGURATION::compute_pain_for_configuration(bool trace) {
+    int64_t pain = 5 * static_cast<int64_t>(16 / sf) * time + 9 * ptime;
+    unitII = static_cast<double>(resII) / sf;
+    if (trace && debugging())
+        DBG_CHECK(std::fprintf(FDEBUG,
+                               "PAIN FOR SF=%d, time=%ld, space=%ld, ptime=%ld, pspace=%ld, pain=%ld resmII=%d size=%d "
+                               "unitII=%.2f\n",
+                               sf, static_cast<long>(time), static_cast<long>(space), static_cast<long>(ptime),
+                               static_cast<long>(pspace), static_cast<long>(pain), resII, size, unitII));
+    return pain;
+}
+
+int SIMD_CONFIGURATION::choose_SIMD_configuration_for_region(std::vector<SIMD_CONFIGURATION>& configs, int loop_uid) {
+    int best = -1;
+    int64_t best_pain = 0;
+    for (size_t i = 0; i < configs.size(); ++i) {
+        SIMD_CONFIGURATION& c = configs[i];
+        int64_t pain = c.compute_pain_for_configuration(true);
+        info("Pain for loop #%d: SF=%d, time=%ld, space=%ld, ptime=%ld, pspace=%ld, pain=%ld\n", loop_uid, c.sf,
+             static_cast<long>(c.time), static_cast<long>(c.space), static_cast<long>(c.ptime),
+             static_cast<long>(c.pspace), static_cast<long>(pain));
+        if (best >= 0) {
+            const SIMD_CONFIGURATION& b = configs[static_cast<size_t>(best)];
+            if (best_pain < pain || (best_pain == pain && b.sf < c.sf)) continue;
+        }
+        best = static_cast<int>(i);
+        best_pain = pain;
+    }
+    return best;
+}
+
+bool LOOP_UNROLLING_INFO::unrolling_completely_wins(bool trace) {
+    if (completely) return true;
+    float u = static_cast<float>(uf);
+    float speed = Tu > 0 ? u * T1 / Tu : 0.0f;
+    float space = Z1 > 0 ? Zu / Z1 : 0.0f;
+    float ratio = space > 0 ? speed / space : 0.0f;
+    if (trace && debugging()) {
+        DBG_CHECK(std::fprintf(FDEBUG, "\tSpeed increase: %.3f\n", static_cast<double>(speed)));
+        DBG_CHECK(std::fprintf(FDEBUG, "\tSpace increase: %.3f\t(%.3f amortized)\n", static_cast<double>(space),
+                               static_cast<double>(space / u)));
+        DBG_CHECK(std::fprintf(FDEBUG, "\tSpeed / Space:  %.3f\t(%.3f amortized)\n", static_cast<double>(ratio),
+                               static_cast<double>(ratio * u)));
+    }
+    if (!(speed > 1.01f)) return false;
+    if (!(space > 1.01f)) return true;
+    int goal = size_speed_goal();
+    if (goal < 2) return false;
+    if (space > 10.0f || Zu > 110.0f) return false;
+    if (goal < 3) return false;
+    if (goal >= 5 && !(ratio * u >= 20.0f)) return false;
+    if (trips < 0 || trips > 8) return false;
+    if (trips <= 4 && Z1 <= 77.0f) {
+        if (trace && debugging()) DBG_CHECK(std::fprintf(FDEBUG, "  OK to unroll %dx completely.\n", uf));
+        return true;
+    }
+    return false;  // 5 to 8 trips would need a finer estimate of the unrolled body
+}
+
+TREP* vector_TREP_for_SF(TREP* trep, int sf) {
+    bool power = sf >= 1 && (sf & (sf - 1)) == 0;
+    if (!trep || !(power || sf == 3)) optassert("sf is a power of 2 or 3", THIS_MODULE, __LINE__);
+    if (trep->lanes == sf) return trep;
+    TREP* t = find_TREP(trep->kind, trep->bits, sf);
+    if (!t->type) t->type = trep->type;
+    return t;
+}
+
+TREP* vector_TREP_for_SF(TYPE* type, int sf) { return vector_TREP_for_SF(find_TREP(type, 1), sf); }
+
+int md_cost_for_memref(int opcode, unsigned char kind, int esize, int lanes, INT65 alignment, bool is_volatile) {
+    (void)alignment;
+    (void)is_volatile;
+    if (!md_rule_base) return 0;
+    DFG probe;
+    probe.op = opcode;
+    probe.trep = find_TREP(kind, esize * 16, 1);
+    probe.sf = lanes;
+    std::vector<DECL_RULE*> d = md_rule_base->find_declaration_for_DFG(&probe, true, false);
+    return d.empty() ? 0 : md_rule_base->cost_of(d[0]);
+}
+
+int memory_access_cost(DFG* access) {
+    if (!access || (access->op != DFG_FETCH && access->op != DFG_STORE))
+        optassert("memref->op == DFG_FETCH || memref->op == DFG_STORE", THIS_MODULE, __LINE__);
+    TREP* t = access->trep;
+    int esize = t ? t->bytes() : 1;
+    unsigned char kind = t ? t->kind : 'i';
+    if (access->opd[0] && access->opd[0]->op == STDOT && access->opd[0]->nopd > 1 && access->opd[0]->opd[1]->trep)
+        esize = access->opd[0]->opd[1]->trep->bytes();
+    int lanes = std::max(1, access->sf);
+    INT65 alignment(access->alignment);
+    bool is_volatile = false;
+    for (int l = lanes, mult = 1;; l /= 2, mult *= 2) {
+        int c = md_cost_for_memref(access->op, kind, esize, l, alignment, is_volatile);
+        if (c) return c * mult;
+        if (l % 2 || l < 2) break;
+    }
+    int total = esize * lanes;
+    if (total % 16 == 0 && 16 % esize == 0) {
+        int c = md_cost_for_memref(access->op, kind, esize, 16 / esize, alignment, is_volatile);
+        return c * (total / 16);
+    }
+    optassert("memory access cost can be composed", THIS_MODULE, __LINE__);
+}
+
+bool unroll_completely_decision(struct LOOP* loop, const CDFG* region, int64_t trips, int& factor) {
+    int64_t half = trips < 0 ? -((-trips) >> 1) : trips >> 1;
+    if (trips <= 255 && factor == half && region->numBlocks == 1 && region->numStatements < 6) {
+        factor *= 2;
+        info("\nUnrolling loop #%d completely.\n", loop ? loop->uid : 0);
+        debug("\nUnrolling loop #%d completely.\n", loop ? loop->uid : 0);
+        return true;
+    }
+    if (region->numBlocks > 1) debug("\nNot unrolling completely:  R->numBlocks=%d\n", region->numBlocks);
+    else if (region->numStatements >= 6) debug("\nNot unrolling completely:  R->numStatements=%d\n", region->numStatements);
+    return false;
+}
+
+// ---------------------------------------------------------------------------
+// Conversion of a loop body
+
+namespace {
+
+// The parts of the loop the conversion relies on.
+struct LOOP_SHAPE {
+    BBLK* head = nullptr;    // "if (iv >= bound) goto exit"
+    BBLK* body = nullptr;    // the statements, "iv += 1", "goto head"
+    BBLK* pre = nullptr;     // the block that enters the loop
+    NODE* test = nullptr;
+    const SYMTAB* iv = nullptr;
+    NODE* bound = nullptr;
+    int exit_label = 0;
+    std::vector<NODE*> stmts;  // the body's own statements
+};
+
+bool is_iv(const NODE* n, const SYMTAB* iv) { return n && n->opcode == NAME && n->symbol == iv; }
+
+// base + iv with an invariant base: a global array's address, or a NAME
+// the loop does not assign (a pointer that may alias anything).
+bool is_unit_stride_address(const NODE* a, const SYMTAB* iv, const std::set<const SYMTAB*>& assigned) {
+    if (!a || a->opcode != PLUS || !is_iv(a->right, iv)) return false;
+    const NODE* b = a->left;
+    if (b->opcode == UAND && b->left && b->left->opcode == NAME) return true;
+    return b->opcode == NAME && b->symbol != iv && !assigned.count(b->symbol);
+}
+
+TYPE* int16() { return type_pkg->mk_int(TYPE::IK_INT, true); }
+
+bool is_16bit_int(TYPE* t) {
+    TYPE* v = t ? integer_view(t) : nullptr;
+    return v && t->stripped()->kind == TYPE::INT_T && v->size == 16;
+}
+
+bool find_shape(struct LOOP* loop, LOOP_SHAPE& s, std::string& why) {
+    if (!loop->head || !loop->tail || edge_length(loop->contents) != 2) return why = "not one body block", false;
+    s.head = loop->head;
+    s.body = loop->tail;
+    if (s.head == s.body || s.head->statements.size() != 1) return why = "not tested at the top", false;
+    NODE* t = s.head->statements[0].tree;
+    if (t->opcode != CBRANCH || !t->left || t->left->opcode != GE || !t->right || t->right->opcode != LABEL)
+        return why = "exit test is not iv >= bound", false;
+    if (!t->left->left || t->left->left->opcode != NAME) return why = "exit test is not iv >= bound", false;
+    s.test = t;
+    s.iv = t->left->left->symbol;
+    s.bound = t->left->right;
+    s.exit_label = t->right->value.as<int32_t>();
+    if (!is_16bit_int(t->left->left->type)) return why = "loop variable is not a 16-bit int", false;
+    auto& st = s.body->statements;
+    if (st.size() < 3) return why = "empty body", false;
+    NODE* br = st.back().tree;
+    NODE* step = st[st.size() - 2].tree;
+    if (br->opcode != BRANCH || !br->left || br->left->value != INT65(s.head->label)) return why = "no back branch", false;
+    if (step->opcode != PLUSASG || !is_iv(step->left, s.iv) || !step->right || step->right->opcode != ICON ||
+        step->right->value != INT65(1))
+        return why = "loop variable does not step by 1", false;
+    // The block that enters the loop.
+    for (EDGE* e = s.head->predecessors; e; e = e->rest)
+        if (e->bb != s.body) {
+            if (s.pre) return why = "several entries", false;
+            s.pre = e->bb;
+        }
+    if (!s.pre || s.pre->next != s.head) return why = "entry does not fall into the loop", false;
+    for (size_t i = 0; i + 2 < st.size(); ++i) s.stmts.push_back(st[i].tree);
+    // The bound is a constant or a variable the loop leaves alone.
+    std::set<const SYMTAB*> assigned{s.iv};
+    for (NODE* x : s.stmts)
+        if (x->opcode == ASG && x->left->opcode == NAME) assigned.insert(x->left->symbol);
+    if (!(s.bound->opcode == ICON || (s.bound->opcode == NAME && !assigned.count(s.bound->symbol))))
+        return why = "bound changes in the loop", false;
+    return true;
+}
+
+struct CONVERTER {
+    CDFG* region;
+    const LOOP_SHAPE& shape;
+    std::set<const SYMTAB*> assigned;
+    std::map<DFG*, NODE*> addresses;  // address leaves -> their trees
+    std::string why;
+
+    DFG* make(int op, TREP* trep) {
+        DFG* d = region->arena.make();
+        d->op = op;
+        d->trep = trep;
+        return d;
+    }
+    DFG* address(NODE* a) {
+        DFG* d = make(DFG_RCUSE, nullptr);
+        d->name = stmt2infix(a);
+        addresses[d] = a;
+        return d;
+    }
+    // An element expression: loads and PLUS/MINUS/MULT of 16-bit ints.
+    DFG* expr(NODE* t) {
+        if (!t) return nullptr;
+        if (!is_16bit_int(t->type)) return why = "not 16-bit integer arithmetic", nullptr;
+        if (t->opcode == UMULT) {
+            if (!is_unit_stride_address(t->left, shape.iv, assigned)) return why = "load is not base + iv", nullptr;
+            DFG* f = make(DFG_FETCH, find_TREP(t->type, 1));
+            f->opd[0] = address(t->left);
+            f->nopd = 1;
+            return f;
+        }
+        if (t->opcode == PLUS || t->opcode == MINUS || t->opcode == MULT) {
+            DFG* a = expr(t->left);
+            DFG* b = a ? expr(t->right) : nullptr;
+            if (!b) return nullptr;
+            DFG* d = make(t->opcode, find_TREP(t->type, 1));
+            d->opd[0] = a;
+            d->opd[1] = b;
+            d->nopd = 2;
+            a->parent = b->parent = d;
+            return d;
+        }
+        return why = std::string("operator ") + node_operator_name[t->opcode] + " is not vectorised", nullptr;
+    }
+    CDSTMT* statement(NODE* t) {
+        if (t->opcode != ASG || !t->left || t->left->opcode != UMULT) return why = "statement is not a store", nullptr;
+        if (!is_unit_stride_address(t->left->left, shape.iv, assigned)) return why = "store is not base + iv", nullptr;
+        DFG* value = expr(t->right);
+        if (!value) return nullptr;
+        DFG* st = make(DFG_STORE, find_TREP(t->left->type, 1));
+        st->opd[0] = address(t->left->left);
+        st->opd[1] = value;
+        st->nopd = 2;
+        auto s = std::make_unique<CDSTMT>();
+        s->root = st;
+        s->id = static_cast<int>(region->stmts.size()) + 1;
+        CDSTMT* raw = s.get();
+        region->owned.push_back(std::move(s));
+        if (!region->stmts.empty()) region->stmts.back()->next = raw;
+        region->stmts.push_back(raw);
+        return raw;
+    }
+};
+
+// The base a unit-stride address starts from ("&a" or "p").
+std::string base_of(const NODE* address) { return stmt2infix(address->left); }
+bool base_is_array(const NODE* address) { return address->left->opcode == UAND; }
+
+std::map<const CDFG*, LOOP_SHAPE> shapes;
+std::map<const CDFG*, std::map<DFG*, NODE*>> address_trees;
+
+}  // namespace
+
+CDFG* convert_simple_CFG_region_to_CDFG(EDGE* entries, struct LOOP* loop, bool force) {
+    (void)entries;
+    (void)force;
+    LOOP_SHAPE shape;
+    std::string why;
+    if (!find_shape(loop, shape, why)) {
+        debug("  loop #%d not converted: %s\n", loop->uid, why.c_str());
+        return nullptr;
+    }
+    auto* region = new CDFG;
+    region->loop = loop;
+    region->whole_loop_body = true;
+    region->numBlocks = 1;
+    region->numStatements = static_cast<int>(shape.body->statements.size());
+    region->iv = shape.iv;
+    region->bound = shape.bound;
+    CONVERTER c{region, shape, {shape.iv}, {}, {}};
+    for (NODE* s : shape.stmts)
+        if (s->opcode == ASG && s->left->opcode == NAME) c.assigned.insert(s->left->symbol);
+    for (NODE* s : shape.stmts)
+        if (!c.statement(s)) {
+            debug("  loop #%d not converted: %s\n", loop->uid, c.why.c_str());
+            delete region;
+            return nullptr;
+        }
+    // Dependences: a store may feed a load of another iteration unless they
+    // touch different arrays, or the same element of the same array.
+    // A pointer may point into any array, so a store through one is safe
+    // only with no other access than to the very element it stores.
+    std::map<std::string, std::set<std::string>> stores;  // base -> addresses stored
+    bool pointer_store = false;
+    for (NODE* s : shape.stmts) {
+        stores[base_of(s->left->left)].insert(stmt2infix(s->left->left));
+        pointer_store |= !base_is_array(s->left->left);
+    }
+    for (NODE* s : shape.stmts) {
+        bool unsafe = pointer_store && shape.stmts.size() > 1;
+        auto load = [&](NODE*& n) {
+            if (n->opcode != UMULT) return;
+            std::string address = stmt2infix(n->left);
+            auto it = stores.find(base_of(n->left));
+            bool same_element = it != stores.end() && it->second.size() == 1 && it->second.count(address);
+            if (same_element) return;
+            if (pointer_store || !base_is_array(n->left) || it != stores.end()) unsafe = true;
+        };
+        load(s->right);  // the walk below visits operands only
+        walk_and_modify_tree(s->right, load);
+        if (unsafe) {
+            info("  This store to memory may affect other stores/fetches:\n\t%s\n", stmt2infix(s->left).c_str());
+            info("\tThis statement: %s  (line %ld)\n", stmt2infix(s).c_str(), 0L);
+            info("\tmaking vectorization for either statement unsafe.\n\n");
+            debug("  loop #%d not converted: dependences\n", loop->uid);
+            delete region;
+            return nullptr;
+        }
+    }
+    shapes[region] = shape;
+    address_trees[region] = c.addresses;
+    return region;
+}
+
+void revert_CDFG_to_simple_CFG_region(CDFG* region) {
+    // The loop's own blocks were never changed; only the graph goes.
+    shapes.erase(region);
+    address_trees.erase(region);
+    delete region;
+}
+
+namespace {
+// The vector form of a statement's graph for a factor, node by node from
+// the leaves; null when some node has none.
+DFG* vectorise(DFG* d, CDSTMT* s, int sf, std::map<DFG*, DFG*>& made) {
+    if (d->op == DFG_RCUSE) return d;  // addresses stay scalar
+    DFG* copy = matcher_arena.make();
+    *copy = *d;
+    for (int i = 0; i < d->nopd; ++i) {
+        copy->opd[i] = vectorise(d->opd[i], s, sf, made);
+        if (!copy->opd[i]) return nullptr;
+    }
+    DFG* v = apply_SIMD_rules_to_DFG_node(copy, s, sf);
+    if (!v) return nullptr;
+    made[d] = v;
+    return v;
+}
+
+int64_t scalar_cost(DFG* d, bool space) {
+    if (!d || d->op == DFG_RCUSE) return 0;
+    int64_t c = d->op == DFG_FETCH || d->op == DFG_STORE ? (space ? std::max(0, space_of_dfg_node(d)) : memory_access_cost(d))
+                                                        : std::max(0, space ? space_of_dfg_node(d) : cost_of_dfg_node(d));
+    for (int i = 0; i < d->nopd; ++i) c += scalar_cost(d->opd[i], space);
+    return c;
+}
+
+std::map<const CDFG*, std::vector<DFG*>> vector_roots;
+}  // namespace
+
+bool convert_generic_CDFG_to_SIMD_form(CDFG* region, bool force) {
+    (void)force;
+    debug(" ======= converting generic CDFG to SIMD form ===\n");
+    for (CDSTMT* s : region->stmts) {
+        bool changed = false;
+        simplify_using_rules(s->root, s, false, &changed);
+    }
+    region->simd_form = true;
+    return true;
+}
+
+bool peel_unroll_and_vectorize_loop(CDFG* region, bool completely_allowed) {
+    auto found = shapes.find(region);
+    if (found == shapes.end()) return false;
+    LOOP_SHAPE& shape = found->second;
+    struct LOOP* loop = region->loop;
+    info("\n\nOptimization summary for cross-iteration vectorization (SIMD)\nin %s()\n\n",
+         currfunc ? currfunc->name.c_str() : "");
+    // Candidate factors: scalar, and each factor whose every node has a
+    // vector form.
+    std::vector<SIMD_CONFIGURATION> configs;
+    std::map<int, std::vector<DFG*>> forms;
+    int64_t scalar_time = 0, scalar_space = 0;
+    for (CDSTMT* s : region->stmts) {
+        scalar_time += scalar_cost(s->root, false);
+        scalar_space += scalar_cost(s->root, true);
+    }
+    scalar_time += 2;  // the step and the test
+    scalar_space += 2;
+    bool trips_known = loop->trips && loop->trips->opcode == ICON;
+    int64_t trips = trips_known ? loop->trips->value.as<int64_t>() : -1;
+    SIMD_CONFIGURATION scalar;
+    scalar.sf = 1;
+    scalar.time = scalar_time;
+    scalar.space = scalar_space;
+    scalar.size = static_cast<int>(scalar_space);
+    scalar.resII = static_cast<int>(scalar_time);
+    configs.push_back(scalar);
+    for (int sf : {2, 4}) {
+        std::vector<DFG*> roots;
+        bool ok = true;
+        for (CDSTMT* s : region->stmts) {
+            std::map<DFG*, DFG*> made;
+            DFG* v = vectorise(s->root, s, sf, made);
+            if (!v) {
+                debug("  SF=%d: %s\n", sf, simd_failure_reason.c_str());
+                ok = false;
+                break;
+            }
+            roots.push_back(v);
+        }
+        if (!ok) continue;
+        SIMD_CONFIGURATION c;
+        c.sf = sf;
+        for (DFG* r : roots) {
+            c.time += scalar_cost(r, false);
+            c.space += scalar_cost(r, true);
+        }
+        c.time += 2;
+        c.space += 2;
+        bool divides = trips_known && trips % sf == 0;
+        c.ptime = divides ? 0 : scalar_time;
+        c.pspace = divides ? 0 : scalar_space;
+        c.size = static_cast<int>(c.space);
+        c.resII = static_cast<int>(c.time);
+        configs.push_back(c);
+        forms[sf] = roots;
+    }
+    int best = SIMD_CONFIGURATION::choose_SIMD_configuration_for_region(configs, loop->uid);
+    int sf = configs[static_cast<size_t>(best)].sf;
+    if (sf == 1) {
+        debug("  loop #%d stays scalar\n", loop->uid);
+        return false;
+    }
+    int factor = sf;
+    bool completely = false;
+    if (trips_known && completely_allowed) completely = unroll_completely_decision(loop, region, trips, factor);
+    // The vector loop is kept rolled: replicating it is the CD unroller's work.
+    info("  %snrolling and vectorizing loop #%d at lines %s-%s by a factor of %dx.\n", completely ? "Completely u" : "U",
+         loop->uid, std::to_string(shape.head->statements[0].pos.line).c_str(),
+         std::to_string(shape.body->statements.back().pos.line).c_str(), sf);
+    if (trips_known) info("  This loop has %s iterations.\n\n", std::to_string(trips).c_str());
+    else info("  This loop's iteration count is %s\n", stmt2infix(loop->trips ? loop->trips : shape.bound).c_str());
+    bool divides = trips_known && trips % sf == 0;
+    if (!divides)
+        info("  The unrolling factor %d does not provably divide the\n  iteration count, so we will add a 'peeled' loop for\n"
+             "  the last few iterations.  Its iteration count is %s.\n\n",
+             sf, trips_known ? std::to_string(trips % sf).c_str() : ("at most " + std::to_string(sf - 1)).c_str());
+
+    // The vector loop, in front of the scalar one:
+    //   VH: if (iv > bound - SF) goto H
+    //   VB: vector statements; iv += SF; goto VH
+    TYPE* elem = int16();
+    TYPE* vtype = type_pkg->mk_vector(elem, false, static_cast<unsigned long>(sf));
+    TYPE* vptr = type_pkg->mk_ptr(vtype);
+    std::map<DFG*, NODE*>& addr = address_trees[region];
+    std::function<NODE*(DFG*)> to_tree = [&](DFG* d) -> NODE* {
+        switch (d->op) {
+        case DFG_FETCH: return mktree(UMULT, vtype, mktree(PCONV, vptr, copy_tree(addr.at(d->opd[0]))));
+        case DFG_STORE:
+            return mktree(ASG, vtype, mktree(UMULT, vtype, mktree(PCONV, vptr, copy_tree(addr.at(d->opd[0])))),
+                          to_tree(d->opd[1]));
+        default: return mktree(d->op, vtype, to_tree(d->opd[0]), to_tree(d->opd[1]));
+        }
+    };
+    // Instantiated templates lose the address leaves' identity; map by name.
+    std::map<std::string, NODE*> by_name;
+    for (auto& [leaf, tree] : addr) by_name[leaf->name] = tree;
+    std::function<void(DFG*)> relink = [&](DFG* d) {
+        if (!d) return;
+        if (d->op == DFG_RCUSE && !addr.count(d) && by_name.count(d->name)) addr[d] = by_name[d->name];
+        for (int i = 0; i < d->nopd; ++i) relink(d->opd[i]);
+    };
+    FUNINFO* fi = currfuninfo;
+    int vh_label = new_label_number();
+    BBLK* vh = mkbblock({}, shape.head, fi);
+    vh->label = vh_label;
+    BBLK* vb = mkbblock({}, shape.head, fi);
+    vb->label = new_label_number();
+    PSN pos = shape.head->statements[0].pos;
+    TYPE* ivt = shape.test->left->left->type;
+    auto name_iv = [&]() { return copy_tree(shape.test->left->left); };
+    NODE* limit = simp_tree(mktree(MINUS, ivt, copy_tree(shape.bound), mk_ICON(INT65(sf), ivt)), nullptr);
+    BODY_ENTRY test;
+    test.tree = mktree(CBRANCH, nullptr, mktree(GT, type_pkg->mk_int(TYPE::IK_INT, true), name_iv(), limit),
+                       mk_LABELREF(shape.head->label));
+    test.pos = pos;
+    vh->statements.push_back(test);
+    for (size_t i = 0; i < forms[sf].size(); ++i) {
+        relink(forms[sf][i]);
+        BODY_ENTRY e;
+        e.tree = to_tree(forms[sf][i]);
+        e.pos = shape.body->statements[i].pos;
+        vb->statements.push_back(e);
+    }
+    BODY_ENTRY step;
+    step.tree = mktree(PLUSASG, ivt, name_iv(), mk_ICON(INT65(sf), ivt));
+    step.pos = shape.body->statements[shape.body->statements.size() - 2].pos;
+    vb->statements.push_back(step);
+    BODY_ENTRY back;
+    back.tree = mktree(BRANCH, nullptr, mk_LABELREF(vh_label));
+    back.pos = step.pos;
+    vb->statements.push_back(back);
+    rebuildcfg();
+    return true;
+}
+
+// ---------------------------------------------------------------------------
+// The passes
+
+void do_cd_vectorization() {
+    FUNINFO* fi = currfuninfo;
+    if (!fi || !fi->bb_list || opt_level() < 2) return;
+    debug("\n\n\t\t\t---------- ENTERING 'do_cd_vectorization' ----------\n");
+    if (!md_rule_base) matcher_init();
+    build_loop_hierarchy(false, false, false, 0);
+    std::vector<struct LOOP*> inner;
+    for (struct LOOP* l : fi->loops)
+        if (loop_is_innermost(l)) inner.push_back(l);
+    std::vector<int> uids;
+    for (struct LOOP* l : inner) uids.push_back(l->uid);
+    bool changed = false;
+    for (int uid : uids) {
+        struct LOOP* l = nullptr;
+        for (struct LOOP* x : fi->loops)
+            if (x->uid == uid) l = x;
+        if (!l) continue;
+        debug("\n---------- Preparing inner loop #%d ----------\n", uid);
+        debug("\n------- ENTERING 'vectorize_CFG_regions' -----------\n");
+        EDGE* entries = copy_edge_list(l->head->predecessors);
+        CDFG* region = convert_simple_CFG_region_to_CDFG(entries, l, false);
+        free_edge_list(entries);
+        if (region) {
+            convert_generic_CDFG_to_SIMD_form(region, false);
+            bool done = peel_unroll_and_vectorize_loop(region, size_speed_goal() >= 2);
+            revert_CDFG_to_simple_CFG_region(region);
+            matcher_arena.recycle();
+            if (done) {
+                changed = true;
+                build_loop_hierarchy(false, false, false, 0);
+            }
+        }
+        debug("\n------- EXITING 'vectorize_CFG_regions' -----------\n");
+    }
+    if (changed) simpcfg(false, false);
+    unbuild_loop_hierarchy();
+    debug("\n\n\t\t\t---------- EXITING 'do_cd_vectorization' ----------\n");
+}
