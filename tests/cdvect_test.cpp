@@ -1,0 +1,156 @@
+// The CD vectorizer's decisions: the pain model, memory access costs,
+// complete unrolling, and the SIMD factors of type representations.
+#include <gtest/gtest.h>
+
+#include <memory>
+
+#include "OPT5/cdvect.h"
+#include "OPT5/cmdline.h"
+#include "OPT5/matcher.h"
+#include "OPT5/opcodes.h"
+#include "OPT5/optobj.h"
+#include "TYPES/type_pkg.h"
+#include "tools/md_lexer.h"
+
+namespace {
+
+SIMD_CONFIGURATION config(int sf, int64_t time, int64_t ptime) {
+    SIMD_CONFIGURATION c;
+    c.sf = sf;
+    c.time = time;
+    c.ptime = ptime;
+    return c;
+}
+
+TEST(SimdConfiguration, PainAndItsTieRule) {
+    // 5 x (16 / SF) x time + 9 x peeling time.
+    EXPECT_EQ(config(2, 6, 6).compute_pain_for_configuration(false), 5 * 8 * 6 + 9 * 6);
+    // With SF 32, 16 / SF is 0: only the peeling counts.
+    EXPECT_EQ(config(32, 1000, 3).compute_pain_for_configuration(false), 27);
+    // Equal pain for SF 2 and SF 4 goes to SF 2, in either order.
+    std::vector<SIMD_CONFIGURATION> c{config(1, 10, 0), config(4, 8, 2), config(2, 4, 2)};
+    EXPECT_EQ(c[1].compute_pain_for_configuration(false), c[2].compute_pain_for_configuration(false));
+    EXPECT_EQ(c[SIMD_CONFIGURATION::choose_SIMD_configuration_for_region(c, 1)].sf, 2);
+    std::swap(c[1], c[2]);
+    EXPECT_EQ(c[SIMD_CONFIGURATION::choose_SIMD_configuration_for_region(c, 1)].sf, 2);
+    // A smaller pain wins whatever the factor.
+    c = {config(2, 10, 0), config(4, 4, 0)};
+    EXPECT_EQ(c[SIMD_CONFIGURATION::choose_SIMD_configuration_for_region(c, 1)].sf, 4);
+}
+
+TEST(SimdConfiguration, VectorTypeRepresentations) {
+    TREP* i16 = find_TREP('i', 16, 1);
+    EXPECT_EQ(vector_TREP_for_SF(i16, 1), i16);
+    TREP* v3 = vector_TREP_for_SF(i16, 3);
+    EXPECT_EQ(v3->lanes, 3);
+    EXPECT_EQ(vector_TREP_for_SF(v3, 3), v3);
+    EXPECT_EQ(vector_TREP_for_SF(i16, 8), find_TREP('i', 16, 8));
+    EXPECT_EXIT(vector_TREP_for_SF(i16, 6), ::testing::ExitedWithCode(1), "");
+    EXPECT_EXIT(vector_TREP_for_SF(i16, 0), ::testing::ExitedWithCode(1), "");
+}
+
+class MemoryCost : public ::testing::Test {
+protected:
+    void SetUp() override {
+        init_opcode_tables();
+        std::string text = "OPTIMIZER MACHINE DESCRIPTION : \"T\"\nTARGETS : BRV\nENDIAN : LITTLE\n"
+                           "( ICODE (FETCH : I16 [16] a) COST 3 )\n( ICODE (STORE : I16 [4] a b) COST 2 )\n";
+        std::vector<MD_LEXED> lexed;
+        std::string error;
+        ASSERT_TRUE(md_lex(text, lexed, error)) << error;
+        std::vector<MD_TOKEN> toks = md_token_array(lexed);
+        rb.reset(parse_md_tokens(toks.data(), true, &error));
+        ASSERT_TRUE(rb) << error;
+        md_rule_base = rb.get();
+    }
+    void TearDown() override { md_rule_base = nullptr; }
+    DFG access(int op, int lanes) {
+        DFG d;
+        d.op = op;
+        d.trep = find_TREP('i', 16, 1);
+        d.sf = lanes;
+        return d;
+    }
+    std::unique_ptr<RULE_BASE> rb;
+};
+
+TEST_F(MemoryCost, WiderAccessesAreComposedOfDeclaredOnes) {
+    DFG f16 = access(DFG_FETCH, 16), f32 = access(DFG_FETCH, 32), s8 = access(DFG_STORE, 8);
+    EXPECT_EQ(memory_access_cost(&f16), 3);
+    EXPECT_EQ(memory_access_cost(&f32), 6);  // two 16-word accesses
+    EXPECT_EQ(memory_access_cost(&s8), 4);   // two 4-word stores
+    DFG f24 = access(DFG_FETCH, 24);         // 24 words: no declared width composes it
+    EXPECT_EXIT(memory_access_cost(&f24), ::testing::ExitedWithCode(1), "");
+    DFG plus = access(PLUS, 1);
+    EXPECT_EXIT(memory_access_cost(&plus), ::testing::ExitedWithCode(1), "");
+}
+
+TEST(CompleteUnrolling, DecisionOfThePeelingStep) {
+    CDFG region;
+    region.numBlocks = 1;
+    region.numStatements = 5;
+    int factor = 4;
+    EXPECT_TRUE(unroll_completely_decision(nullptr, &region, 8, factor));
+    EXPECT_EQ(factor, 8);
+    factor = 4;
+    region.numStatements = 6;
+    EXPECT_FALSE(unroll_completely_decision(nullptr, &region, 8, factor));
+    EXPECT_EQ(factor, 4);
+    region.numStatements = 5;
+    region.numBlocks = 2;
+    EXPECT_FALSE(unroll_completely_decision(nullptr, &region, 8, factor));
+    region.numBlocks = 1;
+    // Nine iterations halve to four too: the factor becomes 8, which does
+    // not divide the count.
+    EXPECT_TRUE(unroll_completely_decision(nullptr, &region, 9, factor));
+    EXPECT_EQ(factor, 8);
+    factor = 128;
+    EXPECT_FALSE(unroll_completely_decision(nullptr, &region, 256, factor));
+}
+
+class UnrollingWins : public ::testing::Test {
+protected:
+    void TearDown() override { file_options = option_obj(true); }
+    void goal(int g) {
+        const int goals[] = {5, 0, 3, 2, 4, 1};
+        option_obj o(false);
+        for (int i = 0; i < 6; ++i)
+            if (goals[i] == g) o.setarg(OPT_opt_for_speed, i);
+        file_options = o;
+    }
+    LOOP_UNROLLING_INFO info(int uf, float t1, float z1, float tu, float zu, int64_t trips) {
+        LOOP_UNROLLING_INFO i;
+        i.uf = uf;
+        i.T1 = t1;
+        i.Z1 = z1;
+        i.Tu = tu;
+        i.Zu = zu;
+        i.trips = trips;
+        return i;
+    }
+};
+
+TEST_F(UnrollingWins, SpeedAgainstSpace) {
+    goal(4);
+    LOOP_UNROLLING_INFO marked = info(4, 10, 10, 40, 40, 4);
+    marked.completely = true;
+    EXPECT_TRUE(marked.unrolling_completely_wins(false));
+    EXPECT_FALSE(info(4, 10, 10, 40, 40, 4).unrolling_completely_wins(false));  // no faster
+    EXPECT_TRUE(info(4, 10, 10, 30, 10, 4).unrolling_completely_wins(false));   // faster, no bigger
+    EXPECT_TRUE(info(4, 10, 10, 30, 30, 4).unrolling_completely_wins(false));   // 4 trips, small body
+    EXPECT_FALSE(info(4, 10, 80, 30, 100, 4).unrolling_completely_wins(false));  // Z(1) over 77
+    EXPECT_FALSE(info(4, 10, 10, 30, 120, 4).unrolling_completely_wins(false));  // Z(u) over 110
+    EXPECT_FALSE(info(8, 10, 10, 30, 30, 9).unrolling_completely_wins(false));   // more than 8 trips
+    EXPECT_FALSE(info(8, 10, 10, 30, 30, 6).unrolling_completely_wins(false));   // 5 to 8: no estimate
+    EXPECT_FALSE(info(4, 10, 10, 30, 30, -1).unrolling_completely_wins(false));  // unknown count
+    goal(2);
+    EXPECT_FALSE(info(4, 10, 10, 30, 30, 4).unrolling_completely_wins(false));
+    goal(1);
+    EXPECT_FALSE(info(4, 10, 10, 30, 30, 4).unrolling_completely_wins(false));
+    EXPECT_TRUE(info(4, 10, 10, 30, 10, 4).unrolling_completely_wins(false));  // no bigger: the goal is not asked
+    goal(5);  // speed / space x u must reach 20
+    EXPECT_FALSE(info(4, 10, 10, 8, 20, 4).unrolling_completely_wins(false));  // 5 / 2 x 4 = 10
+    EXPECT_TRUE(info(4, 10, 10, 4, 20, 4).unrolling_completely_wins(false));   // 10 / 2 x 4 = 20
+}
+
+}  // namespace
