@@ -604,3 +604,145 @@ void do_cd_vectorization() {
     unbuild_loop_hierarchy();
     debug("\n\n\t\t\t---------- EXITING 'do_cd_vectorization' ----------\n");
 }
+
+// ---------------------------------------------------------------------------
+// Instruction-level parallelism
+
+namespace {
+
+// An address written as base + constant (or just base): its parts.
+bool split_address(const NODE* a, std::string& base, INT65& offset) {
+    offset = INT65(0);
+    if (a->opcode == PLUS && a->right && a->right->opcode == ICON) {
+        offset = a->right->value;
+        a = a->left;
+    }
+    if (a->opcode != UAND || !a->left || a->left->opcode != NAME) return false;
+    base = stmt2infix(a);
+    return true;
+}
+
+// The statement as a graph for the COMBINE rules: its value, with loads of
+// base + constant addresses.
+DFG* ilp_graph(const NODE* t, DFG_ARENA& arena) {
+    if (!t || !is_16bit_int(t->type)) return nullptr;
+    DFG* d = arena.make();
+    d->trep = find_TREP(t->type, 1);
+    if (t->opcode == UMULT) {
+        std::string base;
+        INT65 offset;
+        if (!split_address(t->left, base, offset)) return nullptr;
+        d->op = DFG_FETCH;
+        DFG* sum = arena.make();
+        sum->op = PLUS;
+        DFG* b = arena.make();
+        b->op = DFG_RCUSE;
+        b->name = base;
+        DFG* k = arena.make();
+        k->op = ICON;
+        k->ivalue = offset;
+        sum->opd[0] = b;
+        sum->opd[1] = k;
+        sum->nopd = 2;
+        d->opd[0] = sum;
+        d->nopd = 1;
+        return d;
+    }
+    if (t->opcode != PLUS && t->opcode != MINUS && t->opcode != MULT) return nullptr;
+    d->op = t->opcode;
+    d->opd[0] = ilp_graph(t->left, arena);
+    d->opd[1] = ilp_graph(t->right, arena);
+    d->nopd = 2;
+    return d->opd[0] && d->opd[1] ? d : nullptr;
+}
+
+// Every load of the tree at base + offset, as text.
+void loads_of(const NODE* t, std::set<std::string>& out) {
+    if (!t) return;
+    if (t->opcode == UMULT) out.insert(stmt2infix(t->left));
+    loads_of(t->left, out);
+    loads_of(t->right, out);
+}
+
+// s1 stores to base + k + 1 and s2 to base + k, both computing the same
+// operations on loads that are likewise one element apart: one vector
+// statement at base + k does both.  `s1_first` says which runs first: the
+// later one must not read what the earlier one stores, since the vector
+// statement loads everything before it stores.
+NODE* combine_pair(NODE* s1, NODE* s2, bool s1_first) {
+    if (s1->opcode != ASG || s2->opcode != ASG || !s1->left || !s2->left || s1->left->opcode != UMULT ||
+        s2->left->opcode != UMULT)
+        return nullptr;
+    std::string b1, b2;
+    INT65 k1, k2;
+    if (!split_address(s1->left->left, b1, k1) || !split_address(s2->left->left, b2, k2) || b1 != b2 ||
+        k1 - k2 != INT65(1))
+        return nullptr;
+    NODE* earlier = s1_first ? s1 : s2;
+    NODE* later = s1_first ? s2 : s1;
+    std::set<std::string> reads;
+    loads_of(later->right, reads);
+    if (reads.count(stmt2infix(earlier->left->left))) return nullptr;
+    DFG_ARENA arena;
+    DFG* v1 = ilp_graph(s1->right, arena);
+    DFG* v2 = ilp_graph(s2->right, arena);
+    if (!v1 || !v2 || dfg2prefix(v1) != dfg2prefix(v2)) return nullptr;
+    // Every pair of corresponding loads one element apart.
+    std::function<bool(const DFG*, const DFG*)> adjacent = [&](const DFG* x, const DFG* y) {
+        if (x->op == DFG_FETCH)
+            return x->opd[0]->opd[0]->name == y->opd[0]->opd[0]->name &&
+                   x->opd[0]->opd[1]->ivalue - y->opd[0]->opd[1]->ivalue == INT65(1);
+        for (int i = 0; i < x->nopd; ++i)
+            if (!adjacent(x->opd[i], y->opd[i])) return false;
+        return true;
+    };
+    if (!adjacent(v1, v2)) return nullptr;
+    // The description must have a COMBINE rule for the root operation.
+    CDSTMT c1, c2;
+    c1.root = v1;
+    c2.root = v2;
+    c1.next = &c2;
+    if (!apply_COMBINE_rules(v1, &c1, false, false)) return nullptr;
+    // Check that every operation has its dual form at factor 2.
+    std::function<bool(DFG*)> dual = [&](DFG* d) {
+        if (d->op == DFG_FETCH) return true;
+        if (d->sf != 2) {
+            DFG probe = *d;
+            probe.sf = 2;
+            if (md_rule_base->find_declaration_for_DFG(&probe, true, false).empty()) return false;
+        }
+        for (int i = 0; i < d->nopd; ++i)
+            if (!dual(d->opd[i])) return false;
+        return true;
+    };
+    if (!dual(v1)) return nullptr;
+    TYPE* vtype = type_pkg->mk_vector(int16(), false, 2);
+    TYPE* vptr = type_pkg->mk_ptr(vtype);
+    std::function<NODE*(const NODE*)> vec = [&](const NODE* t) -> NODE* {
+        if (t->opcode == UMULT) return mktree(UMULT, vtype, mktree(PCONV, vptr, copy_tree(t->left)));
+        return mktree(t->opcode, vtype, vec(t->left), vec(t->right));
+    };
+    return mktree(ASG, vtype, mktree(UMULT, vtype, mktree(PCONV, vptr, copy_tree(s2->left->left))), vec(s2->right));
+}
+
+}  // namespace
+
+void do_cd_ilp() {
+    FUNINFO* fi = currfuninfo;
+    if (!fi || !fi->bb_list || opt_level() < 2 || pass_disable_ilp) return;
+    if (!md_rule_base) matcher_init();
+    for (BBLK* b : layout_blocks()) {
+        auto& st = b->statements;
+        for (size_t i = 0; i + 1 < st.size(); ++i) {
+            NODE* combined = combine_pair(st[i].tree, st[i + 1].tree, true);
+            if (!combined) combined = combine_pair(st[i + 1].tree, st[i].tree, false);
+            if (!combined) continue;
+            debug("  ILP: %s\n    and %s\n    become %s\n", stmt2infix(st[i].tree).c_str(),
+                  stmt2infix(st[i + 1].tree).c_str(), stmt2infix(combined).c_str());
+            erase_tree(st[i].tree);
+            erase_tree(st[i + 1].tree);
+            st[i].tree = combined;
+            st.erase(st.begin() + static_cast<long>(i) + 1);
+        }
+    }
+}

@@ -65,3 +65,6 @@ bool convert_generic_CDFG_to_SIMD_form(CDFG* region, bool force);
 bool peel_unroll_and_vectorize_loop(CDFG* region, bool completely_allowed);
 
 void do_cd_vectorization();
+// Pairs of adjacent statements on neighbouring elements that a COMBINE
+// rule joins become one dual operation.
+void do_cd_ilp();

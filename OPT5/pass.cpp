@@ -85,7 +85,7 @@ const step pass_table[] = {
     {"fast_CP(0,1)", false, fast_CP_0_1},
     {"add profile loop annotations", false, no_action},
     {"CD vectorizations", false, do_cd_vectorization},
-    {"CD ILP", false, no_action},
+    {"CD ILP", false, do_cd_ilp},
     {"late fast_CP(4,1)", false, fast_CP_4_1},
     {"Disclose Vectors", false, no_action},
     {"global CP", false, no_action},

@@ -214,4 +214,27 @@ TEST_F(ScalarOpt, LoopsThatCannotBeVectorizedStayAsTheyAre) {
     for (const std::string& s : statements()) EXPECT_EQ(s.find("PCONV"), std::string::npos) << s;
 }
 
+TEST_F(ScalarOpt, NeighbouringElementOperationsBecomeOneDualOperation) {
+    MiniFunction f{"f", {"n", "m"}, {}};
+    f.globals = {"a", "b", "c"};
+    auto at = [](const char* array, int k) {
+        return std::string("(deref (+ (addr ") + array + ") " + std::to_string(k) + "))";
+    };
+    // c[5] = a[5] - b[5]; c[4] = a[4] - b[4]: one dual subtraction at
+    // element 4.  c[8] = c[7] * 2 ... reads what the first one stores: no.
+    f.body = {"(= " + at("c", 5) + " (- " + at("a", 5) + " " + at("b", 5) + "))",
+              "(= " + at("c", 4) + " (- " + at("a", 4) + " " + at("b", 4) + "))",
+              "(= " + at("c", 8) + " (+ " + at("c", 8) + " " + at("a", 8) + "))",
+              "(= " + at("c", 9) + " (+ " + at("c", 8) + " " + at("a", 9) + "))", "(ret n)"};
+    optimize(f);
+    std::vector<std::string> st = statements();
+    EXPECT_TRUE(has(st, "(*PCONV((&c + 4)) = (*PCONV((&a + 4)) - *PCONV((&b + 4))))")) << output;
+    EXPECT_TRUE(has(st, "(*(&c + 8) = (*(&c + 8) + *(&a + 8)))")) << output;
+    EXPECT_TRUE(has(st, "(*(&c + 9) = (*(&c + 8) + *(&a + 9)))")) << output;
+    same_meaning({{0, 0}});
+    // Without the ILP step nothing is joined.
+    optimize(f, {"-o2", "--disable=ilp"});
+    for (const std::string& s : statements()) EXPECT_EQ(s.find("PCONV"), std::string::npos) << s;
+}
+
 }  // namespace
