@@ -289,7 +289,8 @@ struct CONVERTER {
             a->parent = b->parent = d;
             return d;
         }
-        return why = std::string("operator ") + node_operator_name[t->opcode] + " is not vectorised", nullptr;
+        const char* name = t->opcode >= 0 && t->opcode < NUM_OPCODES ? node_operator_name[t->opcode] : nullptr;
+        return why = "operator " + (name ? std::string(name) : std::to_string(t->opcode)) + " is not vectorised", nullptr;
     }
     CDSTMT* statement(NODE* t) {
         if (t->opcode != ASG || !t->left || t->left->opcode != UMULT) return why = "statement is not a store", nullptr;

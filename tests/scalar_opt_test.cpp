@@ -205,6 +205,14 @@ TEST_F(ScalarOpt, LoopsThatCannotBeVectorizedStayAsTheyAre) {
         for (const std::string& s : statements()) EXPECT_EQ(s.find("PCONV"), std::string::npos) << s;
         same_meaning({{0, 0}, {5, 0}, {12, 0}});
     }
+    // An operator the optimizer has no row for (49) is left alone.
+    std::string text = array_loop("n", sum).text();
+    size_t plus = text.find("node b:6 n:1\n");
+    ASSERT_NE(plus, std::string::npos);
+    text.replace(plus, 12, "node b:49 n:1");
+    ASSERT_EQ(assemble(text, dir.path / "odd.if"), "");
+    Result r = run_program(OPT5_BINARY, {"-o2", "odd.if", "odd_out.if"}, dir.path);
+    EXPECT_EQ(r.status, 0) << r.err;
     // Storing through a pointer that may point into the arrays read is unsafe.
     MiniFunction f{"f", {"p:p", "n"}, {"i"}};
     f.globals = {"a", "b"};
