@@ -494,21 +494,23 @@ bool peel_unroll_and_vectorize_loop(CDFG* region, bool completely_allowed) {
     int factor = sf;
     bool completely = false;
     if (trips_known && completely_allowed) completely = unroll_completely_decision(loop, region, trips, factor);
-    // The vector loop is kept rolled: replicating it is the CD unroller's work.
     info("  %snrolling and vectorizing loop #%d at lines %s-%s by a factor of %dx.\n", completely ? "Completely u" : "U",
          loop->uid, std::to_string(shape.head->statements[0].pos.line).c_str(),
-         std::to_string(shape.body->statements.back().pos.line).c_str(), sf);
+         std::to_string(shape.body->statements.back().pos.line).c_str(), factor);
     if (trips_known) info("  This loop has %s iterations.\n\n", std::to_string(trips).c_str());
     else info("  This loop's iteration count is %s\n", stmt2infix(loop->trips ? loop->trips : shape.bound).c_str());
-    bool divides = trips_known && trips % sf == 0;
+    bool divides = trips_known && trips % factor == 0;
     if (!divides)
         info("  The unrolling factor %d does not provably divide the\n  iteration count, so we will add a 'peeled' loop for\n"
              "  the last few iterations.  Its iteration count is %s.\n\n",
-             sf, trips_known ? std::to_string(trips % sf).c_str() : ("at most " + std::to_string(sf - 1)).c_str());
+             factor, trips_known ? std::to_string(trips % factor).c_str() : ("at most " + std::to_string(factor - 1)).c_str());
 
     // The vector loop, in front of the scalar one:
     //   VH: if (iv > bound - SF) goto H
     //   VB: vector statements; iv += SF; goto VH
+    // Unrolled completely, there is no loop: VB has the vector statements
+    // once per SF iterations of the factor (iv + SF, iv + 2 SF ... in the
+    // addresses), then iv += factor, and the scalar loop does the rest.
     TYPE* elem = int16();
     TYPE* vtype = type_pkg->mk_vector(elem, false, static_cast<unsigned long>(sf));
     TYPE* vptr = type_pkg->mk_ptr(vtype);
@@ -539,27 +541,44 @@ bool peel_unroll_and_vectorize_loop(CDFG* region, bool completely_allowed) {
     PSN pos = shape.head->statements[0].pos;
     TYPE* ivt = shape.test->left->left->type;
     auto name_iv = [&]() { return copy_tree(shape.test->left->left); };
-    NODE* limit = simp_tree(mktree(MINUS, ivt, copy_tree(shape.bound), mk_ICON(INT65(sf), ivt)), nullptr);
-    BODY_ENTRY test;
-    test.tree = mktree(CBRANCH, nullptr, mktree(GT, type_pkg->mk_int(TYPE::IK_INT, true), name_iv(), limit),
-                       mk_LABELREF(shape.head->label));
-    test.pos = pos;
-    vh->statements.push_back(test);
-    for (size_t i = 0; i < forms[sf].size(); ++i) {
-        relink(forms[sf][i]);
-        BODY_ENTRY e;
-        e.tree = to_tree(forms[sf][i]);
-        e.pos = shape.body->statements[i].pos;
-        vb->statements.push_back(e);
+    if (!completely) {
+        NODE* limit = simp_tree(mktree(MINUS, ivt, copy_tree(shape.bound), mk_ICON(INT65(sf), ivt)), nullptr);
+        BODY_ENTRY test;
+        test.tree = mktree(CBRANCH, nullptr, mktree(GT, type_pkg->mk_int(TYPE::IK_INT, true), name_iv(), limit),
+                           mk_LABELREF(shape.head->label));
+        test.pos = pos;
+        vh->statements.push_back(test);
     }
+    for (auto& f : forms[sf]) relink(f);
+    int copies = completely ? factor / sf : 1;
+    for (int k = 0; k < copies; ++k)
+        for (size_t i = 0; i < forms[sf].size(); ++i) {
+            BODY_ENTRY e;
+            e.tree = to_tree(forms[sf][i]);
+            // The iterations k * SF further on.
+            std::function<void(NODE*&)> shift = [&](NODE*& n) {
+                if (!n) return;
+                if (is_iv(n, shape.iv)) {
+                    n = mktree(PLUS, ivt, n, mk_ICON(INT65(k * sf), ivt));
+                    return;
+                }
+                shift(n->left);
+                shift(n->right);
+            };
+            if (k > 0) shift(e.tree);
+            e.pos = shape.body->statements[i].pos;
+            vb->statements.push_back(e);
+        }
     BODY_ENTRY step;
-    step.tree = mktree(PLUSASG, ivt, name_iv(), mk_ICON(INT65(sf), ivt));
+    step.tree = mktree(PLUSASG, ivt, name_iv(), mk_ICON(INT65(completely ? factor : sf), ivt));
     step.pos = shape.body->statements[shape.body->statements.size() - 2].pos;
     vb->statements.push_back(step);
-    BODY_ENTRY back;
-    back.tree = mktree(BRANCH, nullptr, mk_LABELREF(vh_label));
-    back.pos = step.pos;
-    vb->statements.push_back(back);
+    if (!completely) {
+        BODY_ENTRY back;
+        back.tree = mktree(BRANCH, nullptr, mk_LABELREF(vh_label));
+        back.pos = step.pos;
+        vb->statements.push_back(back);
+    }
     rebuildcfg();
     return true;
 }

@@ -197,6 +197,30 @@ TEST_F(ScalarOpt, CountedLoopOver16BitArraysIsVectorized) {
     same_meaning({{0, 0}, {1, 0}, {2, 0}, {7, 0}, {10, 0}, {100, 0}, {-4, 0}});
 }
 
+TEST_F(ScalarOpt, ShortConstantLoopsAreUnrolledCompletely) {
+    // Five iterations: the factor 2 is half of them, so it doubles to 4 and
+    // two dual additions replace the loop but for one last iteration.
+    optimize(array_loop("5", sum), {"-o2", "--info_file=info.txt"});
+    std::vector<std::string> st = statements();
+    EXPECT_TRUE(has(st, "(*PCONV((&c + (i + 2))) = (*PCONV((&a + (i + 2))) + *PCONV((&b + (i + 2)))))")) << output;
+    EXPECT_TRUE(has(st, "(i += 4)")) << output;
+    for (const std::string& s : st) EXPECT_EQ(s.find("(i > "), std::string::npos) << s;
+    std::string info = slurp(dir.path / "info.txt");
+    EXPECT_NE(info.find("\nUnrolling loop #1 completely.\n  Completely unrolling and vectorizing loop #1 at lines 3-6 "
+                        "by a factor of 4x.\n  This loop has 5 iterations.\n"),
+              std::string::npos)
+        << info;
+    EXPECT_NE(info.find("Its iteration count is 1.\n"), std::string::npos) << info;
+    same_meaning({{0, 0}});
+    // Ten iterations: a vector loop, which does all of them.
+    optimize(array_loop("10", sum), {"-o2", "--info_file=info.txt"});
+    EXPECT_TRUE(has(statements(), "CBRANCH((i > 8), L1)")) << output;
+    info = slurp(dir.path / "info.txt");
+    EXPECT_NE(info.find("  This loop has 10 iterations.\n"), std::string::npos) << info;
+    EXPECT_EQ(info.find("peeled"), std::string::npos) << info;
+    same_meaning({{0, 0}});
+}
+
 TEST_F(ScalarOpt, LoopsThatCannotBeVectorizedStayAsTheyAre) {
     // A division has no vector form; -o1 does not vectorize.
     for (auto [value, level] : {std::pair<std::string, const char*>{"(/ (deref (+ (addr a) i)) 3)", "-o2"},
