@@ -7,6 +7,7 @@
 #include <climits>
 #include <cstring>
 #include <functional>
+#include <memory>
 
 #include "DEBUG_DISABLE/switches.h"
 #include "OPT5/abort.h"
@@ -187,10 +188,7 @@ RULE_BASE* PARSER::parse(bool prune) {
     try {
         mdfHeader();
         while (!tok_.getToken(T_END)) {
-            if (!tok_.getToken(T_LPAREN)) {
-                tok_.getToken();
-                fail("need a declaration or rule");
-            }
+            expect(T_LPAREN, "need a declaration or rule");
             parms_.clear();
             labels_.clear();
             std::vector<DECL_RULE*> made = declaration();
@@ -260,10 +258,7 @@ void PARSER::targetDeclaration() {
             rb_->targets.push_back(tok_.text);
             any |= target_is_this_version(tok_.text);
         }
-        if (!tok_.getToken(T_RPAREN)) {
-            tok_.getToken();
-            fail("need a target name");
-        }
+        expect(T_RPAREN, "need a target name");
         if (rb_->targets.empty()) fail("at least one target name is needed");
         if (!any) fail("none of cpu versions matches");
         return;
@@ -293,10 +288,7 @@ void PARSER::funUnitDeclaration() {
 }
 
 void PARSER::functionalUnits() {
-    if (!tok_.getToken(T_LPAREN)) {
-        tok_.getToken();
-        fail("no functional units specified");
-    }
+    expect(T_LPAREN, "no functional units specified");
     while (tok_.getToken(T_IDENT)) {
         if (rb_->fu_index(tok_.text) >= 0) fail("duplicate functional unit");
         rb_->fu_names.push_back(tok_.text);
@@ -462,10 +454,7 @@ std::vector<DECL_RULE*> PARSER::xopDecl() {
     std::vector<int> sfs;
     std::vector<TREP*> treps;
     DFG* p = xopPattern(sfs, treps);
-    if (!tok_.getToken(T_IS)) {
-        tok_.getToken();
-        fail("need the keyword IS in xop declaration");
-    }
+    expect(T_IS, "need the keyword IS in xop declaration");
     DFG* t = templt();
     clauses(proto);
     return expand(rb_, proto, p, t, sfs, treps, "OPs", "# of genop's simd factors doesn not match # of decls",
@@ -576,10 +565,7 @@ void PARSER::declParmIcon(DFG* parm) {
 }
 
 std::vector<TREP*> PARSER::trep() {
-    if (!tok_.getToken(T_TREP)) {
-        tok_.getToken();
-        fail("invalid ssv: no trep or inconsistent treps");
-    }
+    expect(T_TREP, "invalid ssv: no trep or inconsistent treps");
     std::string t = tok_.text;
     if (t[0] != 'X') {
         unsigned char kind = static_cast<unsigned char>(std::tolower(static_cast<unsigned char>(t[0])));
@@ -643,10 +629,7 @@ void PARSER::holds(MD_BIF& bif) {
 // One flag of a HOLDS clause; its argument, if it takes one, is read by
 // property().
 void PARSER::holds_flag(MD_BIF& bif) {
-    if (!tok_.getToken(T_IDENT)) {
-        tok_.getToken();
-        fail("invalid holds flag");
-    }
+    expect(T_IDENT, "invalid holds flag");
     static const std::pair<const char*, unsigned long> flags[] = {
         {"OPDS_COMMUTE", HF_OPDS_COMMUTE},         {"MAXVAL", HF_MAXVAL},
         {"MINVAL", HF_MINVAL},                     {"RETURNS_1_OR_0", HF_RETURNS_1_OR_0},
@@ -718,10 +701,7 @@ void PARSER::funcUnits(DECL_RULE& proto) {
         expect(T_RPAREN, "FUNITS should end up with a )");
         return;
     }
-    if (!tok_.getToken(T_IDENT)) {
-        tok_.getToken();
-        fail("need a FUNIT NAME or ( after FUNITS");
-    }
+    expect(T_IDENT, "need a FUNIT NAME or ( after FUNITS");
     tok_.returnToken();
     unit();
 }
@@ -850,10 +830,7 @@ CONSTRAINT_FUNCTION* PARSER::pcProperty() {
 }
 
 CONSTRAINT_FUNCTION* PARSER::pcRelation(DFG* left) {
-    if (!tok_.getToken(T_RELOP)) {
-        tok_.getToken();
-        fail("need a known pc_function");
-    }
+    expect(T_RELOP, "need a known pc_function");
     tokentype rel = tok_.kind();
     if (!tok_.getToken(T_INT) && !tok_.getToken(T_MINUS)) {
         tok_.getToken();
@@ -926,10 +903,7 @@ DFG* PARSER::parmExpression() {
 }
 
 CONSTRAINT_FUNCTION* PARSER::pcFunction(DFG* parm) {
-    if (!tok_.getToken(T_PCFUNCTION)) {
-        tok_.getToken();
-        fail("unknown pc function");
-    }
+    expect(T_PCFUNCTION, "unknown pc function");
     std::string f = tok_.text;
     if (f == "STRIDE") {
         expect(T_LPAREN, "the pc function needs an ICON parameter");
@@ -964,10 +938,7 @@ CONSTRAINT_FUNCTION* PARSER::givenConstraint() {
 }
 
 CONSTRAINT_FUNCTION* PARSER::givenFunction(bool& endian_seen) {
-    if (!tok_.getToken(T_GIVENFUNCTION)) {
-        tok_.getToken();
-        fail("need a known pc_function");
-    }
+    expect(T_GIVENFUNCTION, "need a known pc_function");
     std::string g = tok_.text;
     if (g == "OPT_LEVEL_AT_LEAST") {
         expect(T_LPAREN, "the pc function needs an ICON parameter");
@@ -997,111 +968,78 @@ std::vector<DECL_RULE*> PARSER::rewriteRules() {
 
 DECL_RULE* PARSER::simplifyRule() {
     current_kind_ = rSIMPLIFY;
-    auto* r = new DECL_RULE;
+    auto r = std::make_unique<DECL_RULE>();
     r->kind = rSIMPLIFY;
     r->line = tok_.line;
-    try {
-        r->pattern = pattern();
-        if (r->pattern->op == DFG_REDUCE) fail("simplifing a reduce is not allowed");
-        if (!tok_.getToken(T_AS)) {
-            tok_.getToken();
-            fail("need the keyword AS in simplify-rule");
-        }
-        r->templt = templt();
-        constraint(r->constraint);
-    } catch (...) {
-        delete r;
-        throw;
-    }
+    r->pattern = pattern();
+    if (r->pattern->op == DFG_REDUCE) fail("simplifing a reduce is not allowed");
+    expect(T_AS, "need the keyword AS in simplify-rule");
+    r->templt = templt();
+    constraint(r->constraint);
     r->sf = r->pattern->sf;
-    return r;
+    return r.release();
 }
 
 DECL_RULE* PARSER::simdRule() {
     current_kind_ = rSIMD;
-    auto* r = new DECL_RULE;
+    auto r = std::make_unique<DECL_RULE>();
     r->kind = rSIMD;
     r->line = tok_.line;
-    try {
-        r->pattern = pattern();
-        if (!tok_.getToken(T_AS)) {
-            tok_.getToken();
-            fail("need the keyword AS in simd-rule");
-        }
-        std::vector<DFG*> templates{templt()};
-        while (tok_.getToken(T_LPAREN)) {
-            tok_.returnToken();
-            templates.push_back(templt());
-        }
-        if (templates.size() > 1) fail("don't know how to generate multiple templates");
-        r->templt = templates[0];
-        // A HOIST part goes with a SINK part.
-        if (tok_.getToken(T_HOIST)) {
-            r->hoist = hoist();
-            if (!tok_.getToken(T_SINK)) {
-                tok_.getToken();
-                fail("need the keyword SINK in simd-rule");
-            }
-            r->sink = sink();
-        } else if (tok_.getToken(T_SINK)) {
-            r->sink = sink();
-        }
-        constraint(r->constraint);
-    } catch (...) {
-        delete r;
-        throw;
+    r->pattern = pattern();
+    expect(T_AS, "need the keyword AS in simd-rule");
+    std::vector<DFG*> templates{templt()};
+    while (tok_.getToken(T_LPAREN)) {
+        tok_.returnToken();
+        templates.push_back(templt());
     }
+    if (templates.size() > 1) fail("don't know how to generate multiple templates");
+    r->templt = templates[0];
+    // A HOIST part goes with a SINK part.
+    if (tok_.getToken(T_HOIST)) {
+        r->hoist = hoist();
+        expect(T_SINK, "need the keyword SINK in simd-rule");
+        r->sink = sink();
+    } else if (tok_.getToken(T_SINK)) {
+        r->sink = sink();
+    }
+    constraint(r->constraint);
     r->sf = r->templt->sf;
-    return r;
+    return r.release();
 }
 
 DECL_RULE* PARSER::combineRule() {
     current_kind_ = rCOMBINE;
-    auto* r = new DECL_RULE;
+    auto r = std::make_unique<DECL_RULE>();
     r->kind = rCOMBINE;
     r->line = tok_.line;
-    try {
-        r->pattern = pattern();
-        if (!tok_.getToken(T_AS)) {
-            tok_.getToken();
-            fail("need the keyword AS in combine-rule");
-        }
-        r->templt = templt();
-        if (!tok_.getToken(T_WITH)) {
-            tok_.getToken();
-            fail("need the keyword WITH in combine-rule");
-        }
-        r->pattern2 = pattern();
-        if (!tok_.getToken(T_AS)) {
-            tok_.getToken();
-            fail("need the keyword AS in combine-rule");
-        }
-        r->templt2 = templt();
-        // Every parameter of the second template must come from the WITH pattern.
-        std::set<char> with;
-        std::vector<const DFG*> work{r->pattern2};
-        while (!work.empty()) {
-            const DFG* d = work.back();
-            work.pop_back();
-            if (!d) continue;
-            if (d->op == DFG_PARM) with.insert(d->parm);
-            for (int i = 0; i < d->nopd; ++i) work.push_back(d->opd[i]);
-        }
-        work = {r->templt2};
-        while (!work.empty()) {
-            const DFG* d = work.back();
-            work.pop_back();
-            if (!d) continue;
-            if (d->op == DFG_PARM && !with.count(d->parm)) fail("template is not valid");
-            for (int i = 0; i < d->nopd; ++i) work.push_back(d->opd[i]);
-        }
-        constraint(r->constraint);
-    } catch (...) {
-        delete r;
-        throw;
+    r->pattern = pattern();
+    expect(T_AS, "need the keyword AS in combine-rule");
+    r->templt = templt();
+    expect(T_WITH, "need the keyword WITH in combine-rule");
+    r->pattern2 = pattern();
+    expect(T_AS, "need the keyword AS in combine-rule");
+    r->templt2 = templt();
+    // Every parameter of the second template must come from the WITH pattern.
+    std::set<char> with;
+    std::vector<const DFG*> work{r->pattern2};
+    while (!work.empty()) {
+        const DFG* d = work.back();
+        work.pop_back();
+        if (!d) continue;
+        if (d->op == DFG_PARM) with.insert(d->parm);
+        for (int i = 0; i < d->nopd; ++i) work.push_back(d->opd[i]);
     }
+    work = {r->templt2};
+    while (!work.empty()) {
+        const DFG* d = work.back();
+        work.pop_back();
+        if (!d) continue;
+        if (d->op == DFG_PARM && !with.count(d->parm)) fail("template is not valid");
+        for (int i = 0; i < d->nopd; ++i) work.push_back(d->opd[i]);
+    }
+    constraint(r->constraint);
     r->sf = r->pattern->sf;
-    return r;
+    return r.release();
 }
 
 DFG* PARSER::pattern() {
@@ -1160,10 +1098,7 @@ DFG* PARSER::typedOperator() {
         if (!d->ssv) fail("need a SSV after REDUCE or DFG op");
         return d;
     }
-    if (!tok_.getToken(T_IDENT)) {
-        tok_.getToken();
-        fail("need a valid operator");
-    }
+    expect(T_IDENT, "need a valid operator");
     d->op = operator_code(tok_.text, true);
     if (d->op == 0) fail("need a valid operator");
     if (d->op == DFG_TARGET || d->op == ICALL || d->op == MCALL) d->name = tok_.text;
@@ -1193,10 +1128,7 @@ DFG* PARSER::ruleOperand() {
         return t;
     }
     if (tok_.getToken(T_DOLLAR)) {
-        if (!tok_.getToken(T_LABEL)) {
-            tok_.getToken();
-            fail("need number 0-9");
-        }
+        expect(T_LABEL, "need number 0-9");
         auto it = labels_.find(static_cast<int>(tok_.aux));
         if (it == labels_.end()) fail("the label tree is not defined");
         return it->second;
@@ -1240,15 +1172,9 @@ DFG* PARSER::ruleParameter() {
 
 char PARSER::ssv() {
     if (!tok_.getToken(T_LBRACE)) return 0;
-    if (!tok_.getToken(T_SSVNAME)) {
-        tok_.getToken();
-        fail("need a SSV in {}");
-    }
+    expect(T_SSVNAME, "need a SSV in {}");
     char c = tok_.text[0];
-    if (!tok_.getToken(T_RBRACE)) {
-        tok_.getToken();
-        fail("ssv should be followed by a }");
-    }
+    expect(T_RBRACE, "ssv should be followed by a }");
     return c;
 }
 
