@@ -34,16 +34,8 @@ bool is_op_assign(int op) {
            op == ORBASG || op == XORBASG || op == SLLASG || op == SRLASG || op == PLUSPLUS || op == MINMIN;
 }
 
-bool is_volatile(TYPE* t) {
-    for (; t && (t->kind == TYPE::QUAL_T || t->kind == TYPE::TYPEDEF_T); t = t->base)
-        if (t->kind == TYPE::QUAL_T && (t->qual & TYPE::Q_VOLATILE)) return true;
-    return false;
-}
-bool is_const(TYPE* t) {
-    for (; t && (t->kind == TYPE::QUAL_T || t->kind == TYPE::TYPEDEF_T); t = t->base)
-        if (t->kind == TYPE::QUAL_T && (t->qual & TYPE::Q_CONST)) return true;
-    return false;
-}
+bool is_volatile(TYPE* t) { return TYPE_qual_kind(t) & TYPE::Q_VOLATILE; }
+bool is_const(TYPE* t) { return TYPE_qual_kind(t) & TYPE::Q_CONST; }
 
 // The function's own symbols (arguments first), each with whether it is an
 // argument.

@@ -180,10 +180,7 @@ bool has_side_effects(const NODE* tree) {
     if (op < 0 || op >= NUM_OPCODES) return true;
     unsigned se = side_effects[op];
     if (se == 1 || se == 255) return true;
-    if (tree->type && tree->type->stripped() != tree->type) {
-        for (TYPE* t = tree->type; t && (t->kind == TYPE::QUAL_T || t->kind == TYPE::TYPEDEF_T); t = t->base)
-            if (t->kind == TYPE::QUAL_T && (t->qual & TYPE::Q_VOLATILE)) return true;
-    }
+    if (TYPE_qual_kind(tree->type) & TYPE::Q_VOLATILE) return true;
     // A division may trap unless the divisor is a nonzero constant.
     if ((op == DIV || op == MOD) && !(is_icon(tree->right) && !tree->right->value.is_zero())) return true;
     if (op == SCON || op == LABEL) return false;
@@ -934,11 +931,7 @@ NODE* simp_UMULT(NODE* n, struct LOOP* loop) {
         erase_node(p);
         p = n->left;
     }
-    auto qualified = [](TYPE* t) {
-        for (; t && (t->kind == TYPE::QUAL_T || t->kind == TYPE::TYPEDEF_T); t = t->base)
-            if (t->kind == TYPE::QUAL_T && (t->qual & 2)) return true;
-        return false;
-    };
+    auto qualified = [](TYPE* t) { return (TYPE_qual_kind(t) & 2) != 0; };
     if (!trees_are_normalized && (p->opcode == UAND || p->opcode == ARGREF) && p->left &&
         !(qualified(n->type) && !qualified(p->left->type))) {
         if (p->opcode == ARGREF || (n->type && p->left->type && exact_types(n->type, p->left->type))) {

@@ -664,3 +664,12 @@ TYPE* c_usual_arith_conv(TYPE* a, TYPE* b) {
 }
 
 bool is_same_sign(TYPE* a, TYPE* b) { return a->is_signed() == b->is_signed(); }
+
+unsigned TYPE_qual_kind(const TYPE* t) {
+    unsigned q = 0;
+    for (int depth = 0; t && (t->kind == TYPE::QUAL_T || t->kind == TYPE::TYPEDEF_T) && depth < 64; ++depth) {
+        if (t->kind == TYPE::QUAL_T) q |= t->qual;
+        t = t->base;
+    }
+    return q;
+}

@@ -220,6 +220,9 @@ extern TYPE_PKG* type_pkg;
 void init_types();
 void release_types();
 
+// The qualifier bits (TYPE::Q_CONST ...) met on the way from the type
+// through qualifiers and typedefs to the type they name.
+unsigned TYPE_qual_kind(const TYPE* t);
 bool compatible_types(const TYPE* a, const TYPE* b, bool ignore_qualifiers);
 bool exact_types(const TYPE* a, const TYPE* b);
 TYPE* merge_types(TYPE* a, TYPE* b);
