@@ -29,10 +29,6 @@ const char THIS_MODULE[] = "OPT5/copyprop";
 
 bool debugging() { return print_debug && FDEBUG; }
 
-bool is_op_assign(int op) {
-    return op == PLUSASG || op == MINUSASG || op == MULTASG || op == DIVASG || op == MODASG || op == ANDBASG ||
-           op == ORBASG || op == XORBASG || op == SLLASG || op == SRLASG || op == PLUSPLUS || op == MINMIN;
-}
 
 bool is_volatile(TYPE* t) { return TYPE_qual_kind(t) & TYPE::Q_VOLATILE; }
 bool is_const(TYPE* t) { return TYPE_qual_kind(t) & TYPE::Q_CONST; }
@@ -181,6 +177,11 @@ bool drop_useless_statements(BBLK* b) {
 }
 
 }  // namespace
+
+bool is_op_assign(int op) {
+    return op == PLUSASG || op == MINUSASG || op == MULTASG || op == DIVASG || op == MODASG || op == ANDBASG ||
+           op == ORBASG || op == XORBASG || op == SLLASG || op == SRLASG || op == PLUSPLUS || op == MINMIN;
+}
 
 int lva_sym_count() { return currfuninfo ? static_cast<int>(currfuninfo->lva_syms.size()) : 0; }
 

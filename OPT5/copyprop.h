@@ -28,6 +28,9 @@ void remove_unneeded_stores_from_destructor();
 // always kept), `loops` records the live sets at loop exits too.
 void find_live_variables(bool record, bool loops);
 
+// x op= e, ++ and --: assignments that also read the variable.
+bool is_op_assign(int op);
+
 // The side effects of a tree (null when it has none); the rest is freed.
 NODE* peel_for_effect(NODE* tree);
 bool sym_appears_in_tree(const SYMTAB* sym, const NODE* tree);

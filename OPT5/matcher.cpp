@@ -365,17 +365,7 @@ bool parameter_constraints_are_satisfied(CONSTRAINT* c, std::map<DFG*, NODE*>& b
 
 bool nonparameter_constraints_are_satisfied(CONSTRAINT* c) {
     if (!c) return true;
-    if (!c->targets.empty()) {
-        bool any = false;
-        size_t at = 0;
-        while (at <= c->targets.size()) {
-            size_t sp = c->targets.find(' ', at);
-            if (sp == std::string::npos) sp = c->targets.size();
-            any |= target_is_this_version(c->targets.substr(at, sp - at));
-            at = sp + 1;
-        }
-        if (!any) return false;
-    }
+    if (!c->targets.empty() && !targets_include_this_version(c->targets)) return false;
     return !c->given || c->given->is_satisfied();
 }
 

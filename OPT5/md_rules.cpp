@@ -662,18 +662,19 @@ void RULE_BASE::handle_single_decl_rule(DECL_RULE* r) {
     }
 }
 
-void RULE_BASE::assign_target_for_declrule(DECL_RULE* r) {
-    if (r->constraint.targets.empty()) return;
-    bool match = false;
+bool targets_include_this_version(const std::string& targets) {
     size_t at = 0;
-    const std::string& t = r->constraint.targets;
-    while (at <= t.size()) {
-        size_t sp = t.find(' ', at);
-        if (sp == std::string::npos) sp = t.size();
-        match |= target_is_this_version(t.substr(at, sp - at));
+    while (at <= targets.size()) {
+        size_t sp = targets.find(' ', at);
+        if (sp == std::string::npos) sp = targets.size();
+        if (target_is_this_version(targets.substr(at, sp - at))) return true;
         at = sp + 1;
     }
-    if (!match) r->disqualified = true;
+    return false;
+}
+
+void RULE_BASE::assign_target_for_declrule(DECL_RULE* r) {
+    if (!r->constraint.targets.empty() && !targets_include_this_version(r->constraint.targets)) r->disqualified = true;
 }
 
 bool RULE_BASE::check_one_decl_rule(DECL_RULE* r) {

@@ -491,6 +491,8 @@ RULE_BASE* compiled_rule_base();
 
 // True when the target name is that of the processor version selected.
 bool target_is_this_version(const std::string& name);
+// The same for any name of a blank-separated list.
+bool targets_include_this_version(const std::string& targets);
 
 // Parses the compiled-in description (Part of start-up under debug:parser
 // and debug:parsemd) and installs the result as md_rule_base.

@@ -16,11 +16,7 @@
 namespace {
 const char THIS_MODULE[] = "OPT5/ssa";
 
-bool assigns(int op) {
-    return op == ASG || op == PLUSASG || op == MINUSASG || op == MULTASG || op == DIVASG || op == MODASG ||
-           op == ANDBASG || op == ORBASG || op == XORBASG || op == SLLASG || op == SRLASG || op == PLUSPLUS ||
-           op == MINMIN;
-}
+bool assigns(int op) { return op == ASG || is_op_assign(op); }
 
 struct BUILDER {
     SSA_FORM* ssa;
