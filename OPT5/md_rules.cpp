@@ -249,21 +249,17 @@ bool relop_constraint::compatible_with(CONSTRAINT_FUNCTION* other, DFG_ALIST* al
     if (!o || subst(o->a_, alist) != a_ || o->relop_ != relop_) return true;
     return o->b_->ivalue == b_->ivalue;
 }
+namespace {
+// A parameter expression as the description writes it: p, or p - q - 1.
+std::string parm_expression_text(const DFG* d) {
+    if (d->op == MINUS) return parm_expression_text(d->opd[0]) + " - " + parm_expression_text(d->opd[1]);
+    return dfg_text(d);
+}
+}  // namespace
+
 void relop_constraint::print(FILE* out) {
-    std::fprintf(out, " %s %s %s ", a_->op == DFG_PARM ? dfg_text(a_).c_str() : ("(" + [&] {
-        std::string s;
-        std::function<void(DFG*)> rec = [&](DFG* d) {
-            if (d->op == MINUS) {
-                rec(d->opd[0]);
-                s += " - ";
-                rec(d->opd[1]);
-            } else {
-                s += dfg_text(d);
-            }
-        };
-        rec(a_);
-        return s;
-    }() + ")").c_str(), relop_text(relop_), b_->ivalue.to_string().c_str());
+    std::string left = a_->op == DFG_PARM ? dfg_text(a_) : "(" + parm_expression_text(a_) + ")";
+    std::fprintf(out, " %s %s %s ", left.c_str(), relop_text(relop_), b_->ivalue.to_string().c_str());
 }
 DFG_LIST relop_constraint::get_dfg_list() {
     DFG_LIST out;
