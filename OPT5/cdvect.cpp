@@ -47,6 +47,21 @@ void info(const char* fmt, A... args) {
 }
 }  // namespace
 
+// The parts of the loop the conversion relies on.
+struct CD_LOOP_SHAPE {
+    BBLK* head = nullptr;    // "if (iv >= bound) goto exit"
+    BBLK* body = nullptr;    // the statements, "iv += 1", "goto head"
+    BBLK* pre = nullptr;     // the block that enters the loop
+    NODE* test = nullptr;
+    const SYMTAB* iv = nullptr;
+    NODE* bound = nullptr;
+    int exit_label = 0;
+    std::vector<NODE*> stmts;  // the body's own statements
+};
+
+CDFG::CDFG() = default;
+CDFG::~CDFG() = default;
+
 void CDFG::recycle_DFG_nodes_in_CDFG_region(bool all) {
     (void)all;
     arena.recycle();
@@ -179,17 +194,6 @@ bool unroll_completely_decision(struct LOOP* loop, const CDFG* region, int64_t t
 
 namespace {
 
-// The parts of the loop the conversion relies on.
-struct LOOP_SHAPE {
-    BBLK* head = nullptr;    // "if (iv >= bound) goto exit"
-    BBLK* body = nullptr;    // the statements, "iv += 1", "goto head"
-    BBLK* pre = nullptr;     // the block that enters the loop
-    NODE* test = nullptr;
-    const SYMTAB* iv = nullptr;
-    NODE* bound = nullptr;
-    int exit_label = 0;
-    std::vector<NODE*> stmts;  // the body's own statements
-};
 
 bool is_iv(const NODE* n, const SYMTAB* iv) { return n && n->opcode == NAME && n->symbol == iv; }
 
@@ -209,7 +213,7 @@ bool is_16bit_int(TYPE* t) {
     return v && t->stripped()->kind == TYPE::INT_T && v->size == 16;
 }
 
-bool find_shape(struct LOOP* loop, LOOP_SHAPE& s, std::string& why) {
+bool find_shape(struct LOOP* loop, CD_LOOP_SHAPE& s, std::string& why) {
     if (!loop->head || !loop->tail || edge_length(loop->contents) != 2) return why = "not one body block", false;
     s.head = loop->head;
     s.body = loop->tail;
@@ -250,7 +254,7 @@ bool find_shape(struct LOOP* loop, LOOP_SHAPE& s, std::string& why) {
 
 struct CONVERTER {
     CDFG* region;
-    const LOOP_SHAPE& shape;
+    const CD_LOOP_SHAPE& shape;
     std::set<const SYMTAB*> assigned;
     std::map<DFG*, NODE*> addresses;  // address leaves -> their trees
     std::string why;
@@ -316,15 +320,13 @@ struct CONVERTER {
 std::string base_of(const NODE* address) { return stmt2infix(address->left); }
 bool base_is_array(const NODE* address) { return address->left->opcode == UAND; }
 
-std::map<const CDFG*, LOOP_SHAPE> shapes;
-std::map<const CDFG*, std::map<DFG*, NODE*>> address_trees;
 
 }  // namespace
 
 CDFG* convert_simple_CFG_region_to_CDFG(EDGE* entries, struct LOOP* loop, bool force) {
     (void)entries;
     (void)force;
-    LOOP_SHAPE shape;
+    CD_LOOP_SHAPE shape;
     std::string why;
     if (!find_shape(loop, shape, why)) {
         debug("  loop #%d not converted: %s\n", loop->uid, why.c_str());
@@ -377,15 +379,13 @@ CDFG* convert_simple_CFG_region_to_CDFG(EDGE* entries, struct LOOP* loop, bool f
             return nullptr;
         }
     }
-    shapes[region] = shape;
-    address_trees[region] = c.addresses;
+    region->shape = std::make_unique<CD_LOOP_SHAPE>(shape);
+    region->addresses = c.addresses;
     return region;
 }
 
 void revert_CDFG_to_simple_CFG_region(CDFG* region) {
     // The loop's own blocks were never changed; only the graph goes.
-    shapes.erase(region);
-    address_trees.erase(region);
     delete region;
 }
 
@@ -429,9 +429,8 @@ bool convert_generic_CDFG_to_SIMD_form(CDFG* region, bool force) {
 }
 
 bool peel_unroll_and_vectorize_loop(CDFG* region, bool completely_allowed) {
-    auto found = shapes.find(region);
-    if (found == shapes.end()) return false;
-    LOOP_SHAPE& shape = found->second;
+    if (!region->shape) return false;
+    CD_LOOP_SHAPE& shape = *region->shape;
     struct LOOP* loop = region->loop;
     info("\n\nOptimization summary for cross-iteration vectorization (SIMD)\nin %s()\n\n",
          currfunc ? currfunc->name.c_str() : "");
@@ -514,7 +513,7 @@ bool peel_unroll_and_vectorize_loop(CDFG* region, bool completely_allowed) {
     TYPE* elem = int16();
     TYPE* vtype = type_pkg->mk_vector(elem, false, static_cast<unsigned long>(sf));
     TYPE* vptr = type_pkg->mk_ptr(vtype);
-    std::map<DFG*, NODE*>& addr = address_trees[region];
+    std::map<DFG*, NODE*>& addr = region->addresses;
     std::function<NODE*(DFG*)> to_tree = [&](DFG* d) -> NODE* {
         switch (d->op) {
         case DFG_FETCH: return mktree(UMULT, vtype, mktree(PCONV, vptr, copy_tree(addr.at(d->opd[0]))));

@@ -4,6 +4,8 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -11,9 +13,13 @@
 #include "OPT5/matcher.h"
 
 class NODE;
+struct CD_LOOP_SHAPE;
 
 // One region under conversion: an innermost loop's body.
 struct CDFG {
+    CDFG();
+    ~CDFG();
+
     struct LOOP* loop = nullptr;
     bool whole_loop_body = false;
     int numBlocks = 0;
@@ -25,6 +31,8 @@ struct CDFG {
     const SYMTAB* iv = nullptr;  // the loop-control variable
     NODE* bound = nullptr;       // the loop runs while iv < bound (not owned)
     bool simd_form = false;
+    std::unique_ptr<CD_LOOP_SHAPE> shape;  // the loop's blocks, test and statements
+    std::map<DFG*, NODE*> addresses;       // address leaves of the graph -> their trees
 
     void recycle_DFG_nodes_in_CDFG_region(bool all);
 };
