@@ -534,7 +534,7 @@ void fast_CP(int32_t iterations, int32_t early) {
     if (!fi || !fi->bb_list) return;
     number_tracked_symbols();
     if (early) combine_asgs_to_memory();
-    std::map<const SYMTAB*, NODE*> values;  // ordered by address only for the listing below
+    std::map<const SYMTAB*, NODE*> values;  // the value of each variable given one
     std::vector<const SYMTAB*> value_order;
     fi->wants_dead_assign_elim = false;
     for (int done = 0; done < iterations;) {

@@ -269,4 +269,27 @@ TEST_F(ScalarOpt, NeighbouringElementOperationsBecomeOneDualOperation) {
     for (const std::string& s : statements()) EXPECT_EQ(s.find("PCONV"), std::string::npos) << s;
 }
 
+// Every single-bit change of a unit the optimizing steps work hard on: the
+// run ends with 0 or 1 and never crashes.
+TEST_F(ScalarOpt, DamagedOptimizableUnitsNeverCrash) {
+    MiniFunction f = array_loop("n", sum);
+    f.locals.push_back("s");
+    f.body.insert(f.body.begin() + 4, "(+= s (deref (+ (addr a) i)))");
+    f.body.push_back("(ret (+ s (* i 4)))");
+    ASSERT_EQ(assemble(f.text(), dir.path / "good.if"), "");
+    std::string good = slurp(dir.path / "good.if");
+    int crashes = 0;
+    for (size_t i = 1; i < good.size(); ++i) {
+        std::string bad = good;
+        bad[i] = static_cast<char>(bad[i] ^ (1 << (i % 8)));
+        spit(dir.path / "bad.if", bad);
+        Result r = run_program(OPT5_BINARY, {"-o3", "bad.if", "bad_out.if"}, dir.path);
+        if (!r.exited || (r.status != 0 && r.status != 1)) {
+            ++crashes;
+            ADD_FAILURE() << "byte " << i << ": " << r.err;
+        }
+        if (crashes > 3) break;
+    }
+}
+
 }  // namespace
