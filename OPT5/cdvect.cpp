@@ -505,7 +505,7 @@ bool peel_unroll_and_vectorize_loop(CDFG* region, bool completely_allowed) {
              factor, trips_known ? std::to_string(trips % factor).c_str() : ("at most " + std::to_string(factor - 1)).c_str());
 
     // The vector loop, in front of the scalar one:
-    //   VH: if (iv > bound - SF) goto H
+    //   VH: if ((long) iv + SF > (long) bound) goto H
     //   VB: vector statements; iv += SF; goto VH
     // Unrolled completely, there is no loop: VB has the vector statements
     // once per SF iterations of the factor (iv + SF, iv + 2 SF ... in the
@@ -541,9 +541,13 @@ bool peel_unroll_and_vectorize_loop(CDFG* region, bool completely_allowed) {
     TYPE* ivt = shape.test->left->left->type;
     auto name_iv = [&]() { return copy_tree(shape.test->left->left); };
     if (!completely) {
-        NODE* limit = simp_tree(mktree(MINUS, ivt, copy_tree(shape.bound), mk_ICON(INT65(sf), ivt)), nullptr);
+        // iv + SF > bound, in long so that neither side can wrap.
+        TYPE* wide = type_pkg->mk_int(TYPE::IK_LONG, true);
+        auto widened = [&](NODE* t) { return simp_tree(mktree(SCONV, wide, t), nullptr); };
+        NODE* ahead = simp_tree(mktree(PLUS, wide, widened(name_iv()), mk_ICON(INT65(sf), wide)), nullptr);
         BODY_ENTRY test;
-        test.tree = mktree(CBRANCH, nullptr, mktree(GT, type_pkg->mk_int(TYPE::IK_INT, true), name_iv(), limit),
+        test.tree = mktree(CBRANCH, nullptr,
+                           mktree(GT, type_pkg->mk_int(TYPE::IK_INT, true), ahead, widened(copy_tree(shape.bound))),
                            mk_LABELREF(shape.head->label));
         test.pos = pos;
         vh->statements.push_back(test);
