@@ -489,6 +489,8 @@ bool simpcfg(bool merge_blocks, bool keep_empty) {
             b->predecessors = b->successors = nullptr;
         }
         rebuildcfg();
+        // Jumps that went past the blocks removed may now go to the next one.
+        simpcfg(merge_blocks, keep_empty);
         changed = true;
     }
     return changed;

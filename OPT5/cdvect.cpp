@@ -582,6 +582,13 @@ bool peel_unroll_and_vectorize_loop(CDFG* region, bool completely_allowed) {
         back.pos = step.pos;
         vb->statements.push_back(back);
     }
+    // When the factor divides the constant trip count, the vector code does
+    // every iteration: the original loop is left at once, and goes.
+    if (divides) {
+        NODE* label = mk_LABELREF(shape.exit_label);
+        erase_tree(shape.head->statements[0].tree);
+        shape.head->statements[0].tree = mktree(BRANCH, nullptr, label);
+    }
     rebuildcfg();
     return true;
 }

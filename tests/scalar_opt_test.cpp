@@ -213,9 +213,19 @@ TEST_F(ScalarOpt, ShortConstantLoopsAreUnrolledCompletely) {
         << info;
     EXPECT_NE(info.find("Its iteration count is 1.\n"), std::string::npos) << info;
     same_meaning({{0, 0}});
-    // Ten iterations: a vector loop, which does all of them.
+    // Ten iterations: a vector loop, which does all of them; the original
+    // loop is gone.
     optimize(array_loop("10", sum), {"-o2", "--info_file=info.txt"});
-    EXPECT_TRUE(has(statements(), "CBRANCH(((SCONV(i) + 2) > 10), L1)")) << output;
+    st = statements();
+    EXPECT_TRUE(has(st, "CBRANCH(((SCONV(i) + 2) > 10), L1)")) << output;
+    EXPECT_FALSE(has(st, "(i += 1)")) << output;
+    EXPECT_EQ(st.size(), 6u) << output;  // i = 0, the vector loop's four statements, the return
+    // Four iterations: two dual additions and nothing else.
+    optimize(array_loop("4", sum), {"-o2"});
+    st = statements();
+    EXPECT_TRUE(has(st, "(i += 4)")) << output;
+    EXPECT_FALSE(has(st, "(i += 1)")) << output;
+    same_meaning({{0, 0}});
     info = slurp(dir.path / "info.txt");
     EXPECT_NE(info.find("  This loop has 10 iterations.\n"), std::string::npos) << info;
     EXPECT_EQ(info.find("peeled"), std::string::npos) << info;
