@@ -134,19 +134,18 @@ bool TOKEN::isRelop() const {
 
 void PARSER::fail(const std::string& message) { throw FAIL{tok_.line, tok_.text, message}; }
 
+void PARSER::fail_at_next(const std::string& message) {
+    tok_.getToken();  // quote the token that is there
+    fail(message);
+}
+
 void PARSER::expect(tokentype k, const char* message) {
-    if (!tok_.getToken(k)) {
-        tok_.getToken();  // quote the token that is there
-        fail(message);
-    }
+    if (!tok_.getToken(k)) fail_at_next(message);
 }
 
 long long PARSER::integer(const char* message) {
     bool negative = tok_.getToken(T_MINUS) != T_NONE;
-    if (!tok_.getToken(T_INT)) {
-        tok_.getToken();
-        fail(message);
-    }
+    if (!tok_.getToken(T_INT)) fail_at_next(message);
     long long v = negative ? -tok_.aux : tok_.aux;
     if (v < INT_MIN || v > INT_MAX) fail(message);
     return v;
@@ -194,10 +193,7 @@ RULE_BASE* PARSER::parse(bool prune) {
             std::vector<DECL_RULE*> made = declaration();
             bool is_decl = !made.empty();
             if (!is_decl) made = rewriteRules();
-            if (made.empty()) {
-                tok_.getToken();
-                fail("need a declaration or rule");
-            }
+            if (made.empty()) fail_at_next("need a declaration or rule");
             expect(T_RPAREN, is_decl ? "declaration should be ended with a )" : "rewrite-rule should end up with a )");
             DECL_RULE* list = nullptr;
             for (DECL_RULE* d : made) list = add_decl_rule(list, d);
@@ -240,10 +236,8 @@ void PARSER::mdfHeader() {
 }
 
 void PARSER::mdfBanner() {
-    if (!tok_.getToken(T_OPTIMIZER) || !tok_.getToken(T_MACHINE) || !tok_.getToken(T_DESCRIPTION)) {
-        tok_.getToken();
-        fail("need the keywords OPTIMIZER MACHINE DESCRIPTION");
-    }
+    if (!tok_.getToken(T_OPTIMIZER) || !tok_.getToken(T_MACHINE) || !tok_.getToken(T_DESCRIPTION))
+        fail_at_next("need the keywords OPTIMIZER MACHINE DESCRIPTION");
     expect(T_COLON, "need a colon");
     expect(T_STRING, "need the description's name in double quotes");
     rb_->name = tok_.text;
@@ -274,8 +268,7 @@ void PARSER::endianDeclaration() {
     if (tok_.getToken(T_LITTLE)) rb_->md_big_endian = false;
     else if (tok_.getToken(T_BIG)) rb_->md_big_endian = true;
     else {
-        tok_.getToken();
-        fail("unknown keyword after colon");
+        fail_at_next("unknown keyword after colon");
     }
     rb_->target_big_endian = memory_is_big_endian != 0;
 }
@@ -294,10 +287,7 @@ void PARSER::functionalUnits() {
         rb_->fu_names.push_back(tok_.text);
         if (pass_debug_parser) std::printf("+++ FU: %s\n", tok_.text.c_str());
     }
-    if (rb_->fu_names.empty()) {
-        tok_.getToken();
-        fail("at least one functional unit name is needed");
-    }
+    if (rb_->fu_names.empty()) fail_at_next("at least one functional unit name is needed");
     expect(T_RPAREN, "FUNITS should end up with a )");
     rb_->real_fu_count = static_cast<int>(rb_->fu_names.size());
 }
@@ -429,10 +419,7 @@ std::vector<DECL_RULE*> PARSER::genopDecl() {
             tok_.returnToken();
             templates.push_back(templt());
         }
-        if (templates.empty()) {
-            tok_.getToken();
-            fail("template is not valid");
-        }
+        if (templates.empty()) fail_at_next("template is not valid");
         if (templates.size() != patterns.size() && templates.size() != std::max<size_t>(1, sfs.size()))
             fail("# of templates doesn't match # of patterns");
     }
@@ -769,10 +756,7 @@ CONSTRAINT_FUNCTION* PARSER::icallParameterConstraint() {
 
 CONSTRAINT_FUNCTION* PARSER::parameterConstraint() {
     CONSTRAINT_FUNCTION* c = pcExpr();
-    if (!c) {
-        tok_.getToken();
-        fail("need a parameter constraint after WHEN");
-    }
+    if (!c) fail_at_next("need a parameter constraint after WHEN");
     return c;
 }
 
@@ -825,17 +809,14 @@ CONSTRAINT_FUNCTION* PARSER::pcProperty() {
         tok_.seek(at);
         return parmRelation();
     }
-    tok_.getToken();
-    fail("need a pc_function after the parm name, or you might want a ( before parm if it is an expression");
+    fail_at_next("need a pc_function after the parm name, or you might want a ( before parm if it is an expression");
 }
 
 CONSTRAINT_FUNCTION* PARSER::pcRelation(DFG* left) {
     expect(T_RELOP, "need a known pc_function");
     tokentype rel = tok_.kind();
-    if (!tok_.getToken(T_INT) && !tok_.getToken(T_MINUS)) {
-        tok_.getToken();
-        fail("currently we only accept ICON for relation operator");
-    }
+    if (!tok_.getToken(T_INT) && !tok_.getToken(T_MINUS))
+        fail_at_next("currently we only accept ICON for relation operator");
     bool negative = tok_.kind() == T_MINUS;
     if (negative && !tok_.getToken(T_INT)) fail("currently we only accept ICON for relation operator");
     DFG* c = rb_->new_dfg();
@@ -869,8 +850,7 @@ CONSTRAINT_FUNCTION* PARSER::parmAddressRelation() {
     if (tok_.getToken(T_EQ)) equal = true;
     else if (tok_.getToken(T_NE)) equal = false;
     else {
-        tok_.getToken();
-        fail("currently we only accept ICON for relation operator");
+        fail_at_next("currently we only accept ICON for relation operator");
     }
     long long n = integer("currently we only accept ICON for relation operator");
     return rb_->keep(new constraint_address_difference(a, b, n, equal));
@@ -887,8 +867,7 @@ DFG* PARSER::parmExpression() {
             c->ivalue = INT65(tok_.aux);
             return c;
         }
-        tok_.getToken();
-        fail("need two parmnames");
+        fail_at_next("need two parmnames");
     };
     DFG* left = atom();
     while (tok_.getToken(T_MINUS)) {
@@ -1050,10 +1029,7 @@ DFG* PARSER::pattern() {
 
 DFG* PARSER::templt() {
     DFG* t = ruleOperand();
-    if (!t) {
-        tok_.getToken();
-        fail("template is not valid");
-    }
+    if (!t) fail_at_next("template is not valid");
     return t;
 }
 
@@ -1075,10 +1051,7 @@ DFG* PARSER::unlabeledTree() {
     DFG* d = typedOperator();
     while (!tok_.getToken(T_RPAREN)) {
         DFG* o = ruleOperand();
-        if (!o) {
-            tok_.getToken();
-            fail("pattern is not valid");
-        }
+        if (!o) fail_at_next("pattern is not valid");
         if (d->nopd == 3) fail("pattern is not valid");
         opd_pos(d, o);
     }
@@ -1206,8 +1179,7 @@ DFG* PARSER::icons() {
         c->text = tok_.text;
         return c;
     }
-    tok_.getToken();
-    fail("a need constant (ICON/FCON/SCON)");
+    fail_at_next("a need constant (ICON/FCON/SCON)");
 }
 
 void PARSER::opd_pos(DFG* parent, DFG* child) {

@@ -59,6 +59,8 @@ private:
     declruletype current_kind_ = rICODE;
 
     [[noreturn]] void fail(const std::string& message);
+    // Fails at the token after the current one (the one that is wrong).
+    [[noreturn]] void fail_at_next(const std::string& message);
     void expect(tokentype k, const char* message);
     long long integer(const char* message);
 
