@@ -760,12 +760,15 @@ CONSTRAINT_FUNCTION* PARSER::parameterConstraint() {
     return c;
 }
 
-// Terms joined with && (tighter) and ||.
-CONSTRAINT_FUNCTION* PARSER::pcExpr() {
+CONSTRAINT_FUNCTION* PARSER::pcExpr() { return joined([this] { return pcProperty(); }); }
+
+// Terms read by `term` joined with && (tighter) and ||; null when a term
+// is missing.
+CONSTRAINT_FUNCTION* PARSER::joined(const std::function<CONSTRAINT_FUNCTION*()>& term) {
     std::vector<CONSTRAINT_FUNCTION*> conj;
     CONSTRAINT_FUNCTION* left = nullptr;
     for (;;) {
-        CONSTRAINT_FUNCTION* t = pcProperty();
+        CONSTRAINT_FUNCTION* t = term();
         if (!t) return nullptr;
         conj.push_back(t);
         if (tok_.getToken(T_ANDAND)) continue;
@@ -900,20 +903,10 @@ CONSTRAINT_FUNCTION* PARSER::pcFunction(DFG* parm) {
 
 CONSTRAINT_FUNCTION* PARSER::givenConstraint() {
     bool endian_seen = false;
-    std::vector<CONSTRAINT_FUNCTION*> conj;
-    CONSTRAINT_FUNCTION* left = nullptr;
-    for (;;) {
-        CONSTRAINT_FUNCTION* t;
-        if (tok_.getToken(T_BANG)) t = rb_->keep(new constraint_not(givenFunction(endian_seen)));
-        else t = givenFunction(endian_seen);
-        conj.push_back(t);
-        if (tok_.getToken(T_ANDAND)) continue;
-        CONSTRAINT_FUNCTION* c = conj.size() == 1 ? conj[0] : rb_->keep(new constraint_and(conj));
-        conj.clear();
-        left = left ? rb_->keep(new constraint_or(left, c)) : c;
-        if (tok_.getToken(T_OROR)) continue;
-        return left;
-    }
+    return joined([&]() -> CONSTRAINT_FUNCTION* {
+        if (tok_.getToken(T_BANG)) return rb_->keep(new constraint_not(givenFunction(endian_seen)));
+        return givenFunction(endian_seen);
+    });
 }
 
 CONSTRAINT_FUNCTION* PARSER::givenFunction(bool& endian_seen) {

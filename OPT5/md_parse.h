@@ -1,6 +1,7 @@
 // The recursive-descent parser of the machine-description language.
 #pragma once
 
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -99,6 +100,7 @@ private:
     CONSTRAINT_FUNCTION* parameterConstraint();
     CONSTRAINT_FUNCTION* pcProperty();
     CONSTRAINT_FUNCTION* pcExpr();
+    CONSTRAINT_FUNCTION* joined(const std::function<CONSTRAINT_FUNCTION*()>& term);
     CONSTRAINT_FUNCTION* pcRelation(DFG* left);
     CONSTRAINT_FUNCTION* parmRelation();
     CONSTRAINT_FUNCTION* parmAddressRelation();
