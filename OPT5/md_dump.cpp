@@ -49,23 +49,11 @@ RULE_BASE::RULE_BASE(const char* n, const char* tgts, DECL_RULE* const* d, DECL_
                      const char* const* derived, int cost, int lat, int spc)
     : name(n), md_big_endian(mbe != 0), target_big_endian(tbe != 0), default_cost(cost), default_latency(lat),
       default_space(spc), owns_objects(false) {
-    std::string t = tgts;
-    for (size_t at = 0; at < t.size();) {
-        size_t sp = t.find(' ', at);
-        if (sp == std::string::npos) sp = t.size();
-        if (sp > at) targets.push_back(t.substr(at, sp - at));
-        at = sp + 1;
-    }
+    targets = blank_separated(tgts);
     for (size_t i = 0; i < fu_count; ++i) fu_names.push_back(fus[i]);
     for (; derived && *derived; ++derived) {
         std::set<unsigned> units;
-        std::string u = *derived;
-        for (size_t at = 0; at < u.size();) {
-            size_t sp = u.find(' ', at);
-            if (sp == std::string::npos) sp = u.size();
-            if (sp > at) units.insert(static_cast<unsigned>(std::stoul(u.substr(at, sp - at))));
-            at = sp + 1;
-        }
+        for (const std::string& u : blank_separated(*derived)) units.insert(static_cast<unsigned>(std::stoul(u)));
         derived_fu.push_back(units);
     }
     real_fu_count = static_cast<int>(fu_names.size() - derived_fu.size());

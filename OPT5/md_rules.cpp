@@ -658,14 +658,20 @@ void RULE_BASE::handle_single_decl_rule(DECL_RULE* r) {
     }
 }
 
-bool targets_include_this_version(const std::string& targets) {
-    size_t at = 0;
-    while (at <= targets.size()) {
-        size_t sp = targets.find(' ', at);
-        if (sp == std::string::npos) sp = targets.size();
-        if (target_is_this_version(targets.substr(at, sp - at))) return true;
+std::vector<std::string> blank_separated(const std::string& text) {
+    std::vector<std::string> words;
+    for (size_t at = 0; at < text.size();) {
+        size_t sp = text.find(' ', at);
+        if (sp == std::string::npos) sp = text.size();
+        if (sp > at) words.push_back(text.substr(at, sp - at));
         at = sp + 1;
     }
+    return words;
+}
+
+bool targets_include_this_version(const std::string& targets) {
+    for (const std::string& t : blank_separated(targets))
+        if (target_is_this_version(t)) return true;
     return false;
 }
 

@@ -491,6 +491,8 @@ RULE_BASE* compiled_rule_base();
 
 // True when the target name is that of the processor version selected.
 bool target_is_this_version(const std::string& name);
+// The words of a blank-separated list.
+std::vector<std::string> blank_separated(const std::string& text);
 // The same for any name of a blank-separated list.
 bool targets_include_this_version(const std::string& targets);
 
