@@ -414,7 +414,6 @@ int64_t scalar_cost(DFG* d, bool space) {
     return c;
 }
 
-std::map<const CDFG*, std::vector<DFG*>> vector_roots;
 }  // namespace
 
 bool convert_generic_CDFG_to_SIMD_form(CDFG* region, bool force) {

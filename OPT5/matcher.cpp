@@ -19,7 +19,6 @@ const char THIS_MODULE[] = "OPT5/matcher";
 bool initialised = false;
 bool tracing = false;           // debug:mdebug
 bool vectorise_vectors = true;  // cleared by disable:vecvec
-unsigned char lookup_table[65536];
 int rule_count = 0;
 
 FILE* trace_stream() { return print_debug && FDEBUG ? FDEBUG : stderr; }
@@ -177,7 +176,6 @@ void matcher_init() {
     clock_t start = std::clock();
     tracing = pass_debug_mdebug != 0;
     vectorise_vectors = !pass_disable_vecvec;
-    std::memset(lookup_table, 0, sizeof lookup_table);
     reset_matcher();
     initialised = true;
     if (pass_debug_parsemd) {

@@ -270,7 +270,7 @@ void PARSER::endianDeclaration() {
     else {
         fail_at_next("unknown keyword after colon");
     }
-    rb_->target_big_endian = memory_is_big_endian != 0;
+    rb_->refine_target_and_endianness();
 }
 
 void PARSER::funUnitDeclaration() {
