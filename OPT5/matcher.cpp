@@ -2,7 +2,6 @@
 #include "OPT5/matcher.h"
 
 #include <algorithm>
-#include <cstring>
 #include <ctime>
 
 #include "DEBUG_DISABLE/switches.h"
