@@ -141,9 +141,12 @@ TREP* vector_TREP_for_SF(TREP* trep, int sf) {
 TREP* vector_TREP_for_SF(TYPE* type, int sf) { return vector_TREP_for_SF(find_TREP(type, 1), sf); }
 
 int md_cost_for_memref(int opcode, unsigned char kind, int esize, int lanes, INT65 alignment, bool is_volatile) {
-    (void)alignment;
-    (void)is_volatile;
     if (!md_rule_base) return 0;
+    // A volatile object is accessed one element at a time, and a wide
+    // access needs the alignment of its width (0: not known, taken as
+    // aligned); otherwise only narrower accesses compose it.
+    if (lanes > 1 && is_volatile) return 0;
+    if (lanes > 1 && !alignment.is_zero() && alignment < INT65(esize * lanes * 16)) return 0;
     DFG probe;
     probe.op = opcode;
     probe.trep = find_TREP(kind, esize * 16, 1);
@@ -162,7 +165,7 @@ int memory_access_cost(DFG* access) {
         esize = access->opd[0]->opd[1]->trep->bytes();
     int lanes = std::max(1, access->sf);
     INT65 alignment(access->alignment);
-    bool is_volatile = false;
+    bool is_volatile = access->is_volatile;
     for (int l = lanes, mult = 1;; l /= 2, mult *= 2) {
         int c = md_cost_for_memref(access->op, kind, esize, l, alignment, is_volatile);
         if (c) return c * mult;
@@ -249,8 +252,22 @@ bool find_shape(struct LOOP* loop, CD_LOOP_SHAPE& s, std::string& why) {
         if (x->opcode == ASG && x->left->opcode == NAME) assigned.insert(x->left->symbol);
     if (!(s.bound->opcode == ICON || (s.bound->opcode == NAME && !assigned.count(s.bound->symbol))))
         return why = "bound changes in the loop", false;
+    // The stores of the body go through pointers: a variable whose address
+    // is taken could change under them.
+    std::set<const SYMTAB*> taken = address_taken_symbols();
+    if (!is_private_variable(s.iv, taken)) return why = "loop variable may change through a pointer", false;
+    if (s.bound->opcode == NAME && !is_private_variable(s.bound->symbol, taken))
+        return why = "bound may change through a pointer", false;
     return true;
 }
+
+// The description declares a scalar load or store of the type.
+bool declared_access(int op, TYPE* type) {
+    TREP* t = find_TREP(type, 1);
+    return md_cost_for_memref(op, t ? t->kind : 'i', t ? t->bytes() : 1, 1, INT65(0), false) != 0;
+}
+
+std::string type_text(TYPE* type) { return type ? type->print() : "?"; }
 
 struct CONVERTER {
     CDFG* region;
@@ -277,6 +294,8 @@ struct CONVERTER {
         if (!is_16bit_int(t->type)) return why = "not 16-bit integer arithmetic", nullptr;
         if (t->opcode == UMULT) {
             if (!is_unit_stride_address(t->left, shape.iv, assigned)) return why = "load is not base + iv", nullptr;
+            if (is_volatile_access(t)) return why = "volatile load", nullptr;
+            if (!declared_access(DFG_FETCH, t->type)) return why = "no load of " + type_text(t->type) + " in the machine description", nullptr;
             DFG* f = make(DFG_FETCH, find_TREP(t->type, 1));
             f->opd[0] = address(t->left);
             f->nopd = 1;
@@ -299,6 +318,9 @@ struct CONVERTER {
     CDSTMT* statement(NODE* t) {
         if (t->opcode != ASG || !t->left || t->left->opcode != UMULT) return why = "statement is not a store", nullptr;
         if (!is_unit_stride_address(t->left->left, shape.iv, assigned)) return why = "store is not base + iv", nullptr;
+        if (is_volatile_access(t->left)) return why = "volatile store", nullptr;
+        if (!declared_access(DFG_STORE, t->left->type))
+            return why = "no store of " + type_text(t->left->type) + " in the machine description", nullptr;
         DFG* value = expr(t->right);
         if (!value) return nullptr;
         DFG* st = make(DFG_STORE, find_TREP(t->left->type, 1));
@@ -655,6 +677,7 @@ bool split_address(const NODE* a, std::string& base, INT65& offset) {
 // base + constant addresses.
 DFG* ilp_graph(const NODE* t, DFG_ARENA& arena) {
     if (!t || !is_16bit_int(t->type)) return nullptr;
+    if (t->opcode == UMULT && (is_volatile_access(t) || !declared_access(DFG_FETCH, t->type))) return nullptr;
     DFG* d = arena.make();
     d->trep = find_TREP(t->type, 1);
     if (t->opcode == UMULT) {
@@ -700,7 +723,8 @@ void loads_of(const NODE* t, std::set<std::string>& out) {
 // statement loads everything before it stores.
 NODE* combine_pair(NODE* s1, NODE* s2, bool s1_first) {
     if (s1->opcode != ASG || s2->opcode != ASG || !s1->left || !s2->left || s1->left->opcode != UMULT ||
-        s2->left->opcode != UMULT)
+        s2->left->opcode != UMULT || is_volatile_access(s1->left) || is_volatile_access(s2->left) ||
+        !declared_access(DFG_STORE, s1->left->type) || !declared_access(DFG_STORE, s2->left->type))
         return nullptr;
     std::string b1, b2;
     INT65 k1, k2;

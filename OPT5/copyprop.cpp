@@ -59,33 +59,15 @@ void for_each_statement(F f) {
             if (e.tree) f(b, e);
 }
 
-void collect_address_taken(const NODE* t, std::set<const SYMTAB*>& out) {
-    if (!t) return;
-    if (t->opcode == UAND) {
-        std::vector<const NODE*> work{t->left};
-        while (!work.empty()) {
-            const NODE* n = work.back();
-            work.pop_back();
-            if (!n) continue;
-            if (n->opcode == NAME && n->symbol) out.insert(n->symbol);
-            work.push_back(n->left);
-            work.push_back(n->right);
-        }
-    }
-    collect_address_taken(t->left, out);
-    collect_address_taken(t->right, out);
-}
-
 // Numbers the tracked variables of the current function.
 void number_tracked_symbols() {
     FUNINFO* fi = currfuninfo;
-    std::set<const SYMTAB*> taken;
-    for_each_statement([&](BBLK*, BODY_ENTRY& e) { collect_address_taken(e.tree, taken); });
+    std::set<const SYMTAB*> taken = address_taken_symbols();
     fi->lva_syms.clear();
     fi->lva_map.clear();
     for (const FUNC_SYM& fs : function_symbols()) {
         SYMTAB* s = fs.sym;
-        if (sym_level(s) <= 0 || taken.count(s) || !s->type || is_volatile(s->type)) continue;
+        if (!is_private_variable(s, taken)) continue;
         TYPE* t = s->type->stripped();
         if (!t->is_scalar() || t->kind == TYPE::VECTOR_T) continue;
         fi->lva_map[s] = static_cast<int>(fi->lva_syms.size());
@@ -178,6 +160,26 @@ bool drop_useless_statements(BBLK* b) {
 
 }  // namespace
 
+std::set<const SYMTAB*> address_taken_symbols() {
+    std::set<const SYMTAB*> out;
+    std::vector<std::pair<const NODE*, bool>> work;  // node, under a UAND
+    for_each_statement([&](BBLK*, BODY_ENTRY& e) { work.push_back({e.tree, false}); });
+    while (!work.empty()) {
+        auto [n, under] = work.back();
+        work.pop_back();
+        if (!n) continue;
+        if (under && n->opcode == NAME && n->symbol) out.insert(n->symbol);
+        bool below = under || n->opcode == UAND;
+        work.push_back({n->left, below});
+        work.push_back({n->right, below});
+    }
+    return out;
+}
+
+bool is_private_variable(const SYMTAB* sym, const std::set<const SYMTAB*>& taken) {
+    return sym && sym_level(sym) > 0 && !taken.count(sym) && sym->type && !is_volatile(sym->type);
+}
+
 bool is_op_assign(int op) {
     return op == PLUSASG || op == MINUSASG || op == MULTASG || op == DIVASG || op == MODASG || op == ANDBASG ||
            op == ORBASG || op == XORBASG || op == SLLASG || op == SRLASG || op == PLUSPLUS || op == MINMIN;
@@ -200,7 +202,7 @@ NODE* peel_for_effect(NODE* t) {
     int op = t->opcode;
     unsigned se = side_effects[op];
     bool whole = se == 1 || se == 255 || op == DIV || op == MOD || op == QUEST || op == ANDAND || op == OROR ||
-                 is_volatile(t->type) || op == LABEL || op == FIELD;
+                 is_volatile_access(t) || op == LABEL || op == FIELD;
     if (whole) return t;
     NODE* l = t->left ? peel_for_effect(t->left) : nullptr;
     NODE* r = t->right ? peel_for_effect(t->right) : nullptr;

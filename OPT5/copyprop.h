@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <set>
 #include <vector>
 
 #include "OPT5/bbutils.h"
@@ -35,6 +36,12 @@ bool is_op_assign(int op);
 NODE* peel_for_effect(NODE* tree);
 bool sym_appears_in_tree(const SYMTAB* sym, const NODE* tree);
 bool sym_appears_in_bb(const SYMTAB* sym, const BBLK* bb);
+
+// The symbols whose address the current function takes.
+std::set<const SYMTAB*> address_taken_symbols();
+// Only assignments that name the variable can change it: a local, not
+// volatile, whose address is not taken (`taken`, as above).
+bool is_private_variable(const SYMTAB* sym, const std::set<const SYMTAB*>& taken);
 
 // Symbols of the current function whose liveness is tracked, numbered.
 int lva_sym_count();

@@ -6,6 +6,7 @@
 #include <map>
 
 #include "OPT5/abort.h"
+#include "OPT5/copyprop.h"
 #include "OPT5/dominator.h"
 #include "OPT5/globals.h"
 #include "OPT5/node.h"
@@ -274,7 +275,7 @@ void add_exit_blocks(struct LOOP* loop) {
             if (!loop_contains(loop, s->bb)) loop->exits = add_edge(s->bb, loop->exits);
 }
 
-void find_loop_IVs(struct LOOP* loop) {
+void find_loop_IVs(struct LOOP* loop, const std::set<const SYMTAB*>& taken) {
     std::map<const void*, int> assignments;
     std::map<const void*, INT65> steps;
     for (EDGE* e = loop->contents; e; e = e->rest)
@@ -288,7 +289,8 @@ void find_loop_IVs(struct LOOP* loop) {
         }
     loop->ivs.clear();
     for (auto& [v, n] : assignments)
-        if (n == 1 && steps.count(v) && !steps[v].is_zero()) loop->ivs.push_back({v, steps[v]});
+        if (n == 1 && steps.count(v) && !steps[v].is_zero() && is_private_variable(static_cast<const SYMTAB*>(v), taken))
+            loop->ivs.push_back({v, steps[v]});
 }
 
 void find_loop_LCV(struct LOOP* loop) {
@@ -392,9 +394,13 @@ void build_loop_hierarchy(bool value_ranges, bool, bool, int normalise) {
                     if (e.tree->pragma->kind == PK_PROB_ITERATE) l->trip_count_pragma = e.tree;
                 }
     }
-    // Inner loops first: they were discovered first.
+    // Inner loops first: they were discovered first.  Only variables that
+    // nothing but their own assignments can change count as induction
+    // variables, so that a trip count is never read from one that a store
+    // through a pointer may change.
+    std::set<const SYMTAB*> taken = address_taken_symbols();
     for (struct LOOP* l : currfuninfo->loops) {
-        find_loop_IVs(l);
+        find_loop_IVs(l, taken);
         find_loop_LCV(l);
     }
     dump_loops();

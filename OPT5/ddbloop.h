@@ -1,7 +1,11 @@
 // The loop hierarchy of the current function.
 #pragma once
 
+#include <set>
+
 #include "OPT5/bbutils.h"
+
+struct SYMTAB;
 
 // Rebuilds the hierarchy: normalizes the loops (unless `normalise` is 0, or
 // it is negative and `value_ranges` is false), finds the natural loops,
@@ -12,7 +16,10 @@ void build_loop_hierarchy(bool value_ranges, bool scalar_memrefs, bool simplify_
 void unbuild_loop_hierarchy();
 struct LOOP* make_LOOP(BBLK* head, BBLK* tail, int uid, const struct LOOP* model);
 void assign_loop_levels(struct LOOP* loop, int level);
-void find_loop_IVs(struct LOOP* loop);
+// The loop's induction variables: private variables (see
+// is_private_variable; `taken` holds the function's address-taken symbols)
+// assigned once in the loop, by a constant step.
+void find_loop_IVs(struct LOOP* loop, const std::set<const SYMTAB*>& taken);
 void find_loop_LCV(struct LOOP* loop);
 void add_exit_blocks(struct LOOP* loop);
 bool loop_is_innermost(const struct LOOP* loop);

@@ -62,7 +62,8 @@ struct DFG {
     DECL_RULE* opdecl = nullptr;
     DFG* parent = nullptr;
     bool aligned = false;
-    int alignment = 0;
+    int alignment = 0;         // of a memory access, in bits (0: not known)
+    bool is_volatile = false;  // a memory access to a volatile object
 
     DFG() = default;
     // The form the generated rule base uses (constants as decimal text).

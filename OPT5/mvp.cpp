@@ -258,8 +258,9 @@ bool mvpIntegers::merge_constant_integer_value(INT65 v) {
 bool mvpIntegers::merge_constant_integer_range(INT65 lo, INT65 hi, INT65 stride) {
     if (state_ == BOTTOM || hi < lo) return false;
     if (stride.is_zero() || stride.is_negative()) stride = INT65(1);
-    INT65 count = (hi - lo) / stride + INT65(1);
-    if (count <= INT65(static_cast<int>(MAX_EXACT))) {
+    INT65 span;
+    bool few = INT65::checked_sub(hi, lo, &span) && span / stride < INT65(static_cast<int>(MAX_EXACT));
+    if (few) {
         bool changed = false;
         for (INT65 v = lo; v <= hi; v = v + stride) changed |= merge_constant_integer_value(v);
         return changed;
@@ -475,19 +476,32 @@ void mvpIntegers::eval_binary_operation(int op, TYPE* type, TYPE* operand_type, 
     if (a.exact_) for (const INT65& v : a.values_) as = gcd65(as, v - alo);
     if (b.exact_) for (const INT65& v : b.values_) bs = gcd65(bs, v - blo);
     switch (op) {
-    case PLUS: case PLUSASG: merge_constant_integer_range(alo + blo, ahi + bhi, gcd65(as, bs)); break;
-    case MINUS: case MINUSASG: merge_constant_integer_range(alo - bhi, ahi - blo, gcd65(as, bs)); break;
+    case PLUS: case PLUSASG: {
+        INT65 lo, hi;
+        if (!INT65::checked_add(alo, blo, &lo) || !INT65::checked_add(ahi, bhi, &hi)) return whole_type();
+        merge_constant_integer_range(lo, hi, gcd65(as, bs));
+        break;
+    }
+    case MINUS: case MINUSASG: {
+        INT65 lo, hi;
+        if (!INT65::checked_sub(alo, bhi, &lo) || !INT65::checked_sub(ahi, blo, &hi)) return whole_type();
+        merge_constant_integer_range(lo, hi, gcd65(as, bs));
+        break;
+    }
     case MULT: case MULTASG: {
-        INT65 p[4] = {alo * blo, alo * bhi, ahi * blo, ahi * bhi};
+        INT65 p[4];
+        if (!INT65::checked_mul(alo, blo, &p[0]) || !INT65::checked_mul(alo, bhi, &p[1]) ||
+            !INT65::checked_mul(ahi, blo, &p[2]) || !INT65::checked_mul(ahi, bhi, &p[3]))
+            return whole_type();
         INT65 lo = p[0], hi = p[0];
         for (const INT65& x : p) {
             lo = min65(lo, x);
             hi = max65(hi, x);
         }
         INT65 s(1);
-        if (blo == bhi) s = abs65(as * blo);
-        else if (alo == ahi) s = abs65(bs * alo);
-        merge_constant_integer_range(lo, hi, s);
+        if ((blo == bhi && !INT65::checked_mul(as, blo, &s)) || (blo != bhi && alo == ahi && !INT65::checked_mul(bs, alo, &s)))
+            s = INT65(1);
+        merge_constant_integer_range(lo, hi, abs65(s));
         break;
     }
     case DIV: case DIVASG:
@@ -517,7 +531,14 @@ void mvpIntegers::eval_binary_operation(int op, TYPE* type, TYPE* operand_type, 
         break;
     case SLL: case SLLASG:
         if (blo != bhi || blo.is_negative() || blo >= INT65(static_cast<int>(int_width(operand_type)))) return whole_type();
-        merge_constant_integer_range(alo << blo, ahi << blo, (as.is_zero() ? INT65(1) : as) << blo);
+        {
+            unsigned k = blo.as<unsigned>();
+            INT65 lo, hi, s;
+            if (!INT65::checked_shl(alo, k, &lo) || !INT65::checked_shl(ahi, k, &hi) ||
+                !INT65::checked_shl(as.is_zero() ? INT65(1) : as, k, &s))
+                return whole_type();
+            merge_constant_integer_range(lo, hi, s);
+        }
         break;
     case SRL: case SRLASG:
         if (blo != bhi || blo.is_negative() || blo >= INT65(static_cast<int>(int_width(operand_type)))) return whole_type();
@@ -732,8 +753,10 @@ int ssa_integers_mvp::do_integer_value_propagation() {
         DBG_CHECK(std::fputs("\n\n\t\t\t-------- ENTERING 'ssa_integers_mvp' ---------------\n", FDEBUG));
     initialize_ssa_integer_mvp();
     // A value that keeps growing after this many changes takes its type's
-    // whole range, so that loops settle.
-    const int widen_after = 40;
+    // whole range, and one that changes still goes to bottom, where nothing
+    // changes any more: every definition changes a bounded number of times,
+    // so every loop settles.
+    const int widen_after = 40, give_up_after = 2 * widen_after;
     bool changed = true;
     while (changed) {
         changed = false;
@@ -748,7 +771,10 @@ int ssa_integers_mvp::do_integer_value_propagation() {
             }
             if (!cur.meet_and_note_change(mv)) continue;
             changed = true;
-            if (++changes_[static_cast<size_t>(d->id)] > widen_after) {
+            int n = ++changes_[static_cast<size_t>(d->id)];
+            if (n > give_up_after) {
+                cur.set_bottom();
+            } else if (n > widen_after) {
                 mvpIntegers whole;
                 whole.merge_constant_type_range(d->var->type, false);
                 cur.meet_mvpIntegers_metavalues(whole);

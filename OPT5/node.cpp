@@ -23,10 +23,14 @@ void delete_PTENV(PTENV* env) { delete env; }
 namespace {
 const char THIS_MODULE[] = "OPT5/bbutils";
 
-// Erased nodes wait here, still marked ILLOP, until new_node takes them
-// again.  Nodes are never returned to the heap during a run.
+// Erased nodes first wait in `erased_nodes`, still marked ILLOP, until the
+// step that erased them has ended; only then may new_node hand them out
+// again.  So within a step a pointer to an erased node always reads ILLOP
+// and never a node made later, whatever the order of erasing and making.
+// Nodes are never returned to the heap during a run.
 std::mutex pool_mutex;
 std::vector<NODE*> free_nodes;
+std::vector<NODE*> erased_nodes;
 size_t live_nodes = 0;
 
 NODE* allocate_node() {
@@ -42,7 +46,7 @@ NODE* allocate_node() {
 void release_node(NODE* n) {
     std::lock_guard<std::mutex> lock(pool_mutex);
     --live_nodes;
-    free_nodes.push_back(n);
+    erased_nodes.push_back(n);
 }
 
 bool is_char_kind(TYPE* t) {
@@ -62,6 +66,26 @@ void own_copies(NODE* n) {
     n->ptenv = nullptr;
 }
 }  // namespace
+
+void recycle_erased_nodes() {
+    std::lock_guard<std::mutex> lock(pool_mutex);
+    free_nodes.insert(free_nodes.end(), erased_nodes.begin(), erased_nodes.end());
+    erased_nodes.clear();
+}
+
+bool is_volatile_access(const NODE* n) {
+    if (!n) return false;
+    if (n->type && (TYPE_qual_kind(n->type) & TYPE::Q_VOLATILE)) return true;
+    if (!volit_vars) return false;
+    switch (n->opcode) {
+    case UMULT: case STREF: case STDOT: return true;
+    case NAME: {  // arrays and functions are named for their address
+        TYPE* t = n->type ? n->type->stripped() : nullptr;
+        return n->symbol && n->symbol->global && t && t->kind != TYPE::ARRAY_T && t->kind != TYPE::FUNC_T;
+    }
+    default: return false;
+    }
+}
 
 size_t live_node_count() {
     std::lock_guard<std::mutex> lock(pool_mutex);

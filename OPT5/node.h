@@ -89,7 +89,7 @@ public:
 };
 
 // Creates a node (from a pool, so that an erased node keeps its ILLOP mark
-// until the memory is used again) and applies the creation rules.
+// until the step that erased it has ended) and applies the creation rules.
 NODE* new_node(int opcode, TYPE* type);
 NODE* mktree(int opcode, TYPE* type, NODE* left, NODE* right = nullptr);
 NODE* mk_ICON(INT65 v, TYPE* type);
@@ -109,7 +109,15 @@ void erase_tree(NODE* tree);
 // Visits every operand slot of the tree, a node before its operands, and
 // lets the callback replace the node in the slot.
 void walk_and_modify_tree(NODE* tree, const std::function<void(NODE*&)>& visit);
+// Reading or writing the node touches a volatile object: its type is
+// volatile-qualified or, under --volatile_all, it names an object that is
+// not a local variable (a global, or memory through a pointer).  Such an
+// access is never removed, duplicated, combined or reordered.
+bool is_volatile_access(const NODE* n);
 // Structural equality of two trees (opcode, type, payload, operands).
 bool same_tree(const NODE* a, const NODE* b);
 // Nodes currently allocated and not erased (for leak checks in tests).
 size_t live_node_count();
+// Lets the nodes erased so far be made again.  Called between steps, when no
+// step holds a pointer into a tree.
+void recycle_erased_nodes();

@@ -11,6 +11,7 @@
 #include "OPT5/cdvect.h"
 #include "OPT5/copyprop.h"
 #include "OPT5/mvp.h"
+#include "OPT5/node.h"
 #include "OPT5/funinfo.h"
 #include "OPT5/globals.h"
 #include "UTIL/support.h"
@@ -182,6 +183,7 @@ void pass::run() {
     } else {
         action_();
     }
+    recycle_erased_nodes();
     if (print_debug) {
         DBG_CHECK(std::fprintf(FDEBUG, "\n\n\n\t\t\t---------- EXITING step %d '%s' ----------\n", serial(),
                                name_.c_str()));

@@ -180,7 +180,7 @@ bool has_side_effects(const NODE* tree) {
     if (op < 0 || op >= NUM_OPCODES) return true;
     unsigned se = side_effects[op];
     if (se == 1 || se == 255) return true;
-    if (TYPE_qual_kind(tree->type) & TYPE::Q_VOLATILE) return true;
+    if (is_volatile_access(tree)) return true;
     // A division may trap unless the divisor is a nonzero constant.
     if ((op == DIV || op == MOD) && !(is_icon(tree->right) && !tree->right->value.is_zero())) return true;
     if (op == SCON || op == LABEL) return false;
@@ -469,13 +469,13 @@ bool compare_values(int op, INT65 a, INT65 b) {
     }
 }
 
-NODE* fold_constants(NODE* n) {
-    NODE* l = n->left;
-    NODE* r = n->right;
+std::optional<INT65> folded_value(const NODE* n) {
+    const NODE* l = n->left;
+    const NODE* r = n->right;
     int op = n->opcode;
-    if (!is_icon(l) || (number_of_operands[op] == 2 && !is_icon(r))) return n;
+    if (op < 0 || op >= NUM_OPCODES || !is_icon(l) || (number_of_operands[op] == 2 && !is_icon(r))) return std::nullopt;
     TYPE* t = n->type;
-    if (!integer_view(t)) return n;
+    if (!integer_view(t)) return std::nullopt;
     TYPE* ot = l->type && integer_view(l->type) ? l->type : t;
     INT65 a = l->value;
     INT65 b = r ? r->value : INT65(0);
@@ -486,7 +486,7 @@ NODE* fold_constants(NODE* n) {
     case MULT: v = a * b; break;
     case DIV:
     case MOD:
-        if (b.is_zero()) return n;  // left for the machine to trap
+        if (b.is_zero()) return std::nullopt;  // left for the machine to trap
         v = op == DIV ? a / b : a % b;
         break;
     case ANDB: v = a & b; break;
@@ -495,7 +495,7 @@ NODE* fold_constants(NODE* n) {
     case SLL:
     case SRL: {
         TYPE* lt = shift_operand_type(ot);
-        if (b.is_negative() || b >= INT65(static_cast<int>(int_width(lt)))) return n;  // undefined: leave it
+        if (b.is_negative() || b >= INT65(static_cast<int>(int_width(lt)))) return std::nullopt;  // undefined: leave it
         a = truncate_to_type(a, lt);
         v = op == SLL ? a << b : a >> b;
         break;
@@ -508,7 +508,7 @@ NODE* fold_constants(NODE* n) {
     case SCONV:
     case PCONV: v = a; break;
     case EQ: case NEQ: case LT: case LE: case GT: case GE: case ULT: case ULE: case UGT: case UGE: {
-        if (!integer_view(ot)) return n;
+        if (!integer_view(ot)) return std::nullopt;
         if (is_unsigned_relop(op) || !is_signed_int(ot)) {
             a = a & width_mask(ot);
             b = truncate_to_type(b, ot) & width_mask(ot);
@@ -519,10 +519,14 @@ NODE* fold_constants(NODE* n) {
         v = INT65(compare_values(op, a, b) ? 1 : 0);
         break;
     }
-    default: return n;
+    default: return std::nullopt;
     }
-    erase_tree(n);
-    return new_icon(v, t);
+    return truncate_to_type(v, t);
+}
+
+NODE* fold_constants(NODE* n) {
+    std::optional<INT65> v = folded_value(n);
+    return v ? replace_by_constant(n, *v, n->type) : n;
 }
 
 // ---------------------------------------------------------------------------
@@ -1069,12 +1073,12 @@ NODE* expunge_IDENTITY_ops_from_tree(NODE* tree) {
 NODE* simp_node(NODE* n, struct LOOP* loop) {
     if (!n) return n;
     int op = n->opcode;
+    if (op == ILLOP) OPT_REQUIRE(op != ILLOP);
     if (op < 0 || op >= NUM_OPCODES) return n;
     int arity = number_of_operands[op];
     if ((arity == 1 || arity == 2) && is_icon(n->left) && (arity == 1 || is_icon(n->right)) && op != QUEST &&
         op != CBRANCH && op != ASG && op != PCONV) {
-        NODE* folded = fold_constants(n);
-        if (folded != n) return folded;
+        if (std::optional<INT65> v = folded_value(n)) return replace_by_constant(n, *v, n->type);
     }
     switch (op) {
     case PLUS: return simp_PLUS(n);

@@ -58,6 +58,10 @@ NODE* simp_vector_VFIELD(NODE* n);
 NODE* simp_vector_pack(NODE* n);
 NODE* make_boolean(NODE* tree, struct LOOP* loop);
 NODE* invert_boolean_tree(NODE* tree);
+// The value of an operator over constant operands, when it has one (a
+// division by zero or an undefined shift has none); nothing is changed.
+std::optional<INT65> folded_value(const NODE* n);
+// The node replaced by its folded value, or the node itself.
 NODE* fold_constants(NODE* n);
 // The comparison op (EQ .. UGT) of two values taken as they are.
 bool compare_values(int op, INT65 a, INT65 b);

@@ -21,7 +21,33 @@ s128 value(const INT65& v) {
     return v.is_negative() ? static_cast<s128>(v.low_word()) - (static_cast<s128>(1) << 64)
                            : static_cast<s128>(v.low_word());
 }
+constexpr s128 MIN65 = -(static_cast<s128>(1) << 64);
+constexpr s128 MAX65 = (static_cast<s128>(1) << 64) - 1;
+
+bool store_if_fits(s128 v, INT65* out) {
+    if (v < MIN65 || v > MAX65) return false;
+    *out = from_bits(static_cast<u128>(v));
+    return true;
+}
 }  // namespace
+
+bool INT65::checked_add(const INT65& a, const INT65& b, INT65* out) { return store_if_fits(value(a) + value(b), out); }
+bool INT65::checked_sub(const INT65& a, const INT65& b, INT65* out) { return store_if_fits(value(a) - value(b), out); }
+
+bool INT65::checked_mul(const INT65& a, const INT65& b, INT65* out) {
+    s128 p;
+    return !__builtin_mul_overflow(value(a), value(b), &p) && store_if_fits(p, out);
+}
+
+bool INT65::checked_shl(const INT65& a, unsigned amount, INT65* out) {
+    if (a.is_zero()) {
+        *out = a;
+        return true;
+    }
+    if (amount > 64) return false;  // 2^65 times anything but 0 needs more
+    s128 p;
+    return !__builtin_mul_overflow(value(a), static_cast<s128>(1) << amount, &p) && store_if_fits(p, out);
+}
 
 INT65 INT65::operator-() const { return from_bits(~bits(*this) + 1); }
 INT65 INT65::operator+(const INT65& o) const { return from_bits(bits(*this) + bits(o)); }

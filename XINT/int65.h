@@ -48,6 +48,13 @@ public:
     // Logical right shift of the 65-bit pattern.
     INT65 lshr(unsigned amount) const;
 
+    // Exact arithmetic: false, with *out left alone, when the true result
+    // does not fit in 65 bits.
+    static bool checked_add(const INT65& a, const INT65& b, INT65* out);
+    static bool checked_sub(const INT65& a, const INT65& b, INT65* out);
+    static bool checked_mul(const INT65& a, const INT65& b, INT65* out);
+    static bool checked_shl(const INT65& a, unsigned amount, INT65* out);
+
     bool operator==(const INT65& o) const { return sign_ == o.sign_ && low_ == o.low_; }
     bool operator!=(const INT65& o) const { return !(*this == o); }
     bool operator<(const INT65& o) const;
