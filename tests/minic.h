@@ -2,14 +2,21 @@
 // and turned into I-file text; and an interpreter for the text of a
 // function, so that a test can check that optimizing kept its meaning.
 //
-//   MiniFunction f{"f", {"a", "b"}, {"x", "u:y"}};   // args, locals (u: unsigned, l: long)
+//   MiniFunction f{"f", {"a", "b"}, {"x", "u:y"}};   // args, locals
 //   f.body = {"(= x (+ a 5))", "L3:", "(if (< x b) 3)", "(goto 4)", "(ret x)"};
 //
-// Atoms: decimal integers (int; a "u" suffix makes them unsigned), the
-// names of arguments and locals.  Operators: = + - * / % & | ^ << >> neg ~
-// ! == != < <= > >= u< u<= u> u>= && || ?: , += -= *= conv-int conv-u
-// conv-long, deref (*p), addr (&g); statements (if c L) (goto L) (ret e)
-// and labels "L<n>:".  Globals are arrays of 100 ints ("a" in `globals`).
+// Declarations carry their type as a prefix: none int, "u:" unsigned int,
+// "l:" long, "ul:" unsigned long (32 bits), "x:" and "ux:" the 40-bit signed
+// and unsigned integers, "p:" int*, "v:" volatile int, "c:" const int.
+// Globals are arrays of 100 elements: int, "u:" unsigned int, "v:" volatile
+// int.  Atoms: decimal integers (int; a "u" suffix makes them unsigned,
+// "#l", "#ul", "#x" and "#ux" the other types), the names of arguments,
+// locals and globals.  Operators: = + - * / % & | ^ << >> neg ~ ! == != < <=
+// > >= u< u<= u> u>= && || ?: , and the compound assignments += -= *= /= %=
+// &= |= ^= <<= >>=; conv-int conv-u conv-long conv-ulong conv-x conv-ux;
+// deref (*p), addr (&g, &local), (call ext e) (the external function
+// "ext", see Program::call_ext); statements (if c L) (goto L) (ret e) and
+// labels "L<n>:".
 #pragma once
 
 #include <cstdint>
@@ -21,8 +28,59 @@
 
 namespace minic {
 
-// Types of the generated units: 1 int, 2 unsigned int, 3 long, 4 the
-// function, 5 int*, 6 int[100].
+// Type ids of the generated units.
+enum TypeId {
+    T_INT = 1, T_UINT = 2, T_LONG = 3, T_FUNC = 4, T_PINT = 5, T_AINT = 6, T_ULONG = 7, T_X40 = 8, T_UX40 = 9,
+    T_VINT = 10, T_CINT = 11, T_PUINT = 12, T_AUINT = 13, T_PVINT = 14, T_AVINT = 15
+};
+
+inline const char* type_records() {
+    return "type n:1 b:8 b:1 n:16 n:16 b:0 b:0\n"
+           "type n:2 b:9 b:0 n:16 n:16 b:0 b:0\n"
+           "type n:3 b:10 b:1 n:32 n:32 b:0 b:0\n"
+           "type n:4 b:22 n:1 b:1 b:0 b:0 b:0\n"
+           "type n:5 b:17 n:1 n:32 n:32\n"
+           "type n:6 b:20 n:1 n:100 n:0 n:1600 n:16\n"
+           "type n:7 b:11 b:0 n:32 n:32 b:0 b:0\n"
+           "type n:8 b:52 b:1 n:40 n:40 b:0 b:0\n"
+           "type n:9 b:53 b:0 n:40 n:40 b:0 b:0\n"
+           "type n:10 b:19 n:1 n:2 n:16 n:16\n"
+           "type n:11 b:19 n:1 n:1 n:16 n:16\n"
+           "type n:12 b:17 n:2 n:32 n:32\n"
+           "type n:13 b:20 n:2 n:100 n:0 n:1600 n:16\n"
+           "type n:14 b:17 n:10 n:32 n:32\n"
+           "type n:15 b:20 n:10 n:100 n:0 n:1600 n:16\n";
+}
+
+// The type of a declaration's prefix, and the name after it.
+inline int type_of_decl(const std::string& d) {
+    static const std::map<std::string, int> prefixes = {{"u", T_UINT}, {"l", T_LONG},  {"ul", T_ULONG}, {"x", T_X40},
+                                                        {"ux", T_UX40}, {"p", T_PINT}, {"v", T_VINT},   {"c", T_CINT}};
+    size_t colon = d.find(':');
+    if (colon == std::string::npos) return T_INT;
+    auto it = prefixes.find(d.substr(0, colon));
+    if (it == prefixes.end()) throw std::runtime_error("unknown declaration " + d);
+    return it->second;
+}
+inline std::string name_of_decl(const std::string& d) {
+    size_t colon = d.find(':');
+    return colon == std::string::npos ? d : d.substr(colon + 1);
+}
+inline int global_type(const std::string& d) {
+    int t = type_of_decl(d);
+    return t == T_UINT ? T_AUINT : t == T_VINT ? T_AVINT : T_AINT;
+}
+inline int type_bits(int t) { return t == T_LONG || t == T_ULONG || t == T_PINT || t == T_PUINT || t == T_PVINT ? 32 : t == T_X40 || t == T_UX40 ? 40 : 16; }
+inline int pointer_to(int t) {
+    switch (t) {
+    case T_AINT: case T_INT: return T_PINT;
+    case T_AUINT: case T_UINT: return T_PUINT;
+    case T_AVINT: case T_VINT: return T_PVINT;
+    default: throw std::runtime_error("no pointer type to " + std::to_string(t));
+    }
+}
+inline int pointee(int t) { return t == T_PUINT ? T_UINT : t == T_PVINT ? T_VINT : T_INT; }
+
 struct MiniFunction {
     std::string name;
     std::vector<std::string> args, locals;
@@ -31,16 +89,6 @@ struct MiniFunction {
 
     std::string text() const;
 };
-
-inline int type_of_decl(const std::string& d) {
-    if (d.rfind("u:", 0) == 0) return 2;
-    if (d.rfind("l:", 0) == 0) return 3;
-    if (d.rfind("p:", 0) == 0) return 5;
-    return 1;
-}
-inline std::string name_of_decl(const std::string& d) {
-    return d.size() > 2 && d[1] == ':' ? d.substr(2) : d;
-}
 
 inline std::vector<std::string> tokenize(const std::string& s) {
     std::vector<std::string> out;
@@ -60,27 +108,44 @@ inline std::vector<std::string> tokenize(const std::string& s) {
 
 struct Emitter {
     std::map<std::string, std::pair<int, int>> syms;  // name -> index, type
-    std::map<std::string, int> globals;               // name -> global index
+    std::map<std::string, std::pair<int, int>> globals;  // name -> global index, array type
     std::vector<std::string> toks;
     size_t at = 0;
     std::string out;
+
+    std::string constant(const std::string& t, int& type) {
+        std::string digits = t;
+        type = T_INT;
+        size_t hash = t.find('#');
+        if (hash != std::string::npos) {
+            digits = t.substr(0, hash);
+            type = type_of_decl(t.substr(hash + 1) + ":");
+        } else if (t.back() == 'u') {
+            digits = t.substr(0, t.size() - 1);
+            type = T_UINT;
+        }
+        long long v = std::stoll(digits);
+        std::string ty = std::to_string(type);
+        if (v >= INT32_MIN && v <= INT32_MAX && (type == T_INT || type == T_LONG || type == T_X40))
+            return "node b:4 n:" + ty + " i:" + digits + "\n";
+        if (v >= 0 && v <= UINT32_MAX && (type == T_UINT || type == T_ULONG || type == T_UX40))
+            return "node b:4 n:" + ty + " n:" + digits + "\n";
+        return "node b:25 n:" + ty + " S:\"" + digits + "\"\n";
+    }
 
     // Emits one expression and returns its type.
     int expr() {
         std::string t = toks.at(at++);
         if (t != "(") {
             if (isdigit(static_cast<unsigned char>(t[0])) || t[0] == '-') {
-                if (t.back() == 'u') {
-                    out += "node b:4 n:2 n:" + t.substr(0, t.size() - 1) + "\n";
-                    return 2;
-                }
-                out += "node b:4 n:1 i:" + t + "\n";
-                return 1;
+                int type;
+                out += constant(t, type);
+                return type;
             }
             auto g = globals.find(t);
             if (g != globals.end()) {
-                out += "node b:2 n:6 R:0:" + std::to_string(g->second) + "\n";
-                return 6;
+                out += "node b:2 n:" + std::to_string(g->second.second) + " R:0:" + std::to_string(g->second.first) + "\n";
+                return g->second.second;
             }
             auto it = syms.find(t);
             if (it == syms.end()) throw std::runtime_error("unknown name " + t);
@@ -89,19 +154,23 @@ struct Emitter {
         }
         std::string op = toks.at(at++);
         static const std::map<std::string, int> binary = {
-            {"=", 58},  {"+", 6},   {"-", 8},   {"*", 11},  {"/", 60},  {"%", 62},  {"&", 14},  {"|", 17},
-            {"^", 19},  {"<<", 64}, {">>", 66}, {",", 56},  {"+=", 7},  {"-=", 9},  {"*=", 12}};
+            {"=", 58},  {"+", 6},   {"-", 8},   {"*", 11},  {"/", 60},  {"%", 62},   {"&", 14},   {"|", 17},
+            {"^", 19},  {"<<", 64}, {">>", 66}, {",", 56},  {"+=", 7},  {"-=", 9},   {"*=", 12},  {"/=", 61},
+            {"%=", 63}, {"&=", 15}, {"|=", 18}, {"^=", 20}, {"<<=", 65}, {">>=", 67}};
         static const std::map<std::string, int> compare = {
             {"==", 80}, {"!=", 81}, {"<=", 82}, {"<", 83},  {">=", 84},  {">", 85},
             {"u<=", 86}, {"u<", 87}, {"u>=", 88}, {"u>", 89}, {"&&", 23}, {"||", 24}};
+        static const std::map<std::string, int> conversions = {{"conv-int", T_INT}, {"conv-u", T_UINT},
+                                                               {"conv-long", T_LONG}, {"conv-ulong", T_ULONG},
+                                                               {"conv-x", T_X40}, {"conv-ux", T_UX40}};
         std::string head;
         size_t slot = out.size();
-        int type = 1;
+        int type = T_INT;
         if (binary.count(op)) {
-            out += "";
             int lt = expr();
-            expr();
-            type = lt;
+            int rt = expr();
+            type = op == "," ? rt : lt == T_CINT || lt == T_VINT ? T_INT : lt;
+            if (op.back() == '=') type = lt;  // an assignment
             head = "node b:" + std::to_string(binary.at(op)) + " n:" + std::to_string(type) + "\n";
         } else if (compare.count(op)) {
             expr();
@@ -109,20 +178,23 @@ struct Emitter {
             head = "node b:" + std::to_string(compare.at(op)) + " n:1\n";
         } else if (op == "neg" || op == "~" || op == "!") {
             type = expr();
+            if (type == T_CINT || type == T_VINT || op == "!") type = T_INT;
             int code = op == "neg" ? 10 : op == "~" ? 77 : 76;
-            if (op == "!") type = 1;
             head = "node b:" + std::to_string(code) + " n:" + std::to_string(type) + "\n";
         } else if (op == "deref") {
-            expr();
-            head = "node b:13 n:1\n";
+            type = pointee(expr());
+            head = "node b:13 n:" + std::to_string(type) + "\n";
         } else if (op == "addr") {
+            type = pointer_to(expr());
+            head = "node b:16 n:" + std::to_string(type) + "\n";
+        } else if (conversions.count(op)) {
             expr();
-            type = 5;
-            head = "node b:16 n:5\n";
-        } else if (op == "conv-int" || op == "conv-u" || op == "conv-long") {
-            expr();
-            type = op == "conv-int" ? 1 : op == "conv-u" ? 2 : 3;
+            type = conversions.at(op);
             head = "node b:104 n:" + std::to_string(type) + "\n";
+        } else if (op == "call") {
+            out += "node b:2 n:4 R:0:0\n";  // ext, the first global
+            expr();
+            head = "node b:70 n:1 n:1 n:0\n";
         } else if (op == "?:") {
             expr();
             size_t colon = out.size();
@@ -149,23 +221,25 @@ struct Emitter {
     }
 };
 
-inline std::string symbol_record(const std::string& decl) {
-    int t = type_of_decl(decl);
-    std::string size = t == 3 ? "32" : "16";
-    return "symbol S:\"" + name_of_decl(decl) + "\" n:" + size + " n:0 c:0 w:0 n:" + std::to_string(t) + " n:0 n:" +
-           size + " c:0 n:0 n:0 P:0 b:0\n";
+inline std::string symbol_record(const std::string& name, int type) {
+    std::string size = std::to_string(type_bits(type));
+    return "symbol S:\"" + name + "\" n:" + size + " n:0 c:0 w:0 n:" + std::to_string(type) + " n:0 n:" + size +
+           " c:0 n:0 n:0 P:0 b:0\n";
 }
 
+// The global symbols: "ext" first (index 0), then the function, then the
+// arrays.
 inline std::string MiniFunction::text() const {
     Emitter e;
     int index = 0;
     for (const std::string& d : args) e.syms[name_of_decl(d)] = {index++, type_of_decl(d)};
     for (const std::string& d : locals) e.syms[name_of_decl(d)] = {index++, type_of_decl(d)};
-    for (size_t g = 0; g < globals.size(); ++g) e.globals[globals[g]] = static_cast<int>(g) + 1;
-    std::string s = ".header version=-71 cpu=0x258 source=\"t.c\" extra=0\n.section main\nbegin_func P:1:1:1 n:0\n";
-    for (const std::string& d : args) s += symbol_record(d);
+    for (size_t g = 0; g < globals.size(); ++g)
+        e.globals[name_of_decl(globals[g])] = {static_cast<int>(g) + 2, global_type(globals[g])};
+    std::string s = ".header version=-71 cpu=0x258 source=\"t.c\" extra=0\n.section main\nbegin_func P:1:1:1 n:1\n";
+    for (const std::string& d : args) s += symbol_record(name_of_decl(d), type_of_decl(d));
     s += "end_args P:0\n";
-    for (const std::string& d : locals) s += symbol_record(d);
+    for (const std::string& d : locals) s += symbol_record(name_of_decl(d), type_of_decl(d));
     s += "end_locals P:0\n";
     int line = 2;
     for (const std::string& st : body) {
@@ -179,17 +253,13 @@ inline std::string MiniFunction::text() const {
         e.expr();
         s += "stmt P:1:" + std::to_string(line++) + ":1\n" + e.out;
     }
-    s += "end_func P:0\n.end\n.section types\n"
-         "type n:1 b:8 b:1 n:16 n:16 b:0 b:0\n"
-         "type n:2 b:9 b:0 n:16 n:16 b:0 b:0\n"
-         "type n:3 b:10 b:1 n:32 n:32 b:0 b:0\n"
-         "type n:4 b:22 n:1 b:1 b:0 b:0 b:0\n"
-         "type n:5 b:17 n:1 n:32 n:32\n"
-         "type n:6 b:20 n:1 n:100 n:0 n:1600 n:16\n.end\n"
+    s += std::string("end_func P:0\n.end\n.section types\n") + type_records() + ".end\n" +
          ".section files\nsource S:\"t.c\"\n.end\n"
-         ".section globals\nsymbol S:\"" + name + "\" n:0 n:0 c:0 w:0 n:4 n:0 n:16 c:0 n:0 n:0 P:1:1:1 b:0\n";
+         ".section globals\nsymbol S:\"ext\" n:0 n:0 c:0 w:0 n:4 n:0 n:16 c:0 n:0 n:0 P:0 b:0\n"
+         "symbol S:\"" + name + "\" n:0 n:0 c:0 w:0 n:4 n:0 n:16 c:0 n:0 n:0 P:1:1:1 b:0\n";
     for (const std::string& g : globals)
-        s += "symbol S:\"" + g + "\" n:1600 n:0 c:0 w:0 n:6 n:0 n:16 c:0 n:0 n:0 P:0 b:0\n";
+        s += "symbol S:\"" + name_of_decl(g) + "\" n:1600 n:0 c:0 w:0 n:" + std::to_string(global_type(g)) +
+             " n:0 n:16 c:0 n:0 n:0 P:0 b:0\n";
     s += ".end\n";
     return s;
 }
@@ -205,10 +275,15 @@ struct Node {
 };
 
 struct Program {
-    std::map<int, std::pair<bool, int>> types;  // id -> signed, bits (integers only)
-    std::map<int, int> lanes;                    // vector type id -> lanes
-    int globals = 0;                             // global symbols after the function
-    std::vector<Node> stmts;                     // labels are op -1 with the label in value
+    struct IntType {
+        bool is_signed;
+        int bits;
+    };
+    std::map<int, IntType> types;      // id -> integer type (qualified types as their base)
+    std::map<int, bool> volatile_type;  // id -> volatile-qualified
+    std::map<int, int> lanes;           // vector type id -> lanes
+    std::vector<std::string> global_names;  // global symbols in order
+    std::vector<Node> stmts;            // labels are op -1 with the label in value
     int symbols = 0;
     std::vector<int> symbol_types;
 
@@ -239,19 +314,21 @@ struct Program {
             stmts.push_back(build(nodes, at));
             nodes.clear();
         };
+        std::map<int, std::pair<int, int>> quals;  // id -> base, qualifiers
         bool in_func = false;
         while (std::getline(in, line)) {
             std::vector<std::string> f = fields(line);
             if (f.empty()) continue;
             if (f[0] == ".section") section = f[1];
             if (section == "types" && f[0] == "type" && f.size() >= 5) {
+                int id = static_cast<int>(num(f[1]));
                 int code = static_cast<int>(num(f[2]));
                 if ((code >= 2 && code <= 11) || code == 52 || code == 53)
-                    types[static_cast<int>(num(f[1]))] = {num(f[3]) != 0, static_cast<int>(num(f[4]))};
-                if (code == 20 && f.size() >= 6 && (num(f[5]) & 1))
-                    lanes[static_cast<int>(num(f[1]))] = static_cast<int>(num(f[4]));
+                    types[id] = {num(f[3]) != 0, static_cast<int>(num(f[4]))};
+                if (code == 19) quals[id] = {static_cast<int>(num(f[3])), static_cast<int>(num(f[4]))};
+                if (code == 20 && f.size() >= 6 && (num(f[5]) & 1)) lanes[id] = static_cast<int>(num(f[4]));
             }
-            if (section == "globals" && f[0] == "symbol") ++globals;
+            if (section == "globals" && f[0] == "symbol") global_names.push_back(f[1].substr(3, f[1].size() - 4));
             if (section != "main") continue;
             if (f[0] == "begin_func") in_func = true;
             if (!in_func) continue;
@@ -262,7 +339,7 @@ struct Program {
             flush();
             if (f[0] == "symbol") {
                 ++symbols;
-                symbol_types.push_back(static_cast<int>(num(f[5])));
+                symbol_types.push_back(static_cast<int>(num(f[6])));
             }
             if (f[0] == "label") {
                 Node l;
@@ -273,6 +350,10 @@ struct Program {
             if (f[0] == "end_func") in_func = false;
         }
         flush();
+        for (auto& [id, q] : quals) {
+            if (types.count(q.first)) types[id] = types[q.first];
+            volatile_type[id] = (q.second & 2) != 0;
+        }
     }
 
     Node build(const std::vector<std::vector<std::string>>& nodes, size_t& at) {
@@ -286,7 +367,8 @@ struct Program {
             n.scope = std::stoi(f[3].substr(2, f[3].rfind(':') - 2));
         }
         if (n.op == 1) n.value = std::stoll(num(f[3]));
-        if (n.op == 4) n.value = std::stoll(num(f[3]));
+        if (n.op == 4) n.value = static_cast<long long>(std::stoull(num(f[3])));
+        if (n.op == 4 && num(f[3])[0] == '-') n.value = std::stoll(num(f[3]));
         if (n.op == 25) n.value = std::stoll(num(f[3]).substr(1, num(f[3]).size() - 2));
         for (int k = 0; k < arity(n.op); ++k) n.kids.push_back(build(nodes, at));
         return n;
@@ -295,41 +377,74 @@ struct Program {
     long long wrap(long long v, int type) const {
         auto it = types.find(type);
         if (it == types.end()) return v;
-        int bits = it->second.second;
+        int bits = it->second.bits;
         if (bits >= 64) return v;
         uint64_t m = (uint64_t{1} << bits) - 1;
         uint64_t u = static_cast<uint64_t>(v) & m;
-        if (it->second.first && (u >> (bits - 1))) u |= ~m;
+        if (it->second.is_signed && (u >> (bits - 1))) u |= ~m;
         return static_cast<long long>(u);
     }
     bool is_unsigned(int type) const {
         auto it = types.find(type);
-        return it != types.end() && !it->second.first;
+        return it != types.end() && !it->second.is_signed;
     }
     int bits(int type) const {
         auto it = types.find(type);
-        return it == types.end() ? 16 : it->second.second;
+        return it == types.end() ? 16 : it->second.bits;
+    }
+    bool is_volatile(int type) const {
+        auto it = volatile_type.find(type);
+        return it != volatile_type.end() && it->second;
     }
 
     struct Trap {};
 
-    // Memory: each global array has 100 words from address 1000 * index.
+    // Memory: each global array has 100 words from address 1000 * index;
+    // the locals of the function live at LOCALS + their index, so that their
+    // address can be taken.  Accesses to volatile objects and calls are
+    // recorded in `trace`, in order.
+    static constexpr long long LOCALS = 900000;
     mutable std::map<long long, long long> memory;
+    mutable std::vector<long long> env;
+    mutable std::string trace;
 
     int lanes_of(int type) const {
         auto it = lanes.find(type);
         return it == lanes.end() ? 1 : it->second;
     }
 
-    long long eval(const Node& n, std::vector<long long>& env, int lane = 0) const {
-        auto k = [&](int i) { return eval(n.kids.at(static_cast<size_t>(i)), env, lane); };
+    long long& cell(long long address) const {
+        if (address >= LOCALS && address < LOCALS + static_cast<long long>(env.size()))
+            return env[static_cast<size_t>(address - LOCALS)];
+        if (address < 1000 || address % 1000 >= 100) throw Trap{};  // outside every array
+        return memory[address];
+    }
+    long long load(long long address, int type) const {
+        long long v = wrap(cell(address), type);
+        if (is_volatile(type)) trace += " R" + std::to_string(address);
+        return v;
+    }
+    void store(long long address, long long v, int type) const {
+        cell(address) = wrap(v, type);
+        if (is_volatile(type)) trace += " W" + std::to_string(address) + "=" + std::to_string(cell(address));
+    }
+    // The external function: it returns 3v + 1 and counts its calls in the
+    // first element of the first array.
+    long long call_ext(long long v) const {
+        trace += " C" + std::to_string(v);
+        if (global_names.size() > 2) memory[2000] = wrap(memory[2000] + 1, 1);
+        return wrap(3 * v + 1, 1);
+    }
+
+    long long eval(const Node& n, int lane = 0) const {
+        auto k = [&](int i) { return eval(n.kids.at(static_cast<size_t>(i)), lane); };
         auto element = [&](long long v) { return lanes_of(n.type) > 1 ? wrap(v, 1) : wrap(v, n.type); };
         if (lanes_of(n.type) > 1) {  // a vector: lane by lane
             switch (n.op) {
             case 6: return element(k(0) + k(1));
             case 8: return element(k(0) - k(1));
             case 11: return element(k(0) * k(1));
-            case 13: return memory[eval(n.kids.at(0), env) + lane];
+            case 13: return cell(eval(n.kids.at(0)) + lane);
             default: break;
             }
         }
@@ -340,36 +455,25 @@ struct Program {
         switch (n.op) {
         case 2:
             if (n.scope == 0) return 1000 * n.value;  // a global array: its address
-            return env.at(static_cast<size_t>(n.value));
-        case 16: return k(0);                          // &array
-        case 105: return k(0);                         // pointer conversion
-        case 13: return memory[k(0)];
+            return load(LOCALS + n.value, n.type);
+        case 16:  // the address of an array or a local
+            return n.kids[0].op == 2 && n.kids[0].scope != 0 ? LOCALS + n.kids[0].value : k(0);
+        case 105: return k(0);  // pointer conversion
+        case 13: return load(k(0), n.type);
         case 4: case 25: return wrap(n.value, n.type);
-        case 6: return wrap(k(0) + k(1), n.type);
+        case 6: return wrap(k(0) + k(1), n.type);  // pointers are not wrapped
         case 8: return wrap(k(0) - k(1), n.type);
         case 11: return wrap(k(0) * k(1), n.type);
-        case 60: case 62: {
-            long long a = k(0), b = k(1);
-            if (b == 0) throw Trap{};
-            if (is_unsigned(n.type)) {
-                uint64_t ua = as_unsigned(a, n.type), ub = as_unsigned(b, n.type);
-                return wrap(static_cast<long long>(n.op == 60 ? ua / ub : ua % ub), n.type);
-            }
-            return wrap(n.op == 60 ? a / b : a % b, n.type);
-        }
+        case 60: case 62: return divide(n.op, k(0), k(1), n.type);
         case 14: return wrap(k(0) & k(1), n.type);
         case 17: return wrap(k(0) | k(1), n.type);
         case 19: return wrap(k(0) ^ k(1), n.type);
-        case 64: return wrap(static_cast<long long>(static_cast<uint64_t>(k(0)) << k(1)), n.type);
-        case 66: {
-            long long a = k(0), c = k(1);
-            if (is_unsigned(n.kids[0].type)) return wrap(static_cast<long long>(as_unsigned(a, n.kids[0].type) >> c), n.type);
-            return wrap(a >> c, n.type);
-        }
+        case 64: case 66: return shift(n.op, k(0), k(1), n.kids[0].type, n.type);
         case 10: return wrap(-k(0), n.type);
         case 77: return wrap(~k(0), n.type);
         case 76: return k(0) == 0;
         case 104: return wrap(k(0), n.type);
+        case 70: return call_ext(k(1));
         case 80: case 81: case 82: case 83: case 84: case 85: case 86: case 87: case 88: case 89: {
             long long a = k(0), b = k(1);
             int ot = n.kids[0].type;
@@ -396,42 +500,74 @@ struct Program {
         }
         case 23: return k(0) != 0 && k(1) != 0;
         case 24: return k(0) != 0 || k(1) != 0;
-        case 21: return k(0) ? eval(n.kids[1].kids.at(0), env) : eval(n.kids[1].kids.at(1), env);
+        case 21: return k(0) ? eval(n.kids[1].kids.at(0)) : eval(n.kids[1].kids.at(1));
         case 56: k(0); return k(1);
-        case 58: case 7: case 9: case 12: {
-            if (n.kids[0].op == 13) {  // a store, of every lane of a vector
-                long long address = eval(n.kids[0].kids.at(0), env);
-                for (int l = 0; l < lanes_of(n.kids[0].type); ++l)
-                    memory[address + l] = wrap(eval(n.kids.at(1), env, l), lanes_of(n.kids[0].type) > 1 ? 1 : n.kids[0].type);
+        case 58: case 7: case 9: case 12: case 15: case 18: case 20: case 61: case 63: case 65: case 67: {
+            const Node& target = n.kids[0];
+            long long address = target.op == 13 ? eval(target.kids.at(0)) : LOCALS + target.value;
+            if (target.op == 13 && lanes_of(target.type) > 1) {  // a store of every lane of a vector
+                for (int l = 0; l < lanes_of(target.type); ++l) store(address + l, eval(n.kids.at(1), l), 1);
                 return 0;
             }
             long long v = k(1);
-            long long& slot = env.at(static_cast<size_t>(n.kids[0].value));
-            if (n.op == 7) v = slot + v;
-            if (n.op == 9) v = slot - v;
-            if (n.op == 12) v = slot * v;
-            slot = wrap(v, symbol_types.at(static_cast<size_t>(n.kids[0].value)));
-            return slot;
+            if (n.op != 58) {
+                long long old = load(address, target.type);
+                switch (n.op) {
+                case 7: v = old + v; break;
+                case 9: v = old - v; break;
+                case 12: v = old * v; break;
+                case 15: v = old & v; break;
+                case 18: v = old | v; break;
+                case 20: v = old ^ v; break;
+                case 61: case 63: v = divide(n.op == 61 ? 60 : 62, old, v, target.type); break;
+                default: v = shift(n.op == 65 ? 64 : 66, old, v, target.type, target.type); break;
+                }
+            }
+            store(address, v, target.type);
+            return wrap(v, target.type);
         }
         default: throw std::runtime_error("interpreter: opcode " + std::to_string(n.op));
         }
     }
 
+    long long divide(int op, long long a, long long b, int type) const {
+        if (b == 0) throw Trap{};
+        if (is_unsigned(type)) {
+            uint64_t m = bits(type) >= 64 ? ~uint64_t{0} : (uint64_t{1} << bits(type)) - 1;
+            uint64_t ua = static_cast<uint64_t>(a) & m, ub = static_cast<uint64_t>(b) & m;
+            return wrap(static_cast<long long>(op == 60 ? ua / ub : ua % ub), type);
+        }
+        return wrap(op == 60 ? a / b : a % b, type);
+    }
+    long long shift(int op, long long a, long long c, int operand_type, int type) const {
+        if (c < 0 || c >= 64) throw Trap{};
+        if (op == 64) return wrap(static_cast<long long>(static_cast<uint64_t>(a) << c), type);
+        if (is_unsigned(operand_type)) {
+            int b = bits(operand_type);
+            uint64_t u = b >= 64 ? static_cast<uint64_t>(a) : static_cast<uint64_t>(a) & ((uint64_t{1} << b) - 1);
+            return wrap(static_cast<long long>(u >> c), type);
+        }
+        return wrap(a >> c, type);
+    }
+
     // Runs the function with the arguments (locals start at `junk`, the
-    // value an unset variable happens to have); "trap" on division by zero.
+    // value an unset variable happens to have); "trap" on division by zero
+    // or an access outside the arrays.  The result is followed by the trace
+    // and the contents of memory.
     std::string run(std::vector<long long> args, long long junk = 0) const {
         memory.clear();
-        for (int g = 1; g < globals; ++g)
-            for (int i = 0; i < 100; ++i) memory[1000 * g + i] = wrap((g * 37 + i * 11) % 200 - 100, 1);
+        trace.clear();
+        for (size_t g = 2; g < global_names.size(); ++g)
+            for (int i = 0; i < 100; ++i) memory[1000 * static_cast<long long>(g) + i] = wrap((g * 37 + i * 11) % 200 - 100, 1);
         std::string result = run_body(std::move(args), junk);
+        result += " |" + trace + " |";
         for (auto& [address, v] : memory) result += " " + std::to_string(v);
         return result;
     }
 
     std::string run_body(std::vector<long long> args, long long junk) const {
-        std::vector<long long> env(static_cast<size_t>(symbols), junk);
-        for (size_t i = 0; i < args.size(); ++i)
-            env[i] = wrap(args[i], symbol_types.at(i));
+        env.assign(static_cast<size_t>(symbols), junk);
+        for (size_t i = 0; i < args.size() && i < env.size(); ++i) env[i] = wrap(args[i], symbol_types.at(i));
         std::map<long long, size_t> labels;
         for (size_t i = 0; i < stmts.size(); ++i)
             if (stmts[i].op == -1) labels[stmts[i].value] = i;
@@ -440,16 +576,16 @@ struct Program {
             for (int steps = 0; steps < 100000 && pc < stmts.size(); ++steps) {
                 const Node& s = stmts[pc++];
                 if (s.op == -1) continue;
-                if (s.op == 118) return std::to_string(eval(s.kids.at(0), env));
+                if (s.op == 118) return std::to_string(eval(s.kids.at(0)));
                 if (s.op == 114) {
                     pc = labels.at(s.kids.at(0).value);
                     continue;
                 }
                 if (s.op == 109) {
-                    if (eval(s.kids.at(0), env)) pc = labels.at(s.kids.at(1).value);
+                    if (eval(s.kids.at(0))) pc = labels.at(s.kids.at(1).value);
                     continue;
                 }
-                eval(s, env);
+                eval(s);
             }
         } catch (Trap&) {
             return "trap";
