@@ -192,6 +192,7 @@ struct Emitter {
             type = conversions.at(op);
             head = "node b:104 n:" + std::to_string(type) + "\n";
         } else if (op == "call") {
+            if (toks.at(at++) != "ext") throw std::runtime_error("only ext is called");
             out += "node b:2 n:4 R:0:0\n";  // ext, the first global
             expr();
             head = "node b:70 n:1 n:1 n:0\n";
@@ -374,6 +375,8 @@ struct Program {
         return n;
     }
 
+    static long long int16(long long v) { return static_cast<int16_t>(static_cast<uint16_t>(v)); }
+
     long long wrap(long long v, int type) const {
         auto it = types.find(type);
         if (it == types.end()) return v;
@@ -432,13 +435,13 @@ struct Program {
     // first element of the first array.
     long long call_ext(long long v) const {
         trace += " C" + std::to_string(v);
-        if (global_names.size() > 2) memory[2000] = wrap(memory[2000] + 1, 1);
-        return wrap(3 * v + 1, 1);
+        if (global_names.size() > 2) memory[2000] = int16(memory[2000] + 1);
+        return int16(3 * v + 1);
     }
 
     long long eval(const Node& n, int lane = 0) const {
         auto k = [&](int i) { return eval(n.kids.at(static_cast<size_t>(i)), lane); };
-        auto element = [&](long long v) { return lanes_of(n.type) > 1 ? wrap(v, 1) : wrap(v, n.type); };
+        auto element = [&](long long v) { return lanes_of(n.type) > 1 ? int16(v) : wrap(v, n.type); };
         if (lanes_of(n.type) > 1) {  // a vector: lane by lane
             switch (n.op) {
             case 6: return element(k(0) + k(1));
@@ -506,7 +509,7 @@ struct Program {
             const Node& target = n.kids[0];
             long long address = target.op == 13 ? eval(target.kids.at(0)) : LOCALS + target.value;
             if (target.op == 13 && lanes_of(target.type) > 1) {  // a store of every lane of a vector
-                for (int l = 0; l < lanes_of(target.type); ++l) store(address + l, eval(n.kids.at(1), l), 1);
+                for (int l = 0; l < lanes_of(target.type); ++l) cell(address + l) = int16(eval(n.kids.at(1), l));
                 return 0;
             }
             long long v = k(1);
@@ -558,10 +561,10 @@ struct Program {
         memory.clear();
         trace.clear();
         for (size_t g = 2; g < global_names.size(); ++g)
-            for (int i = 0; i < 100; ++i) memory[1000 * static_cast<long long>(g) + i] = wrap((g * 37 + i * 11) % 200 - 100, 1);
+            for (int i = 0; i < 100; ++i) memory[1000 * static_cast<long long>(g) + i] = static_cast<long long>((g * 37 + i * 11) % 200) - 100;
         std::string result = run_body(std::move(args), junk);
         result += " |" + trace + " |";
-        for (auto& [address, v] : memory) result += " " + std::to_string(v);
+        for (auto& [address, v] : memory) result += " " + std::to_string(static_cast<uint16_t>(v));  // as words
         return result;
     }
 

@@ -275,4 +275,40 @@ TEST(Metavalues, EvaluationWrapsAndRefines) {
     EXPECT_EQ(n, 2);
 }
 
+TEST(Metavalues, ArithmeticPastSixtyFiveBitsGivesTheWholeType) {
+    init_opcode_tables();
+    if (!type_pkg) init_types();
+    // Unsigned 64-bit: products of full ranges need 128 bits; 65-bit
+    // arithmetic used to wrap them into a narrow (and wrong) range.
+    TYPE* u64 = type_pkg->mk_int(TYPE::IK_ULLONG, false);
+    TYPE* s64 = type_pkg->mk_int(TYPE::IK_LLONG, true);
+    INT65 max_u = INT65::from_words(0, ~0ULL);
+    mvpIntegers a, r;
+    a.merge_constant_integer_range(INT65(3), max_u, INT65(1));
+    for (int op : {MULT, PLUS, SLL}) {
+        mvpIntegers b;
+        b.merge_constant_integer_range(op == SLL ? INT65(1) : INT65(2), op == SLL ? INT65(1) : max_u, INT65(1));
+        r.eval_binary_operation(op, u64, u64, a, b);
+        EXPECT_EQ(r.minimum(), INT65(0)) << op;
+        EXPECT_EQ(r.maximum(), max_u) << op;
+    }
+    mvpIntegers lo;
+    lo.merge_constant_integer_range(-(INT65(1) << INT65(63)), INT65(-5), INT65(1));
+    r.eval_binary_operation(MINUS, s64, s64, lo, a);
+    EXPECT_EQ(r.minimum(), -(INT65(1) << INT65(63)));
+    EXPECT_EQ(r.maximum(), (INT65(1) << INT65(63)) - INT65(1));
+    // The checked operations themselves, at the edges of 65 bits.
+    INT65 out(7), min65 = INT65::from_words(-1, 0);
+    EXPECT_TRUE(INT65::checked_add(max_u, INT65(0), &out));
+    EXPECT_FALSE(INT65::checked_add(max_u, INT65(1), &out));
+    EXPECT_FALSE(INT65::checked_sub(min65, INT65(1), &out));
+    EXPECT_TRUE(INT65::checked_mul(INT65(-1), max_u, &out));
+    EXPECT_EQ(out, -max_u);
+    EXPECT_FALSE(INT65::checked_mul(max_u, INT65(2), &out));
+    EXPECT_TRUE(INT65::checked_shl(INT65(-1), 64, &out));
+    EXPECT_EQ(out, min65);
+    EXPECT_FALSE(INT65::checked_shl(INT65(1), 64, &out));
+    EXPECT_EQ(out, min65);  // left alone on overflow
+}
+
 }  // namespace

@@ -1,0 +1,81 @@
+// The differential fuzzer: fixed seeds at every level, the saved reduced
+// cases, and the fuzzer's own parts.
+#include <gtest/gtest.h>
+
+#include "difffuzz.h"
+
+namespace {
+
+using difffuzz::Unit;
+
+difffuzz::Checker checker(const TempDir& dir) {
+    difffuzz::Checker c;
+    c.opt5 = OPT5_BINARY;
+    c.dir = dir.path;
+    return c;
+}
+
+const std::vector<int> every_level = {0, 1, 2, 3, 4};
+
+TEST(DiffFuzz, GeneratedUnitsAgreeAtEveryLevel) {
+    TempDir dir;
+    difffuzz::Checker c = checker(dir);
+    for (uint64_t seed = 1; seed <= 250; ++seed) {
+        Unit u = difffuzz::generate(seed);
+        std::string why = c.check(u, every_level);
+        if (why.empty()) continue;
+        Unit small = difffuzz::reduce(u, [&](const Unit& t) { return !c.check(t, every_level).empty(); });
+        ADD_FAILURE() << "seed " << seed << ": " << why << "\n" << small.save(c.check(small, every_level));
+    }
+}
+
+// The reduced failures and the faults found earlier, one unit a file.
+TEST(DiffFuzz, SavedCasesAgreeAtEveryLevel) {
+    TempDir dir;
+    difffuzz::Checker c = checker(dir);
+    int cases = 0;
+    for (const auto& e : fs::directory_iterator(fs::path(OPT5_SOURCE_DIR) / "tests/data/fuzz")) {
+        if (e.path().extension() != ".mini") continue;
+        ++cases;
+        Unit u = Unit::load(slurp(e.path()));
+        EXPECT_FALSE(u.f.body.empty()) << e.path();
+        EXPECT_EQ(c.check(u, every_level), "") << e.path();
+    }
+    EXPECT_GT(cases, 0);
+}
+
+// Under --volatile_all every access to what is not a local is volatile:
+// neither of two stores through a pointer may go.
+TEST(KnownFaults, VolatileAllKeepsEveryStore) {
+    TempDir dir;
+    minic::MiniFunction f{"f", {"p:p"}, {}};
+    f.globals = {"ga"};
+    f.body = {"(= (deref p) 1)", "(= (deref p) 2)", "(ret 0)"};
+    ASSERT_EQ(assemble(f.text(), dir.path / "in.if"), "");
+    for (bool all : {false, true}) {
+        std::vector<std::string> args = {"-o2", "in.if", "out.if"};
+        if (all) args.insert(args.begin(), "--volatile_all");
+        Result r = run_program(OPT5_BINARY, args, dir.path);
+        ASSERT_EQ(r.status, 0) << r.err;
+        std::string out = disassemble(dir.path / "out.if");
+        size_t stores = 0;
+        for (size_t at = out.find("node b:58 "); at != std::string::npos; at = out.find("node b:58 ", at + 1)) ++stores;
+        EXPECT_EQ(stores, all ? 2u : 1u) << out;
+    }
+}
+
+// The interpreter itself: what it missed let wrong code pass.
+TEST(KnownFaults, TheInterpreterNarrowsAndFollowsPointers) {
+    minic::MiniFunction f{"f", {"a"}, {"x", "u:y", "c:k", "i", "p:p", "l:z"}};
+    f.globals = {"ga"};
+    f.body = {"(= x (+ a 8000))", "(= y (neg 1u))", "(= k 40000)", "(= i 1)", "(= p (addr i))", "(= (deref p) 2)",
+              "(= z (* (conv-long a) 65536#l))", "(= (deref (+ (addr ga) 0)) (conv-int (>> z 16)))",
+              "(ret (+ (+ x (conv-int (== y 65535u))) (+ k i)))"};
+    minic::Program p(f.text());
+    // 30000 + 8000 wraps to -27536; y is 65535; k is -25536; i became 2.
+    std::string r = p.run({30000});
+    EXPECT_EQ(r.substr(0, r.find(' ')), std::to_string(static_cast<int16_t>(-27536 + 1 + -25536 + 2)));
+    EXPECT_NE(p.run({30000}).find("| 30000 "), std::string::npos);  // z >> 16 went to memory
+}
+
+}  // namespace
