@@ -67,7 +67,7 @@ void number_tracked_symbols() {
     fi->lva_map.clear();
     for (const FUNC_SYM& fs : function_symbols()) {
         SYMTAB* s = fs.sym;
-        if (!is_private_variable(s, taken)) continue;
+        if (!s->type || !is_private_variable(s, taken)) continue;
         TYPE* t = s->type->stripped();
         if (!t->is_scalar() || t->kind == TYPE::VECTOR_T) continue;
         fi->lva_map[s] = static_cast<int>(fi->lva_syms.size());
@@ -177,7 +177,7 @@ std::set<const SYMTAB*> address_taken_symbols() {
 }
 
 bool is_private_variable(const SYMTAB* sym, const std::set<const SYMTAB*>& taken) {
-    return sym && sym_level(sym) > 0 && !taken.count(sym) && sym->type && !is_volatile(sym->type);
+    return sym && sym_level(sym) > 0 && !taken.count(sym) && !(sym->type && is_volatile(sym->type));
 }
 
 bool is_op_assign(int op) {

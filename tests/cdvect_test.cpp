@@ -54,7 +54,8 @@ protected:
     void SetUp() override {
         init_opcode_tables();
         std::string text = "OPTIMIZER MACHINE DESCRIPTION : \"T\"\nTARGETS : BRV\nENDIAN : LITTLE\n"
-                           "( ICODE (FETCH : I16 [16] a) COST 3 )\n( ICODE (STORE : I16 [4] a b) COST 2 )\n";
+                           "( ICODE (FETCH : I16 [16] a) COST 3 )\n( ICODE (STORE : I16 [4] a b) COST 2 )\n"
+                           "( ICODE (STORE : I16 [2] a b) COST 1 )\n( ICODE (STORE : I16 a b) COST 1 )\n";
         std::vector<MD_LEXED> lexed;
         std::string error;
         ASSERT_TRUE(md_lex(text, lexed, error)) << error;
@@ -83,6 +84,26 @@ TEST_F(MemoryCost, WiderAccessesAreComposedOfDeclaredOnes) {
     EXPECT_EXIT(memory_access_cost(&f24), ::testing::ExitedWithCode(1), "");
     DFG plus = access(PLUS, 1);
     EXPECT_EXIT(memory_access_cost(&plus), ::testing::ExitedWithCode(1), "");
+}
+
+TEST_F(MemoryCost, VolatileAndMisalignedAccessesAreComposedOfNarrowerOnes) {
+    DFG s4 = access(DFG_STORE, 4);
+    EXPECT_EQ(memory_access_cost(&s4), 2);
+    // A volatile object is stored one element at a time.
+    s4.is_volatile = true;
+    EXPECT_EQ(memory_access_cost(&s4), 4);
+    EXPECT_EQ(md_cost_for_memref(DFG_STORE, 'i', 1, 2, INT65(0), true), 0);
+    EXPECT_EQ(md_cost_for_memref(DFG_STORE, 'i', 1, 1, INT65(0), true), 1);
+    // Aligned to one word, four words are four stores; aligned to two, two
+    // pair stores; aligned to four, the one store of four.
+    s4.is_volatile = false;
+    s4.alignment = 16;
+    EXPECT_EQ(memory_access_cost(&s4), 4);
+    s4.alignment = 32;
+    EXPECT_EQ(memory_access_cost(&s4), 2);
+    s4.alignment = 64;
+    EXPECT_EQ(memory_access_cost(&s4), 2);
+    EXPECT_EQ(md_cost_for_memref(DFG_STORE, 'i', 1, 4, INT65(32), false), 0);
 }
 
 TEST(CompleteUnrolling, DecisionOfThePeelingStep) {

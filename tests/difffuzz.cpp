@@ -380,7 +380,10 @@ std::string Checker::check(const Unit& u, const std::vector<int>& levels) const 
         std::string at = " at -o" + std::to_string(level);
         if (!r.exited) return "killed by signal " + std::to_string(r.status) + at;
         if (r.status == 124) return "ran past " + std::to_string(seconds) + " s" + at;
-        if (r.status != 0) return "exit " + std::to_string(r.status) + at + ": " + r.err.substr(0, r.err.find('\n'));
+        if (r.status != 0) {
+            std::string first = r.err.substr(r.err.find_first_not_of('\n'));
+            return "exit " + std::to_string(r.status) + at + ": " + first.substr(0, first.find('\n'));
+        }
         try {
             Program after(disassemble(dir / "out.if"));
             for (size_t k = 0; k < lists.size(); ++k) {
@@ -398,6 +401,8 @@ std::string Checker::check(const Unit& u, const std::vector<int>& levels) const 
     }
     return "";
 }
+
+std::string failure_kind(const std::string& why) { return why.substr(0, why.find(" at -o")); }
 
 namespace {
 
@@ -459,6 +464,17 @@ Unit reduce(Unit u, const std::function<bool(const Unit&)>& fails) {
                 u = t;
                 progress = true;
             }
+        }
+        // Labels nothing jumps to.
+        for (size_t i = u.f.body.size(); i-- > u.prologue;) {
+            const std::string& l = u.f.body[i];
+            if (l.back() != ':') continue;
+            std::string target = " " + l.substr(1, l.size() - 2) + ")";
+            bool used = false;
+            for (const std::string& s : u.f.body)
+                used |= (s.rfind("(if ", 0) == 0 || s.rfind("(goto ", 0) == 0) && s.size() > target.size() &&
+                        s.compare(s.size() - target.size(), target.size(), target) == 0;
+            if (!used) u.f.body.erase(u.f.body.begin() + static_cast<long>(i));
         }
         // Subtrees: each by one of its operands, or by 0.
         for (size_t i = u.prologue; i < u.f.body.size(); ++i) {

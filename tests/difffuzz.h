@@ -37,6 +37,10 @@ struct Checker {
     std::string check(const Unit& u, const std::vector<int>& levels) const;
 };
 
+// The kind of a failure the checker reported ("exit 2", "different result",
+// ...), which a reduced unit must keep.
+std::string failure_kind(const std::string& why);
+
 // Removes statements and replaces subtrees by their operands or 0 while the
 // unit still fails (`fails` says whether it does).
 Unit reduce(Unit u, const std::function<bool(const Unit&)>& fails);

@@ -2,6 +2,8 @@
 // cases, and the fuzzer's own parts.
 #include <gtest/gtest.h>
 
+#include <set>
+
 #include "difffuzz.h"
 
 namespace {
@@ -24,7 +26,7 @@ TEST(DiffFuzz, GeneratedUnitsAgreeAtEveryLevel) {
         Unit u = difffuzz::generate(seed);
         std::string why = c.check(u, every_level);
         if (why.empty()) continue;
-        Unit small = difffuzz::reduce(u, [&](const Unit& t) { return !c.check(t, every_level).empty(); });
+        Unit small = difffuzz::reduce(u, [&](const Unit& t) { return difffuzz::failure_kind(c.check(t, every_level)) == difffuzz::failure_kind(why); });
         ADD_FAILURE() << "seed " << seed << ": " << why << "\n" << small.save(c.check(small, every_level));
     }
 }
@@ -42,6 +44,45 @@ TEST(DiffFuzz, SavedCasesAgreeAtEveryLevel) {
         EXPECT_EQ(c.check(u, every_level), "") << e.path();
     }
     EXPECT_GT(cases, 0);
+}
+
+TEST(DiffFuzz, UnitsAreReproducibleAndVaried) {
+    std::set<std::string> texts;
+    for (uint64_t seed = 1; seed <= 20; ++seed) {
+        Unit u = difffuzz::generate(seed);
+        EXPECT_EQ(u.save(""), difffuzz::generate(seed).save("")) << seed;
+        texts.insert(u.f.text());
+        // Saved and loaded, a unit is the same unit.
+        EXPECT_EQ(Unit::load(u.save("note")).f.text(), u.f.text());
+        // Every local is set in the prologue or by the loop that uses it.
+        EXPECT_GT(u.prologue, 0u);
+        EXPECT_LE(u.prologue, u.f.body.size());
+    }
+    EXPECT_EQ(texts.size(), 20u);
+}
+
+TEST(DiffFuzz, ReductionKeepsTheFailureAndLittleElse) {
+    Unit u;
+    u.f.args = {"a"};
+    u.f.locals = {"x", "y"};
+    u.f.globals = {"ga"};
+    u.f.body = {"(= x 1)", "(= y (+ a (* x (- 7 a))))", "(if (< y 3) 1)", "(= x (+ (/ y 3) (* a 2)))", "L1:",
+                "(= y (& x 4))", "(ret (^ x y))"};
+    u.prologue = 1;
+    // "Fails" while some statement still multiplies.
+    auto fails = [](const Unit& t) {
+        for (const std::string& s : t.f.body)
+            if (s.find("(*") != std::string::npos) return true;
+        return false;
+    };
+    Unit small = difffuzz::reduce(u, fails);
+    EXPECT_TRUE(fails(small));
+    // The prologue stays; one statement is left beside it, and in it the
+    // multiplication of two atoms.
+    ASSERT_EQ(small.f.body.size(), 2u) << small.save("");
+    EXPECT_EQ(small.f.body[0], "(= x 1)");
+    EXPECT_NE(small.f.body[1].find("(* "), std::string::npos) << small.f.body[1];
+    EXPECT_LE(minic::tokenize(small.f.body[1]).size(), 10u) << small.f.body[1];
 }
 
 // Under --volatile_all every access to what is not a local is volatile:
