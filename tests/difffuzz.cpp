@@ -112,13 +112,24 @@ struct Generator {
             static const char* ops[] = {"+", "-", "*", "&", "|", "^"};
             return "(" + std::string(ops[pick(6)]) + " " + expr(s, half()) + " " + expr(s, half()) + ")";
         }
-        case 3: return "(" + std::string(chance(50) ? "/" : "%") + " " + expr(s, half()) + " (| " + expr(s, half()) + " 1" + s.suffix + "))";
-        case 4: return "(" + std::string(chance(50) ? "<<" : ">>") + " " + expr(s, b) + " " + int_const(0, s.bits - 1) + ")";
+        case 3: {
+            std::string divisor = "(| " + expr(s, half()) + " 1" + s.suffix + ")";
+            if (chance(50)) {  // by a constant: powers of two, -1, edges
+                divisor = constant(s);
+                if (divisor == std::string("0") + s.suffix) divisor = std::to_string(1 << pick(6)) + s.suffix;
+            }
+            return "(" + std::string(chance(50) ? "/" : "%") + " " + expr(s, half()) + " " + divisor + ")";
+        }
+        case 4: {
+            std::string count = int_const(0, s.bits - 1);
+            if (chance(30)) count = "(& (conv-int " + leaf(scalar(minic::T_INT)) + ") 15)";
+            return "(" + std::string(chance(50) ? "<<" : ">>") + " " + expr(s, b) + " " + count + ")";
+        }
         case 5: return "(" + std::string(chance(50) ? "neg" : "~") + " " + expr(s, b) + ")";
         case 6: {
-            static const char* ops[] = {"==", "!=", "<", "<=", ">", ">="};
+            static const char* ops[] = {"==", "!=", "<", "<=", ">", ">=", "u<", "u<=", "u>", "u>="};
             const Scalar& t = any_type();
-            return convert("(" + std::string(ops[pick(6)]) + " " + expr(t, half()) + " " + expr(t, half()) + ")", minic::T_INT, s);
+            return convert("(" + std::string(ops[pick(10)]) + " " + expr(t, half()) + " " + expr(t, half()) + ")", minic::T_INT, s);
         }
         case 7: {
             const Scalar& t = any_type();

@@ -1,12 +1,13 @@
 // opt5_difffuzz: differential fuzzing of opt5 over many generated units.
 //
 //   opt5_difffuzz [--seed S] [--count N] [--levels 0,1,2,3,4] [--save DIR]
-//                 [--opt5 PATH] [--unit FILE.mini] [-- extra opt5 options]
+//                 [--opt5 PATH] [--unit FILE.mini] [--print] [-- extra opt5 options]
 //
 // Units S, S+1, ... S+N-1 are generated and checked; each failure is
 // reduced, printed, and (with --save) written to DIR/seed<k>.mini, the form
 // the regression test reads from tests/data/fuzz.  --unit checks one saved
-// unit instead.  Exit status 1 when anything failed.
+// unit instead; --print prints the units instead of checking them.  Exit
+// status 1 when anything failed.
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -17,6 +18,7 @@ int main(int argc, char** argv) {
     uint64_t seed = 1, count = 1000;
     std::vector<int> levels = {0, 1, 2, 3, 4};
     std::string save, unit;
+    bool print = false;
     difffuzz::Checker checker;
     checker.opt5 = OPT5_BINARY;
     for (int i = 1; i < argc; ++i) {
@@ -33,6 +35,7 @@ int main(int argc, char** argv) {
         else if (a == "--save") save = value();
         else if (a == "--opt5") checker.opt5 = value();
         else if (a == "--unit") unit = value();
+        else if (a == "--print") print = true;
         else if (a == "--levels") {
             levels.clear();
             std::string l = value();
@@ -41,7 +44,7 @@ int main(int argc, char** argv) {
         } else if (a == "--") {
             for (++i; i < argc; ++i) checker.options.push_back(argv[i]);
         } else {
-            std::fprintf(stderr, "usage: %s [--seed S] [--count N] [--levels 0,1,2,3,4] [--save DIR] [--opt5 PATH] [--unit FILE] [-- options]\n", argv[0]);
+            std::fprintf(stderr, "usage: %s [--seed S] [--count N] [--levels 0,1,2,3,4] [--save DIR] [--opt5 PATH] [--unit FILE] [--print] [-- options]\n", argv[0]);
             return 2;
         }
     }
@@ -55,6 +58,10 @@ int main(int argc, char** argv) {
     int failures = 0;
     for (uint64_t k = seed; k < seed + count; ++k) {
         difffuzz::Unit u = difffuzz::generate(k);
+        if (print) {
+            std::printf("%s\n", u.save("seed " + std::to_string(k)).c_str());
+            continue;
+        }
         std::string why = checker.check(u, levels);
         if (why.empty()) continue;
         ++failures;
