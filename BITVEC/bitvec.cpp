@@ -2,7 +2,7 @@
 
 #include <bit>
 
-#include "OPT5/abort.h"
+#include "UTIL/assert.h"
 
 namespace {
 const char THIS_MODULE[] = "BITVEC/bitvec";
@@ -19,12 +19,12 @@ void BITVEC::trim() {
 }
 
 void BITVEC::set(size_t i) {
-    OPT_REQUIRE(i < bits_);
+    UTIL_REQUIRE(i < bits_);
     words_[i / 64] |= uint64_t{1} << (i % 64);
 }
 
 void BITVEC::reset(size_t i) {
-    OPT_REQUIRE(i < bits_);
+    UTIL_REQUIRE(i < bits_);
     words_[i / 64] &= ~(uint64_t{1} << (i % 64));
 }
 
@@ -50,7 +50,7 @@ size_t BITVEC::count() const {
 }
 
 bool BITVEC::union_with(const BITVEC& other) {
-    OPT_REQUIRE(other.bits_ <= bits_);
+    UTIL_REQUIRE(other.bits_ <= bits_);
     bool changed = false;
     for (size_t i = 0; i < other.words_.size(); ++i) {
         uint64_t w = words_[i] | other.words_[i];
@@ -81,6 +81,6 @@ void BITVEC::print(FILE* out) const {
 
 void free_bitvec(BITVEC* v) {
     if (!v) return;
-    if (v->zoned()) optassert("Should not free a zoned bitvector", THIS_MODULE, __LINE__);
+    if (v->zoned()) internal_error("Should not free a zoned bitvector", THIS_MODULE, __LINE__);
     delete v;
 }

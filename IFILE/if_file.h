@@ -107,6 +107,13 @@ void set_if_fatal_handler(if_fatal_handler_fn fn);
 // "INTERNAL ERROR: Invalid I-code record, aborting"
 [[noreturn]] void if_invalid_record();
 
+// The deepest expression tree the reader accepts (levels of operators).
+constexpr size_t IF_MAX_TREE_DEPTH = 100000;
+
+// The largest label number the reader accepts: the optimizer numbers the
+// labels it makes from the largest one read, and they must fit an int.
+constexpr uint64_t IF_MAX_LABEL = (uint64_t{1} << 30) - 1;
+
 // File names of positions, shared by every I-file of the run; the pointers
 // stay valid to the end of the run.
 const char* if_intern_file_name(const std::string& name);
@@ -201,6 +208,7 @@ private:
     int r_s16();
     uint32_t r_u32();
     uint64_t r_uint();
+    unsigned r_label();
     int64_t r_sint();
     std::string r_string();
     std::string r_string(size_t n);
@@ -211,6 +219,7 @@ private:
 
     void dispatch(int id);
     BASE_NODE* read_expr_node(bool nested);
+    BASE_NODE* read_node_record(bool nested, int& opcode);
     void read_symbol_def();
     void read_pragma(I_SYMTAB* sym);
     void read_eht();

@@ -12,7 +12,7 @@ namespace {
 if_node_row if_node_info[IF_NODE_TABLE_SIZE];
 
 void if_enter_node(int opcode, const char* name, int arity) {
-    if (opcode < 0 || opcode >= IF_NODE_TABLE_SIZE) if_fatal("\nINTERNAL ERROR: Invalid opcode, aborting\n");
+    if (opcode < 0 || opcode >= IF_NODE_TABLE_SIZE) if_fatal("\nINTERNAL ERROR: Invalid opcode, aborting");
     if_node_info[opcode] = {opcode, name, arity};
 }
 

@@ -59,7 +59,7 @@ void if_fatal(const char* message) {
     std::exit(1);
 }
 
-void if_invalid_record() { if_fatal("\nINTERNAL ERROR: Invalid I-code record, aborting\n"); }
+void if_invalid_record() { if_fatal("\nINTERNAL ERROR: Invalid I-code record, aborting"); }
 
 const char* if_intern_file_name(const std::string& name) {
     static std::mutex m;
@@ -452,9 +452,9 @@ void I_FILE::dispatch(int id) {
         break;
     }
     case IR_LABEL: {
-        uint64_t label = r_uint();
+        unsigned label = r_label();
         r_end();
-        client_->cl_label(static_cast<unsigned>(label));
+        client_->cl_label(label);
         break;
     }
     case IR_MBANK: {
@@ -554,18 +554,28 @@ void I_FILE::dispatch(int id) {
     }
 }
 
-BASE_NODE* I_FILE::read_expr_node(bool nested) {
+// A label number: one above IF_MAX_LABEL is an invalid record, so that the
+// labels a function invents later always fit.
+unsigned I_FILE::r_label() {
+    uint64_t label = r_uint();
+    if (label > IF_MAX_LABEL) if_invalid_record();
+    return static_cast<unsigned>(label);
+}
+
+// One node record with its payload; its operands follow as records of
+// their own.
+BASE_NODE* I_FILE::read_node_record(bool nested, int& opcode) {
     if (nested) {
         uint64_t size;
         if (read_header(size) != IR_NODE) if_invalid_record();
         read_body(size);
     }
-    int opcode = static_cast<int>(r_u8());
+    opcode = static_cast<int>(r_u8());
     if (opcode > 163) if_invalid_record();
     TYPE* type = r_typeref();
     BASE_NODE* node = client_->cl_new_node(opcode, type);
     switch (opcode) {
-    case OP_LABEL: node->mk_label(static_cast<int>(r_uint())); break;
+    case OP_LABEL: node->mk_label(static_cast<int>(r_label())); break;
     case OP_NAME: node->mk_name(r_symref()); break;
     case OP_SCON: {
         uint64_t n = r_uint();
@@ -613,19 +623,47 @@ BASE_NODE* I_FILE::read_expr_node(bool nested) {
     default: break;
     }
     r_end();
-    if (opcode == OP_SKIP || opcode == OP_VREG) return node;
-
-    int arity = if_node_info[opcode].arity;
-    BASE_NODE* left = arity >= 1 ? read_expr_node(true) : nullptr;
-    BASE_NODE* right = arity >= 2 ? read_expr_node(true) : nullptr;
-    client_->cl_set_operands(node, left, right);
-    if (arity == 2 && opcode >= OP_EQ && opcode <= OP_UGT) {
-        TYPE* lt = client_->cl_node_type(left);
-        TYPE* rt = client_->cl_node_type(right);
-        if ((lt && lt->stripped()->kind == TYPE::FLOAT_T) || (rt && rt->stripped()->kind == TYPE::FLOAT_T))
-            client_->cl_set_opcode(node, floating_compare(opcode));
-    }
     return node;
+}
+
+// Trees are read with a stack of their own, not the machine's: a tree as
+// deep as the file allows is read, and one deeper than IF_MAX_TREE_DEPTH is
+// refused, since the optimizing steps walk trees recursively.
+BASE_NODE* I_FILE::read_expr_node(bool nested) {
+    struct PENDING {
+        BASE_NODE* node;
+        int opcode, arity, have;
+        BASE_NODE* operand[2];
+    };
+    std::vector<PENDING> open;
+    for (bool first = true;; first = false) {
+        int opcode;
+        BASE_NODE* done = read_node_record(first ? nested : true, opcode);
+        int arity = opcode == OP_SKIP || opcode == OP_VREG ? 0 : if_node_info[opcode].arity;
+        if (arity > 0) {
+            if (open.size() >= IF_MAX_TREE_DEPTH)
+                if_fatal("\nINTERNAL ERROR: Expression nested deeper than 100000 levels, aborting");
+            open.push_back({done, opcode, arity, 0, {nullptr, nullptr}});
+            continue;
+        }
+        while (!open.empty()) {
+            PENDING& p = open.back();
+            p.operand[p.have++] = done;
+            if (p.have < p.arity) break;
+            BASE_NODE* left = p.operand[0];
+            BASE_NODE* right = p.arity >= 2 ? p.operand[1] : nullptr;
+            client_->cl_set_operands(p.node, left, right);
+            if (p.arity == 2 && p.opcode >= OP_EQ && p.opcode <= OP_UGT) {
+                TYPE* lt = client_->cl_node_type(left);
+                TYPE* rt = client_->cl_node_type(right);
+                if ((lt && lt->stripped()->kind == TYPE::FLOAT_T) || (rt && rt->stripped()->kind == TYPE::FLOAT_T))
+                    client_->cl_set_opcode(p.node, floating_compare(p.opcode));
+            }
+            done = p.node;
+            open.pop_back();
+        }
+        if (open.empty()) return done;
+    }
 }
 
 void I_FILE::read_symbol_def() {
@@ -693,10 +731,10 @@ void I_FILE::read_eht() {
     for (uint64_t i = 0; i < count; ++i) {
         EHT_ENTRY e;
         e.kind = static_cast<int>(r_u8());
-        if (e.kind > EHK_CLEANUP_END) if_fatal("INTERNAL ERROR: Invalid EHT record in I-code, aborting\n");
+        if (e.kind > EHK_CLEANUP_END) if_fatal("INTERNAL ERROR: Invalid EHT record in I-code, aborting");
         e.id = static_cast<unsigned>(r_uint());
         e.parent = static_cast<unsigned>(r_uint());
-        e.label = static_cast<unsigned>(r_uint());
+        e.label = r_label();
         e.caught = r_typeref();
         entries.push_back(e);
     }

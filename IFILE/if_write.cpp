@@ -209,7 +209,7 @@ bool I_FILE::write_expr_node(BASE_NODE* node, IF_CLIENT* nodes) {
     while (node) {
         int op = nodes->cl_node_opcode(node);
         TYPE* type = nodes->cl_node_type(node);
-        if (op < 0 || op > 163) if_fatal("\nINTERNAL ERROR: Invalid opcode, aborting\n");
+        if (op < 0 || op > 163) if_fatal("\nINTERNAL ERROR: Invalid opcode, aborting");
         if (op == OP_NAME && node->name_symbol() && node->name_symbol()->index == I_SYMTAB::NO_INDEX) {
             std::fprintf(stderr, ">> Symbol %s is not in the symbol table\n", node->name_symbol()->name.c_str());
             out_.clear();

@@ -1,15 +1,18 @@
 #include "OPT5/abort.h"
 
+#include <unistd.h>
+
 #include <atomic>
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <unistd.h>
+#include <cstring>
 
 #include "DEBUG_DISABLE/switches.h"
-#include "OPT5/cmdline.h"
 #include "OPT5/globals.h"
 #include "OPT5/symtab.h"
+#include "UTIL/assert.h"
 #include "UTIL/cleanup.h"
 #include "UTIL/signals.h"
 #include "UTIL/support.h"
@@ -58,6 +61,19 @@ void abort_optimizer(const char* reason) {
 
 void optassert(const char*, const char*, int) { abort_optimizer(); }
 
+void debug_write_failed(const char*, const char*, int) {
+    int error = errno ? errno : EIO;
+    if (FDEBUG) {
+        std::fclose(FDEBUG);  // nothing more can be written to it
+        FDEBUG = nullptr;
+        print_debug = false;
+    }
+    std::fprintf(stderr, "\n>> Cannot write the debug file %s : %s, Aborting\n",
+                 debug_file_name.empty() ? "<unknown>" : debug_file_name.c_str(), std::strerror(error));
+    run_abnormal_exit_cleanup();
+    std::exit(1);
+}
+
 void optimizer_signal_callback(int sig) {
     std::fflush(nullptr);
     const char* name = signal_name(sig);
@@ -79,4 +95,5 @@ void install_optimizer_signal_handlers(const char* program_name) {
     signal_function_name_fn = current_function_name;
     signal_file_name_fn = current_file_name;
     install_common_handlers(common_signal_handler, optimizer_signal_callback);
+    set_internal_error_handler(optassert);
 }

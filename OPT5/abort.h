@@ -17,14 +17,17 @@
         if (!(cond)) optassert(#cond, THIS_MODULE, __LINE__);     \
     } while (0)
 
-// Every write to the debug stream is checked the same way.
-#define DBG_CHECK(stmt)                                           \
-    do {                                                          \
-        if ((stmt) < 0) optassert(#stmt, THIS_MODULE, __LINE__);  \
+// Every write to the debug stream is checked the same way; a failed one
+// ends the run naming the file and the system's reason (a full disk is not
+// a defect of the optimizer).
+[[noreturn]] void debug_write_failed(const char* condition, const char* file, int line);
+#define DBG_CHECK(stmt)                                                   \
+    do {                                                                  \
+        if ((stmt) < 0) debug_write_failed(#stmt, THIS_MODULE, __LINE__); \
     } while (0)
-#define DBG_FLUSH()                                                        \
-    do {                                                                   \
-        if (std::fflush(FDEBUG) != 0) optassert("fflush(FDEBUG)", THIS_MODULE, __LINE__); \
+#define DBG_FLUSH()                                                                        \
+    do {                                                                                   \
+        if (std::fflush(FDEBUG) != 0) debug_write_failed("fflush(FDEBUG)", THIS_MODULE, __LINE__); \
     } while (0)
 
 // The callback given to the fatal-signal handler: closes the listings with a

@@ -1,6 +1,7 @@
 #include "OPT5/bbutils.h"
 
 #include <algorithm>
+#include <climits>
 #include <map>
 
 #include "BITVEC/bitvec.h"
@@ -131,7 +132,10 @@ void clear_visited() {
     for (BBLK* b : layout_blocks()) b->visited = false;
 }
 
-int new_label_number() { return ++currfuninfo->max_label; }
+int new_label_number() {
+    OPT_REQUIRE(currfuninfo->max_label < INT_MAX);
+    return ++currfuninfo->max_label;
+}
 
 BBLK* mkbblock(std::vector<BODY_ENTRY> statements, BBLK* next, FUNINFO* fi) {
     BBLK* b = new BBLK;

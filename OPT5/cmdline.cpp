@@ -1,9 +1,14 @@
 #include "OPT5/cmdline.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cerrno>
+#include <climits>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
-#include <sys/stat.h>
 
 #include "DEBUG_DISABLE/register_option.h"
 #include "DIAG/diag.h"
@@ -22,6 +27,19 @@ char** arg_vector = nullptr;
 int arg_index = 0;
 const char* program_name = "opt5";
 bool output_opened = false;
+
+// The output is written to a file of our own and becomes the named file only
+// at a normal end, so that no partial output is ever seen and a failed run
+// removes nothing but what it made.  A regular file (or none yet) is
+// replaced by renaming the temporary file, made beside it, into its place; a
+// device, pipe or socket gets the temporary file's contents copied into it.
+struct OUTPUT_PLAN {
+    std::string final_path;  // where the output goes, symbolic links followed
+    std::string temp_path;   // the file written meanwhile (registered for removal)
+    bool copy_at_end = false;
+} output_plan;
+
+[[noreturn]] void output_failure(const char* what, const std::string& name, int error);
 }  // namespace
 
 int alias_vars_option, inline_single, cache_sys_funinfo, code_is_reentrant, dump_ocg_in_GDL;
@@ -138,6 +156,92 @@ void apply_display_settings(const option_obj& o) {
     std::exit(1);
 }
 
+[[noreturn]] void output_failure(const char* what, const std::string& name, int error) {
+    std::fprintf(stderr, "\n>> Cannot write the %s %s : %s, Aborting\n", what, name.c_str(), std::strerror(error));
+    discard_output();
+    std::exit(1);
+}
+
+// Makes the temporary file that the output is written to; `in` is the
+// input's status.
+void open_output(const struct stat& in) {
+    const char* cannot = "\n>> Cannot Open Output icode File, %s : %s, Aborting\n";
+    struct stat out;
+    bool exists = stat(output_file_name.c_str(), &out) == 0;
+    if (exists && out.st_dev == in.st_dev && out.st_ino == in.st_ino) {
+        std::fprintf(stderr, "\n>> The output icode file %s is the input file %s, Aborting\n",
+                     output_file_name.c_str(), input_file_name.c_str());
+        discard_output();
+        std::exit(1);
+    }
+    if (exists && S_ISDIR(out.st_mode)) {
+        errno = EISDIR;
+        open_failure(cannot, output_file_name);
+    }
+    output_plan = OUTPUT_PLAN();
+    output_plan.final_path = output_file_name;
+    output_plan.copy_at_end = exists && !S_ISREG(out.st_mode);
+    std::string dir;
+    if (output_plan.copy_at_end) {
+        if (access(output_file_name.c_str(), W_OK) != 0) open_failure(cannot, output_file_name);
+        const char* tmp = std::getenv("TMPDIR");
+        dir = tmp && *tmp ? std::string(tmp) + "/" : "/tmp/";
+        output_plan.temp_path = dir + "opt5_output.XXXXXX";
+    } else {
+        char resolved[PATH_MAX];
+        if (exists && realpath(output_file_name.c_str(), resolved)) output_plan.final_path = resolved;
+        output_plan.temp_path = output_plan.final_path + ".XXXXXX";
+    }
+    int fd = mkstemp(output_plan.temp_path.data());
+    if (fd < 0) open_failure(cannot, output_file_name);
+    if (!register_temporary_file(output_plan.temp_path.c_str())) {
+        close(fd);
+        unlink(output_plan.temp_path.c_str());
+        errno = ENAMETOOLONG;
+        open_failure(cannot, output_file_name);
+    }
+    mode_t mask = umask(0);
+    umask(mask);
+    if (!output_plan.copy_at_end) fchmod(fd, exists ? (out.st_mode & 07777) : (0666 & ~mask));
+    output_file = fdopen(fd, "wb");
+    if (!output_file) open_failure(cannot, output_file_name);
+    output_opened = true;
+}
+
+// The written output becomes the named file.  Signals are held from here to
+// the exit, so that a run that has put its output in place ends normally.
+void put_output_in_place() {
+    sigset_t all;
+    sigfillset(&all);
+    sigprocmask(SIG_BLOCK, &all, nullptr);
+    const OUTPUT_PLAN& p = output_plan;
+    if (!p.copy_at_end) {
+        if (rename(p.temp_path.c_str(), p.final_path.c_str()) != 0) output_failure("output icode file", output_file_name, errno);
+        forget_temporary_file(p.temp_path.c_str());
+        output_opened = false;
+        return;
+    }
+    FILE* from = std::fopen(p.temp_path.c_str(), "rb");
+    if (!from) output_failure("output icode file", output_file_name, errno);
+    FILE* to = std::fopen(p.final_path.c_str(), "wb");
+    if (!to) {
+        int e = errno;
+        std::fclose(from);
+        output_failure("output icode file", output_file_name, e);
+    }
+    char buf[65536];
+    size_t n;
+    int error = 0;
+    while (!error && (n = std::fread(buf, 1, sizeof buf, from)) > 0)
+        if (std::fwrite(buf, 1, n, to) != n) error = errno ? errno : EIO;
+    if (!error && std::ferror(from)) error = EIO;
+    if (std::fclose(to) != 0 && !error) error = errno;
+    std::fclose(from);
+    if (error) output_failure("output icode file", output_file_name, error);
+    remove_temporary_files();
+    output_opened = false;
+}
+
 }  // namespace
 
 void set_global_flags(option_obj* options) {
@@ -221,9 +325,7 @@ void open_files(int argc, char** argv) {
         discard_output();
         std::exit(1);
     }
-    output_file = std::fopen(output_file_name.c_str(), "wb");
-    if (!output_file) open_failure("\n>> Cannot Open Output icode File, %s : %s, Aborting\n", output_file_name);
-    output_opened = true;
+    open_output(st);
 
     if (file_options.isset(OPT_info_file)) {
         const char* name = file_options.getstrarg(OPT_info_file, 0);
@@ -264,17 +366,20 @@ void close_files() {
     if (FDEBUG) {
         DBG_CHECK(std::fprintf(FDEBUG, "\n== END OF DEBUG OUTPUT==\n"));
         if (std::fclose(FDEBUG) != 0) {
+            int error = errno;
             FDEBUG = nullptr;
-            optassert("fclose(FDEBUG) == 0", THIS_MODULE, __LINE__);
+            print_debug = false;
+            output_failure("debug file", debug_file_name, error);
         }
         FDEBUG = nullptr;
     }
     if (info_stream) {
         std::fprintf(info_stream, "\n== END OF INFO OUTPUT==\n");
         bool failed = std::fclose(info_stream) != 0;
+        int error = errno;
         info_stream = nullptr;
         finfo = nullptr;
-        if (failed) abort_optimizer("Cannot write the information file");
+        if (failed) output_failure("information file", file_options.getstrarg(OPT_info_file, 0), error);
     }
     if (input_file) {
         std::fclose(input_file);
@@ -285,18 +390,21 @@ void close_files() {
         i_file = nullptr;
     }
     if (o_file) {
+        errno = 0;
         bool failed = o_file->if_close(true) != 0;
+        int error = errno ? errno : EIO;
         delete o_file;
         o_file = nullptr;
         output_file = nullptr;
-        if (failed) abort_optimizer("Cannot write the output icode file");
+        if (failed) output_failure("output icode file", output_file_name, error);
     }
     if (output_file) {
         bool failed = std::fclose(output_file) != 0;
+        int error = errno;
         output_file = nullptr;
-        if (failed) abort_optimizer("Cannot write the output icode file");
+        if (failed) output_failure("output icode file", output_file_name, error);
     }
-    output_opened = false;
+    if (output_opened) put_output_in_place();
 }
 
 void discard_output() {
@@ -316,8 +424,7 @@ void discard_output() {
         std::fclose(output_file);
         output_file = nullptr;
     }
-    if (output_opened) {
-        std::remove(output_file_name.c_str());
-        output_opened = false;
-    }
+    // Only the file this run made goes; the named output is left as it was.
+    remove_temporary_files();
+    output_opened = false;
 }

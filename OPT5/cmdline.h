@@ -27,8 +27,7 @@ extern std::vector<option_obj> all_option_sets;  // per-function sets from the I
 
 extern FILE* input_file;
 extern FILE* output_file;
-extern FILE* info_stream;       // the information file (finfo of the main thread)
-extern std::string input_file_name, output_file_name, debug_file_name;
+extern std::string output_file_name;  // the input and listing names are in globals.h
 
 // Parses the command line into file_options, sets the global flags and opens
 // the input, output, information and debug files.  Errors end the run.

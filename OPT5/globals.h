@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdio>
+#include <string>
 #include <vector>
 
 struct SYMTAB;
@@ -9,6 +10,8 @@ struct FUNINFO;
 
 extern bool print_debug;       // the debug stream is on
 extern FILE* FDEBUG;           // the debug stream
+extern FILE* info_stream;      // the information file (finfo of the main thread)
+extern std::string input_file_name, debug_file_name;
 extern bool write_opt_info;    // the optimisation-information stream is on
 extern thread_local FILE* finfo;  // that stream (per thread: workers capture their own)
 

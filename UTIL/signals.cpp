@@ -1,9 +1,12 @@
 #include "UTIL/signals.h"
 
+#include <unistd.h>
+
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <initializer_list>
 
 #include "UTIL/cleanup.h"
@@ -59,36 +62,52 @@ const char* signal_description(int sig) {
     }
 }
 
+namespace {
+// The handlers run on a stack of their own, so that even an overflow of the
+// machine stack ends with its message.
+alignas(16) char alternate_stack[64 * 1024];
+
+}  // namespace
+
 void install_common_handlers(signal_handler_fn handler, signal_callback_fn callback) {
     stored_callback = callback;
-    for (int sig : {4, 6, 8}) std::signal(sig, handler);
-    for (int sig : {11, 15, 2, 1, 5, 7, 31, 24, 25}) std::signal(sig, handler);
+    stack_t ss{};
+    ss.ss_sp = alternate_stack;
+    ss.ss_size = sizeof alternate_stack;
+    sigaltstack(&ss, nullptr);
+    struct sigaction sa {};
+    sa.sa_handler = handler;
+    sa.sa_flags = SA_ONSTACK;
+    sigfillset(&sa.sa_mask);  // one handler at a time
+    for (int sig : {4, 6, 8, 11, 15, 2, 1, 5, 7, 31, 24, 25}) sigaction(sig, &sa, nullptr);
 }
 
 void common_signal_handler(int sig) {
     const char* prog = plausible(signal_program_name, "unknown");
     if (sig == 1 || sig == 2 || sig == 15) {
-        if (sig == 15) std::fprintf(stderr, "[%s received a terminate signal]\n", prog);
-        else std::fprintf(stderr, "[%s forced exit]\n", prog);
-        // The quick exit skips the callback but not the removal of partial output.
-        run_abnormal_exit_cleanup();
-        std::_Exit(2);
+        write_to_stderr("[");
+        write_to_stderr(prog);
+        write_to_stderr(sig == 15 ? " received a terminate signal]\n" : " forced exit]\n");
+        remove_temporary_files();
+        _exit(2);
     }
-    static const char* const description = signal_description(sig);
-
     const char* func = plausible(signal_function_name_fn ? signal_function_name_fn() : nullptr, "<unknown>");
     const char* file = plausible(signal_file_name_fn ? signal_file_name_fn() : nullptr, "<unknown>");
-    char context[2048];
-    std::snprintf(context, sizeof context, "while processing function %s file %s", func, file);
-
-    std::fprintf(stderr, "\nINTERNAL ERROR: %s %s\n", prog, description);
-    if (context[0]) std::fprintf(stderr, "                  %s\n", context);
-    std::fputc('\n', stderr);
-    std::fflush(nullptr);
+    write_to_stderr("\nINTERNAL ERROR: ");
+    write_to_stderr(prog);
+    write_to_stderr(" ");
+    write_to_stderr(signal_description(sig));
+    write_to_stderr("\n                  while processing function ");
+    write_to_stderr(func);
+    write_to_stderr(" file ");
+    write_to_stderr(file);
+    write_to_stderr("\n\n");
+    // The partial output goes before anything that might fail in a broken
+    // process.
+    remove_temporary_files();
     print_support_message();
-    std::fflush(nullptr);
     if (stored_callback) stored_callback(sig);
-    std::_Exit(2);
+    _exit(2);
 }
 
 void debug_signal_handler(int sig) { std::signal(sig, debug_signal_handler); }

@@ -2,7 +2,7 @@
 
 #include <cctype>
 
-#include "OPT5/abort.h"
+#include "UTIL/assert.h"
 
 namespace {
 using u128 = unsigned __int128;
@@ -124,4 +124,4 @@ bool INT65::parse(const char* text, INT65& out, bool* overflow) {
     return true;
 }
 
-void INT65::fits_failure(int) { optassert("fits_in<T>()", "OPT5/int65", 81); }
+void INT65::fits_failure(int line) { internal_error("fits_in<T>()", "XINT/int65", line); }

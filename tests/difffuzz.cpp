@@ -46,6 +46,11 @@ struct Generator {
     bool volatile_array = false, volatile_local = false;
     int labels = 0;
     int depth = 0;
+    // An assignment inside an expression (a comma) only at the top of a
+    // statement's value, and never to the statement's own target: nothing
+    // else in the statement may read the variable unsequenced.
+    bool comma_allowed = false;
+    std::string target;
 
     uint64_t next() {
         state ^= state << 13;
@@ -104,6 +109,8 @@ struct Generator {
 
     // An expression of the type, of at most `budget` operators.
     std::string expr(const Scalar& s, int budget) {
+        bool top = comma_allowed;
+        comma_allowed = false;
         if (budget <= 0 || chance(25)) return leaf(s);
         int b = budget - 1;
         auto half = [&]() { return b / 2; };
@@ -153,11 +160,20 @@ struct Generator {
             return leaf(s);
         case 12: {  // a comma: an assignment, then the value
             const Var* v = assignable();
-            if (!v) return leaf(s);
+            if (!top || !v || v->name == target) return leaf(s);
             return "(, (= " + v->name + " " + expr(scalar(v->type), half()) + ") " + expr(s, half()) + ")";
         }
         default: return leaf(s);
         }
+    }
+
+    // The value of an assignment to `to`.
+    std::string value(const Scalar& s, int budget, const std::string& to) {
+        comma_allowed = true;
+        target = to;
+        std::string e = expr(s, budget);
+        comma_allowed = false;
+        return e;
     }
 
     const Var* assignable() {
@@ -174,7 +190,7 @@ struct Generator {
         const Var* v = assignable();
         switch (k) {
         case 0: case 1: case 2:
-            if (v) add("(= " + v->name + " " + expr(scalar(v->type), budget) + ")");
+            if (v) add("(= " + v->name + " " + value(scalar(v->type), budget, v->name) + ")");
             return;
         case 3:
             if (v) {

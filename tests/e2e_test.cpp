@@ -4,6 +4,7 @@
 
 #include <signal.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 
 #include <chrono>
 #include <cstdlib>
@@ -147,14 +148,176 @@ TEST_F(EndToEnd, ForcedOrderReportedInTheDebugFile) {
     EXPECT_GT(orders.size(), 1u);
 }
 
-TEST_F(EndToEnd, FailedDebugWriteIsAnInternalError) {
+// A full disk is the user's trouble, not a defect: the file and the
+// system's reason are named, and nothing is left behind.
+TEST_F(EndToEnd, FailedWritesNameTheFileAndTheReason) {
     Result r = opt5({"--debug_file=/dev/full", "in.if", "out.if"});
     EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(r.err.rfind("\n>>>> Optimizer terminated abnormally\n\nThis is a defect in the C/C++ Optimizer", 0), 0u)
-        << r.err;
-    EXPECT_TRUE(r.err.size() > support_tail.size() &&
-                r.err.compare(r.err.size() - support_tail.size(), support_tail.size(), support_tail) == 0);
+    EXPECT_EQ(r.err, "\n>> Cannot write the debug file /dev/full : No space left on device, Aborting\n");
     EXPECT_FALSE(has("out.if"));
+    r = opt5({"--info_file=/dev/full", "in.if", "out.if"});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.err, "\n>> Cannot write the information file /dev/full : No space left on device, Aborting\n");
+    EXPECT_FALSE(has("out.if"));
+    r = opt5({"in.if", "/dev/full"});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.err, "\n>> Cannot write the output icode file /dev/full : No space left on device, Aborting\n");
+}
+
+// Files that are not regular files are written into, never removed or
+// replaced, whether the run fails or not.
+TEST_F(EndToEnd, DevicesAndPipesAreNeverRemoved) {
+    ASSERT_EQ(mknod((dir / "null").c_str(), S_IFCHR | 0666, makedev(1, 3)), 0);
+    ASSERT_EQ(mknod((dir / "full").c_str(), S_IFCHR | 0666, makedev(1, 7)), 0);
+    ASSERT_EQ(mkfifo((dir / "pipe").c_str(), 0600), 0);
+    spit(dir / "bad.if", "junk");
+    auto kind = [&](const char* name) {
+        struct stat st;
+        return lstat((dir / name).c_str(), &st) == 0 ? st.st_mode & S_IFMT : 0;
+    };
+    for (const char* in : {"bad.if", "in.if"}) {
+        for (const char* out : {"null", "full"}) {
+            Result r = opt5({in, out});
+            EXPECT_EQ(r.status, std::string(in) == "in.if" && std::string(out) == "null" ? 0 : 1) << in << " " << out;
+            EXPECT_EQ(kind(out), static_cast<unsigned>(S_IFCHR)) << in << " " << out;
+        }
+    }
+    // A reader at the pipe gets the whole output.
+    std::thread reader([&] { spit(dir / "from_pipe", slurp(dir / "pipe")); });
+    Result r = opt5({"in.if", "pipe"});
+    reader.join();
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(kind("pipe"), static_cast<unsigned>(S_IFIFO));
+    ASSERT_EQ(opt5({"in.if", "plain.if"}).status, 0);
+    EXPECT_EQ(file("from_pipe"), file("plain.if"));
+    // Nothing of ours is left in the directory.
+    for (const auto& e : fs::directory_iterator(dir))
+        EXPECT_EQ(e.path().filename().string().find(".if."), std::string::npos) << e.path();
+}
+
+// The output path naming the input, however spelt, is refused before
+// anything is written, and the input stays as it was.
+TEST_F(EndToEnd, OutputThatIsTheInputIsRefused) {
+    std::string before = file("in.if");
+    fs::create_symlink("in.if", dir / "link.if");
+    fs::create_hard_link(dir / "in.if", dir / "hard.if");
+    for (const char* out : {"in.if", "./in.if", "link.if", "hard.if"}) {
+        Result r = opt5({"in.if", out});
+        EXPECT_EQ(r.status, 1) << out;
+        EXPECT_EQ(r.err, std::string("\n>> The output icode file ") + out + " is the input file in.if, Aborting\n");
+        EXPECT_EQ(file("in.if"), before) << out;
+    }
+}
+
+// A failed run leaves a file it was to replace as it was; a symbolic link
+// as output is followed, not replaced.
+TEST_F(EndToEnd, AFailedRunLeavesTheOldOutput) {
+    spit(dir / "bad.if", "junk");
+    spit(dir / "out.if", "old");
+    EXPECT_EQ(opt5({"bad.if", "out.if"}).status, 1);
+    EXPECT_EQ(file("out.if"), "old");
+    fs::create_symlink("out.if", dir / "link.if");
+    EXPECT_EQ(opt5({"in.if", "link.if"}).status, 0);
+    EXPECT_TRUE(fs::is_symlink(dir / "link.if"));
+    EXPECT_EQ(file("out.if"), file("link.if"));
+    EXPECT_NE(file("out.if"), "old");
+}
+
+// A signal at any moment ends the run either normally, with the whole
+// output, or with status 2 and nothing at all: no partial output, no file of
+// ours left over.
+TEST_F(EndToEnd, ASignalAtAnyMomentLeavesAllOrNothing) {
+    std::string text = ".header version=-71 cpu=0x258 source=\"t.c\" extra=0\n.section main\n";
+    for (int f = 0; f < 40; ++f) {
+        text += "begin_func P:1:1:1 n:" + std::to_string(f) + "\n"
+                "symbol S:\"a\" n:16 n:0 c:0 w:0 n:1 n:0 n:16 c:0 n:0 n:0 P:0 b:0\nend_args P:0\nend_locals P:0\n";
+        for (int i = 0; i < 200; ++i)
+            text += "stmt P:1:2:1\nnode b:7 n:1\nnode b:2 n:1 R:1:0\nnode b:11 n:1\nnode b:2 n:1 R:1:0\nnode b:4 n:1 i:3\n";
+        text += "stmt P:1:3:1\nnode b:118 n:1\nnode b:2 n:1 R:1:0\nend_func P:0\n";
+    }
+    text += ".end\n.section types\ntype n:1 b:8 b:1 n:16 n:16 b:0 b:0\ntype n:2 b:22 n:1 b:1 b:0 b:0 b:0\n.end\n"
+            ".section files\nsource S:\"t.c\"\n.end\n.section globals\n";
+    for (int f = 0; f < 40; ++f)
+        text += "symbol S:\"f" + std::to_string(f) + "\" n:0 n:0 c:0 w:0 n:2 n:0 n:16 c:0 n:0 n:0 P:1:1:1 b:0\n";
+    text += ".end\n";
+    ASSERT_EQ(assemble(text, dir / "big.if"), "");
+    auto start = std::chrono::steady_clock::now();
+    ASSERT_EQ(opt5({"-o2", "big.if", "whole.if"}).status, 0);
+    auto took = std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - start);
+    std::string whole = file("whole.if");
+    static int delay_us;
+    int ends[3] = {0, 0, 0};
+    for (int k = 0; k < 40; ++k) {
+        // From 40% of the run to well past its end, so that some runs end first.
+        delay_us = static_cast<int>(took.count() * (40 + 4 * k) / 100);
+        Result r = run(OPT5_BINARY, {"-o2", "big.if", "out.if"}, {}, [](pid_t pid) {
+            std::this_thread::sleep_for(std::chrono::microseconds(delay_us));
+            kill(pid, SIGTERM);
+        });
+        // Before its handlers are in place the signal kills the process.
+        if (!r.exited) EXPECT_EQ(r.status, SIGTERM);
+        else ASSERT_TRUE(r.status == 0 || r.status == 2) << r.status;
+        ++ends[r.exited ? r.status : 1];
+        if (r.exited && r.status == 0) EXPECT_EQ(file("out.if"), whole) << delay_us;
+        else EXPECT_FALSE(has("out.if")) << delay_us;
+        for (const auto& e : fs::directory_iterator(dir))
+            EXPECT_EQ(e.path().filename().string().rfind("out.if.", 0), std::string::npos) << e.path();
+        fs::remove(dir / "out.if");
+    }
+    EXPECT_GT(ends[2], 0) << ends[0] << " " << ends[1];  // the signals did arrive during some runs
+    EXPECT_GT(ends[0], 0) << ends[1] << " " << ends[2];  // and after some had ended
+}
+
+// Label numbers up to 2^30 - 1 are read (and new labels made above them);
+// larger ones are invalid records.
+TEST_F(EndToEnd, LabelNumbersThatCouldOverflowAreRefused) {
+    auto unit = [](const std::string& label) {
+        return ".header version=-71 cpu=0x258 source=\"t.c\" extra=0\n.section main\nbegin_func P:1:1:1 n:0\n"
+               "symbol S:\"a\" n:16 n:0 c:0 w:0 n:1 n:0 n:16 c:0 n:0 n:0 P:0 b:0\nend_args P:0\nend_locals P:0\n"
+               "stmt P:1:2:1\nnode b:109 n:1\nnode b:2 n:1 R:1:0\nnode b:1 n:0 n:" + label + "\n"
+               "stmt P:1:3:1\nnode b:118 n:1\nnode b:4 n:1 i:1\nlabel n:" + label + "\n"
+               "stmt P:1:4:1\nnode b:118 n:1\nnode b:4 n:1 i:2\nend_func P:0\n.end\n.section types\n"
+               "type n:1 b:8 b:1 n:16 n:16 b:0 b:0\ntype n:2 b:22 n:1 b:1 b:0 b:0 b:0\n.end\n.section files\n"
+               "source S:\"t.c\"\n.end\n.section globals\n"
+               "symbol S:\"f\" n:0 n:0 c:0 w:0 n:2 n:0 n:16 c:0 n:0 n:0 P:1:1:1 b:0\n.end\n";
+    };
+    ASSERT_EQ(assemble(unit("1073741823"), dir / "big.if"), "");
+    Result r = opt5({"-o4", "big.if", "big_out.if"});
+    EXPECT_EQ(r.status, 0) << r.err;
+    for (const char* label : {"1073741824", "2147483647", "4294967295"}) {
+        ASSERT_EQ(assemble(unit(label), dir / "huge.if"), "");
+        r = opt5({"-o4", "huge.if", "huge_out.if"});
+        EXPECT_EQ(r.status, 1) << label;
+        EXPECT_EQ(r.err, "\nINTERNAL ERROR: Invalid I-code record, aborting") << label;
+        EXPECT_FALSE(has("huge_out.if"));
+    }
+}
+
+// Trees as deep as the reader accepts go through every level; deeper ones
+// are refused with a message, and a stack overflow would still end with
+// status 2 and no output.
+TEST_F(EndToEnd, DeepTreesAreOptimizedOrRefused) {
+    auto unit = [](size_t depth) {
+        std::string s = ".header version=-71 cpu=0x258 source=\"t.c\" extra=0\n.section main\nbegin_func P:1:1:1 n:0\n"
+                        "symbol S:\"a\" n:16 n:0 c:0 w:0 n:1 n:0 n:16 c:0 n:0 n:0 P:0 b:0\nend_args P:0\nend_locals P:0\n"
+                        "stmt P:1:2:1\nnode b:118 n:1\n";
+        s.reserve(depth * 40);
+        for (size_t i = 1; i < depth; ++i) s += "node b:6 n:1\nnode b:4 n:1 i:1\n";
+        s += "node b:2 n:1 R:1:0\nend_func P:0\n.end\n.section types\ntype n:1 b:8 b:1 n:16 n:16 b:0 b:0\n"
+             "type n:2 b:22 n:1 b:1 b:0 b:0 b:0\n.end\n.section files\nsource S:\"t.c\"\n.end\n.section globals\n"
+             "symbol S:\"f\" n:0 n:0 c:0 w:0 n:2 n:0 n:16 c:0 n:0 n:0 P:1:1:1 b:0\n.end\n";
+        return s;
+    };
+    ASSERT_EQ(assemble(unit(100000), dir / "deep.if"), "");
+    for (const char* level : {"-o0", "-o2", "-o4"}) {
+        Result r = opt5({level, "deep.if", "deep_out.if"});
+        EXPECT_EQ(r.status, 0) << level << r.err;
+    }
+    ASSERT_EQ(assemble(unit(100001), dir / "deeper.if"), "");
+    Result r = opt5({"deeper.if", "deeper_out.if"});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.err, "\nINTERNAL ERROR: Expression nested deeper than 100000 levels, aborting");
+    EXPECT_FALSE(has("deeper_out.if"));
 }
 
 void terminate_soon(pid_t pid) {
@@ -268,6 +431,13 @@ TEST_F(EndToEnd, FatalSignalExitsWithTwo) {
     EXPECT_FALSE(has("out.if"));
     EXPECT_NE(file("dbg").find("\n>>>> Optimizer terminated by signal: SIGSEGV.\n"), std::string::npos);
     EXPECT_NE(file("inf").find("\n>>>> Optimizer terminated by signal: SIGSEGV.\n"), std::string::npos);
+    // The handler has a stack of its own: an overflow of the machine stack
+    // ends the same way.
+    r = harness({"in.if", "out.if"}, {{"HARNESS_FUNCS", "f"}, {"HARNESS_FAULT", "overflow"}});
+    EXPECT_TRUE(r.exited);
+    EXPECT_EQ(r.status, 2);
+    EXPECT_NE(r.err.find(" experienced a segmentation fault\n"), std::string::npos) << r.err;
+    EXPECT_FALSE(has("out.if"));
 }
 
 TEST_F(EndToEnd, DebugAbortDumpsCoreInsteadOfExiting) {

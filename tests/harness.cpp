@@ -4,7 +4,7 @@
 //   HARNESS_FUNCS=f,g,h        functions of the unit, in input order
 //   HARNESS_THREADS=n          worker-thread limit
 //   HARNESS_NOBODY=g           a function whose body is not written
-//   HARNESS_FAULT=kind         segv | assert | exception | badalloc | other
+//   HARNESS_FAULT=kind         segv | overflow | assert | exception | badalloc | other
 //   HARNESS_FAULT_AT=serial    the step that fails (default 0)
 //   HARNESS_FAULT_IN=f         only in this function (default: any)
 // Step 0 of every function writes "<function> on <main|worker>" to the
@@ -41,11 +41,19 @@ void record_step() {
     if (finfo) std::fprintf(finfo, "%s on %s\n", currfunc->name.c_str(), where);
 }
 
+// Recurses until the machine stack is gone.
+int overflow(volatile int depth) {
+    volatile char frame[1024];
+    frame[0] = static_cast<char>(depth);
+    return overflow(depth + 1) + frame[0];
+}
+
 void fault() {
     std::string only = env("HARNESS_FAULT_IN");
     if (!only.empty() && (!currfunc || currfunc->name != only)) return;
     std::string kind = env("HARNESS_FAULT");
     if (kind == "segv") std::raise(SIGSEGV);
+    if (kind == "overflow") overflow(0);
     if (kind == "assert") optassert("harness", "tests/harness", __LINE__);
     if (kind == "exception") throw std::runtime_error("boom");
     if (kind == "badalloc") throw std::bad_alloc();

@@ -441,12 +441,18 @@ struct Program {
 
     long long eval(const Node& n, int lane = 0) const {
         auto k = [&](int i) { return eval(n.kids.at(static_cast<size_t>(i)), lane); };
+        // Both operands of an arithmetic operator, the left one first (the
+        // order the optimizer keeps; the generated units never depend on it).
+        auto both = [&]() {
+            long long a = k(0);
+            return std::pair<long long, long long>{a, k(1)};
+        };
         auto element = [&](long long v) { return lanes_of(n.type) > 1 ? int16(v) : wrap(v, n.type); };
         if (lanes_of(n.type) > 1) {  // a vector: lane by lane
             switch (n.op) {
-            case 6: return element(k(0) + k(1));
-            case 8: return element(k(0) - k(1));
-            case 11: return element(k(0) * k(1));
+            case 6: { auto [a, b] = both(); return element(a + b); }
+            case 8: { auto [a, b] = both(); return element(a - b); }
+            case 11: { auto [a, b] = both(); return element(a * b); }
             case 13: return cell(eval(n.kids.at(0)) + lane);
             default: break;
             }
@@ -464,21 +470,21 @@ struct Program {
         case 105: return k(0);  // pointer conversion
         case 13: return load(k(0), n.type);
         case 4: case 25: return wrap(n.value, n.type);
-        case 6: return wrap(k(0) + k(1), n.type);  // pointers are not wrapped
-        case 8: return wrap(k(0) - k(1), n.type);
-        case 11: return wrap(k(0) * k(1), n.type);
-        case 60: case 62: return divide(n.op, k(0), k(1), n.type);
-        case 14: return wrap(k(0) & k(1), n.type);
-        case 17: return wrap(k(0) | k(1), n.type);
-        case 19: return wrap(k(0) ^ k(1), n.type);
-        case 64: case 66: return shift(n.op, k(0), k(1), n.kids[0].type, n.type);
+        case 6: { auto [a, b] = both(); return wrap(a + b, n.type); }  // pointers are not wrapped
+        case 8: { auto [a, b] = both(); return wrap(a - b, n.type); }
+        case 11: { auto [a, b] = both(); return wrap(a * b, n.type); }
+        case 60: case 62: { auto [a, b] = both(); return divide(n.op, a, b, n.type); }
+        case 14: { auto [a, b] = both(); return wrap(a & b, n.type); }
+        case 17: { auto [a, b] = both(); return wrap(a | b, n.type); }
+        case 19: { auto [a, b] = both(); return wrap(a ^ b, n.type); }
+        case 64: case 66: { auto [a, b] = both(); return shift(n.op, a, b, n.kids[0].type, n.type); }
         case 10: return wrap(-k(0), n.type);
         case 77: return wrap(~k(0), n.type);
         case 76: return k(0) == 0;
         case 104: return wrap(k(0), n.type);
         case 70: return call_ext(k(1));
         case 80: case 81: case 82: case 83: case 84: case 85: case 86: case 87: case 88: case 89: {
-            long long a = k(0), b = k(1);
+            auto [a, b] = both();
             int ot = n.kids[0].type;
             bool u = n.op >= 86 || is_unsigned(ot);
             if (u) {

@@ -172,7 +172,7 @@ TEST_F(RoundTrip, BadFilesEndWithStatusOne) {
 
     std::string out = optimize(unit("stmt P:0\ncomment S:\"x\"\n"));
     EXPECT_EQ(last.status, 1);
-    EXPECT_EQ(last.err, "\nINTERNAL ERROR: Invalid I-code record, aborting\n");
+    EXPECT_EQ(last.err, "\nINTERNAL ERROR: Invalid I-code record, aborting");
     EXPECT_FALSE(fs::exists(dir.path / "out.if"));
 }
 

@@ -8,6 +8,8 @@
 #include "OPT5/globals.h"
 #include "OPT5/node.h"
 #include "OPT5/opcodes.h"
+#include "OPT5/abort.h"
+#include "UTIL/assert.h"
 #include "XINT/int65.h"
 
 namespace {
@@ -43,6 +45,7 @@ TEST(Int65, Shifts) {
 }
 
 TEST(Int65, TruncateParseAndRanges) {
+    set_internal_error_handler(optassert);  // as the optimizer does: its internal-error path
     EXPECT_EQ(INT65(0x1FFFF).truncate(16, true), INT65(-1));
     EXPECT_EQ(INT65(0x1FFFF).truncate(16, false), INT65(0xFFFF));
     EXPECT_EQ(INT65(-1).truncate(64, false), INT65(UINT64_MAX));
@@ -129,6 +132,7 @@ TEST_F(Trees, CreationRules) {
 }
 
 TEST_F(Trees, PayloadSetters) {
+    set_internal_error_handler(optassert);
     NODE* s = new_node(ICON, i16);
     s->mk_icon(-1);
     EXPECT_EQ(s->value, INT65(-1));
