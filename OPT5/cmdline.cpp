@@ -9,6 +9,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 
 #include "DEBUG_DISABLE/register_option.h"
 #include "DIAG/diag.h"
@@ -103,9 +104,14 @@ int map_enumerated(const option_obj& o, option_id id, const int (&levels)[6], in
 const int opt_level_map[6] = {0, 1, 2, 3, 4, 0};
 const int goal_map[6] = {5, 0, 3, 2, 4, 1};
 
-// The numeric flags and display settings of a set.
-void apply_option_flags(const option_obj& o) {
-    reset_global_flags();
+// The switches as the command line left them, put back after each function
+// that has a set of its own.
+std::map<std::string, int> command_line_switches;
+
+// The numeric flags of a set: from the defaults, or (`overlay`) on top of the
+// flags in force, changing only what the set gives.
+void apply_option_flags(const option_obj& o, bool overlay = false) {
+    if (!overlay) reset_global_flags();
     if (o.isset(OPT_opt_level) && map_enumerated(o, OPT_opt_level, opt_level_map, 1) < 0) {
         std::fprintf(stderr, "--opt_level given invalid value: %ld\n", static_cast<long>(o.getnumarg(OPT_opt_level, 0)));
         diag_exit();
@@ -115,9 +121,10 @@ void apply_option_flags(const option_obj& o) {
                      static_cast<long>(o.getnumarg(OPT_opt_for_speed, 0)));
         diag_exit();
     }
-    ip_level = o.isset(OPT_ip_level) ? static_cast<int>(o.getnumarg(OPT_ip_level, 0)) : 0;
-    volit_vars = o.isset(OPT_volatile_all);
-    memory_is_big_endian = o.isset(OPT_big_endian);
+    if (o.isset(OPT_ip_level)) ip_level = static_cast<int>(o.getnumarg(OPT_ip_level, 0));
+    else if (!overlay) ip_level = 0;
+    if (o.isset(OPT_volatile_all)) volit_vars = 1;
+    if (o.isset(OPT_big_endian)) memory_is_big_endian = 1;
     if (o.isset(OPT_memory_model)) memory_model = o.getnumarg(OPT_memory_model, 0) == 0 ? 0 : 1;
     if (o.isset(OPT_unroll_limit)) max_unrolled_loop_size = static_cast<int>(o.getnumarg(OPT_unroll_limit, 0));
     if (o.isset(OPT_program_mode)) program_mode = 1;
@@ -128,7 +135,8 @@ void apply_option_flags(const option_obj& o) {
         aux_cmd_flag[i] = static_cast<unsigned char>(o.getnumarg(OPT_aux_flags, i));
 }
 
-void apply_display_settings(const option_obj& o) {
+// How messages are shown and when errors end the run.
+void apply_diagnostic_display(const option_obj& o) {
     for (unsigned i = 0; i < o.getargcount(OPT_diagnostics); ++i) {
         std::string w = o.getstrarg(OPT_diagnostics, i);
         if (w == "error_number") DIAGNOSTIC::display_code_m = true;
@@ -141,6 +149,10 @@ void apply_display_settings(const option_obj& o) {
         else if (w == "wrap") DIAGNOSTIC::wrap_enabled_m = true;
     }
     if (o.isset(OPT_error_limit)) diag_error_limit = static_cast<unsigned>(o.getnumarg(OPT_error_limit, 0));
+}
+
+void apply_display_settings(const option_obj& o) {
+    apply_diagnostic_display(o);
     if (o.isset(OPT_silicon_version)) {
         processor_version = static_cast<int>(o.getnumarg(OPT_silicon_version, 0));
         if (processor_version != PELLIN_PROCESSOR_VERSION) {
@@ -244,6 +256,8 @@ void put_output_in_place() {
 
 }  // namespace
 
+// The command line's set makes the flags; a function's set applies on top
+// of them.
 void set_global_flags(option_obj* options) {
     for (unsigned i = 0; i < options->getargcount(OPT_disable); ++i)
         process_debug_option("disable", options->getstrarg(OPT_disable, i));
@@ -252,10 +266,17 @@ void set_global_flags(option_obj* options) {
     for (unsigned i = 0; i < options->getargcount(OPT_debug); ++i)
         process_debug_option("debug", options->getstrarg(OPT_debug, i));
     apply_display_settings(*options);
-    apply_option_flags(*options);
+    if (options == &file_options) {
+        apply_option_flags(file_options);
+        command_line_switches = register_option::get_state();
+    } else {
+        apply_option_flags(file_options);
+        apply_option_flags(*options, true);
+    }
 }
 
 void restore_global_flags() {
+    register_option::set_state(command_line_switches);
     apply_option_flags(file_options);
     if (print_debug && FDEBUG) {
         DBG_CHECK(std::fprintf(FDEBUG, "[Restoring options"));
@@ -274,8 +295,15 @@ const option_obj& current_options() {
     return file_options;
 }
 
-int opt_level() { return map_enumerated(current_options(), OPT_opt_level, opt_level_map, 1); }
-int size_speed_goal() { return map_enumerated(current_options(), OPT_opt_for_speed, goal_map, 4); }
+// A function's set decides what it gives; the command line the rest.
+int opt_level() {
+    const option_obj& o = current_options().isset(OPT_opt_level) ? current_options() : file_options;
+    return map_enumerated(o, OPT_opt_level, opt_level_map, 1);
+}
+int size_speed_goal() {
+    const option_obj& o = current_options().isset(OPT_opt_for_speed) ? current_options() : file_options;
+    return map_enumerated(o, OPT_opt_for_speed, goal_map, 4);
+}
 
 const char* next_arg() { return arg_index < arg_count ? arg_vector[arg_index++] : nullptr; }
 
@@ -286,8 +314,21 @@ void open_files(int argc, char** argv) {
     if (argc > 0 && argv[0]) program_name = argv[0];
     set_abnormal_exit_cleanup(discard_output);
 
+    // The options that say how messages are shown come first, so that they
+    // govern the messages about the rest of the command line too.
+    std::vector<bool> taken(static_cast<size_t>(argc), false);
+    for (int i = 1; i < argc; ++i) {
+        const char* arg = argv[i];
+        if (!arg || (std::strncmp(arg, "--diagnostics", 13) != 0 && std::strncmp(arg, "--error_limit", 13) != 0)) continue;
+        taken[static_cast<size_t>(i)] = true;
+        const char* following = i + 1 < argc ? argv[i + 1] : nullptr;
+        if (file_options.process_option(arg + 1, &following) > 0) taken[static_cast<size_t>(++i)] = true;
+        apply_diagnostic_display(file_options);
+    }
+
     std::vector<const char*> names;
     while (const char* arg = next_arg()) {
+        if (taken[static_cast<size_t>(arg_index - 1)]) continue;
         if (arg[0] == '-' && arg[1]) {
             if (names.size() >= 2) {
                 // Options must come before the file names.

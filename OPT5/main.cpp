@@ -256,11 +256,11 @@ void optimizer_main(int argc, char** argv) {
         init_types();
         type_pkg->processor_version = processor_version;
         init_fileopts();
-        matcher_init();
     });
     guarded([] { setup_passes(true); });
     if (pass_debug_parser) {
         guarded([] { parse_md_file(false); });
+        discard_output();  // no unit was read: there is nothing to write
         close_files();
         std::exit(0);
     }
@@ -270,6 +270,7 @@ void optimizer_main(int argc, char** argv) {
         if (read_input_unit) read_input_unit();
     });
     guarded(build_step_tables);
+    guarded(matcher_init);
     guarded(run_function_loop);
     guarded(write_global_data);
 

@@ -6,6 +6,7 @@
 #include <deque>
 #include <memory>
 
+#include "DIAG/diag.h"
 #include "OPT5/abort.h"
 #include "OPT5/bbutils.h"
 #include "OPT5/cmdline.h"
@@ -221,6 +222,8 @@ void read_ifile_unit() {
             if (text.size() > 1 && text[0] == '-') o.process_option(text.c_str() + 1, nullptr);
         all_option_sets.push_back(o);
     }
+    // An error in a function's set is an error of the run.
+    if (diag_error_count() > 0) diag_exit();
     i_file->if_read_file();
     o_file->globals = i_file->globals;
 }

@@ -246,6 +246,8 @@ TEST(MdEndToEnd, DebugParserWritesTheRuleBase) {
     EXPECT_EQ(r.status, 0) << r.err;
     std::string md = slurp(dir.path / "md.out");
     EXPECT_EQ(md.rfind("OPTIMIZER MACHINE DESCRIPTION : \"Brevan\"\nTARGETS : ( BRV )\nENDIAN : LITTLE\n", 0), 0u) << md;
+    // No unit was read, so no output file is made.
+    EXPECT_FALSE(fs::exists(dir.path / "out.if"));
 }
 
 TEST(MdEndToEnd, ParsemdParsesTheCompiledInDescriptionInstead) {

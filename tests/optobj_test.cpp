@@ -172,17 +172,22 @@ TEST_F(Options, GlobalFlagsFollowTheSetAndRestore) {
     EXPECT_EQ(code_is_reentrant, 1);
     EXPECT_EQ(strict_fp, 1);
 
-    file_options = parse({"--unroll_limit=40", "--strict_fp=off"});
+    file_options = parse({"--unroll_limit=40", "--strict_fp=off", "--volatile_all", "--debug=skip_pass=3"});
     set_global_flags(&file_options);
     EXPECT_EQ(max_unrolled_loop_size, 40);
     EXPECT_EQ(strict_fp, 0);
+    EXPECT_EQ(pass_debug_skip_pass, 3);
 
-    option_obj fn = parse({"--program_mode", "--nonreentrant", "--big_endian"});
+    // A function's set applies on top of the command line.
+    option_obj fn = parse({"--program_mode", "--nonreentrant", "--big_endian", "--debug=skip_pass=20"});
     set_global_flags(&fn);
     EXPECT_EQ(program_mode, 1);
     EXPECT_EQ(code_is_reentrant, 0);
     EXPECT_EQ(memory_is_big_endian, 1);
-    EXPECT_EQ(max_unrolled_loop_size, 195);
+    EXPECT_EQ(max_unrolled_loop_size, 40);
+    EXPECT_EQ(strict_fp, 0);
+    EXPECT_EQ(volit_vars, 1);
+    EXPECT_EQ(pass_debug_skip_pass, 20);
 
     FILE* dbg = std::tmpfile();
     print_debug = true;
@@ -192,7 +197,12 @@ TEST_F(Options, GlobalFlagsFollowTheSetAndRestore) {
     FDEBUG = nullptr;
     EXPECT_EQ(program_mode, -1);
     EXPECT_EQ(code_is_reentrant, 1);
+    EXPECT_EQ(memory_is_big_endian, 0);
     EXPECT_EQ(max_unrolled_loop_size, 40);
+    EXPECT_EQ(volit_vars, 1);
+    // The switches too are the command line's again.
+    EXPECT_EQ(pass_debug_skip_pass, 3);
+    pass_debug_skip_pass = 0;
     std::rewind(dbg);
     char line[128] = {};
     ASSERT_NE(std::fgets(line, sizeof line, dbg), nullptr);
