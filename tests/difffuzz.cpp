@@ -334,20 +334,18 @@ Unit generate(uint64_t seed) {
     u.f.globals = {"ga", "u:gu"};
     g.volatile_array = g.chance(30);
     if (g.volatile_array) u.f.globals.push_back("v:gv");
+    // Arguments a0.. (never assigned) and locals x0.., of random types.
+    auto declare = [&](std::vector<std::string>& decls, const char* stem, int n, bool assignable) {
+        for (int i = 0; i < n; ++i) {
+            const Scalar& s = g.any_type();
+            std::string name = stem + std::to_string(i);
+            decls.push_back(s.prefix + name);
+            g.vars.push_back({name, s.id, assignable});
+        }
+    };
     int nargs = 1 + g.pick(3);
-    for (int i = 0; i < nargs; ++i) {
-        const Scalar& s = g.any_type();
-        std::string name = "a" + std::to_string(i);
-        u.f.args.push_back(s.prefix + name);
-        g.vars.push_back({name, s.id, false});
-    }
-    int nlocals = 2 + g.pick(4);
-    for (int i = 0; i < nlocals; ++i) {
-        const Scalar& s = g.any_type();
-        std::string name = "x" + std::to_string(i);
-        u.f.locals.push_back(s.prefix + name);
-        g.vars.push_back({name, s.id, true});
-    }
+    declare(u.f.args, "a", nargs, false);
+    declare(u.f.locals, "x", 2 + g.pick(4), true);
     for (const char* iv : {"i0", "i1", "i2"}) u.f.locals.push_back(iv);
     u.f.locals.push_back("nb");
     if (g.chance(40)) {  // an address-taken local
