@@ -193,25 +193,30 @@ void open_output(const struct stat& in) {
     output_plan = OUTPUT_PLAN();
     output_plan.final_path = output_file_name;
     output_plan.copy_at_end = exists && !S_ISREG(out.st_mode);
-    std::string dir;
     if (output_plan.copy_at_end) {
         if (access(output_file_name.c_str(), W_OK) != 0) open_failure(cannot, output_file_name);
         const char* tmp = std::getenv("TMPDIR");
-        dir = tmp && *tmp ? std::string(tmp) + "/" : "/tmp/";
-        output_plan.temp_path = dir + "opt5_output.XXXXXX";
+        output_plan.temp_path = std::string(tmp && *tmp ? tmp : "/tmp") + "/opt5_output.XXXXXX";
     } else {
         char resolved[PATH_MAX];
         if (exists && realpath(output_file_name.c_str(), resolved)) output_plan.final_path = resolved;
         output_plan.temp_path = output_plan.final_path + ".XXXXXX";
     }
+    // No signal between making the file and registering it for removal.
+    sigset_t all, before;
+    sigfillset(&all);
+    sigprocmask(SIG_BLOCK, &all, &before);
     int fd = mkstemp(output_plan.temp_path.data());
-    if (fd < 0) open_failure(cannot, output_file_name);
-    if (!register_temporary_file(output_plan.temp_path.c_str())) {
+    bool registered = fd >= 0 && register_temporary_file(output_plan.temp_path.c_str());
+    int error = errno;
+    if (fd >= 0 && !registered) {
         close(fd);
         unlink(output_plan.temp_path.c_str());
-        errno = ENAMETOOLONG;
-        open_failure(cannot, output_file_name);
+        error = ENAMETOOLONG;
     }
+    sigprocmask(SIG_SETMASK, &before, nullptr);
+    errno = error;
+    if (!registered) open_failure(cannot, output_file_name);
     mode_t mask = umask(0);
     umask(mask);
     if (!output_plan.copy_at_end) fchmod(fd, exists ? (out.st_mode & 07777) : (0666 & ~mask));

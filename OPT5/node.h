@@ -119,5 +119,6 @@ bool same_tree(const NODE* a, const NODE* b);
 // Nodes currently allocated and not erased (for leak checks in tests).
 size_t live_node_count();
 // Lets the nodes erased so far be made again.  Called between steps, when no
-// step holds a pointer into a tree.
+// step holds a pointer into a tree (with worker threads, each would need a
+// pool of its own: another thread's step may still be running).
 void recycle_erased_nodes();

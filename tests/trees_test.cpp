@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <set>
 
 #include "IFILE/if_node.h"
 #include "OPT5/cmdline.h"
@@ -180,6 +181,29 @@ TEST_F(Trees, ErasingCountsAndCatchesDoubleErase) {
     erase_node(n);
     EXPECT_EQ(n->opcode, ILLOP);
     EXPECT_EXIT(erase_node(n), ::testing::ExitedWithCode(1), "ERROR IN 'erase_node'");
+}
+
+// A node erased in a step is not made again before the step ends: a stale
+// pointer to it reads ILLOP, never a node made since.
+TEST_F(Trees, ErasedNodesAreReusedOnlyBetweenSteps) {
+    recycle_erased_nodes();
+    std::set<NODE*> erased;
+    for (int i = 0; i < 50; ++i) {
+        NODE* n = mktree(UMINUS, i16, mk_ICON(i, i16));
+        erased.insert(n);
+        erased.insert(n->left);
+        erase_tree(n);
+    }
+    for (int i = 0; i < 200; ++i) {
+        NODE* fresh = mk_ICON(i, i16);
+        EXPECT_EQ(erased.count(fresh), 0u);
+        erase_node(fresh);
+    }
+    for (NODE* n : erased) EXPECT_EQ(n->opcode, ILLOP);
+    recycle_erased_nodes();
+    NODE* again = mk_ICON(1, i16);  // now the memory may serve again
+    EXPECT_EQ(again->opcode, ICON);
+    erase_node(again);
 }
 
 TEST_F(Trees, WalkVisitsAndReplaces) {
