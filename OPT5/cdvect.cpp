@@ -254,7 +254,7 @@ bool find_shape(struct LOOP* loop, CD_LOOP_SHAPE& s, std::string& why) {
         return why = "bound changes in the loop", false;
     // The stores of the body go through pointers: a variable whose address
     // is taken could change under them.
-    std::set<const SYMTAB*> taken = address_taken_symbols();
+    const std::set<const SYMTAB*>& taken = currfuninfo->address_taken;
     if (!is_private_variable(s.iv, taken)) return why = "loop variable may change through a pointer", false;
     if (s.bound->opcode == NAME && !is_private_variable(s.bound->symbol, taken))
         return why = "bound may change through a pointer", false;

@@ -244,6 +244,7 @@ void unbuild_loop_hierarchy() {
     FUNINFO* fi = currfuninfo;
     for (BBLK* b = fi->bb_list; b; b = b->next) b->loop = nullptr;
     free_loops(fi);
+    fi->address_taken.clear();
 }
 
 void assign_loop_levels(struct LOOP* loop, int level) {
@@ -398,9 +399,9 @@ void build_loop_hierarchy(bool value_ranges, bool, bool, int normalise) {
     // nothing but their own assignments can change count as induction
     // variables, so that a trip count is never read from one that a store
     // through a pointer may change.
-    std::set<const SYMTAB*> taken = address_taken_symbols();
+    currfuninfo->address_taken = address_taken_symbols();
     for (struct LOOP* l : currfuninfo->loops) {
-        find_loop_IVs(l, taken);
+        find_loop_IVs(l, currfuninfo->address_taken);
         find_loop_LCV(l);
     }
     dump_loops();

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <mutex>
+#include <set>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -63,6 +64,8 @@ struct FUNINFO {
     int bb_count = 0;
     Dominator* dominator = nullptr;     // owned; made on first use
     std::vector<struct LOOP*> loops;    // owned, in order of discovery
+    // With the loops: the symbols whose address the function takes.
+    std::set<const SYMTAB*> address_taken;
     int max_label = 0;                  // largest label number in use
 
     // Assertions the simplifier may use to decide tests (owned copies of

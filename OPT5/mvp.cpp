@@ -2,6 +2,7 @@
 #include "OPT5/mvp.h"
 
 #include <cstdio>
+#include <deque>
 #include <optional>
 
 #include "OPT5/abort.h"
@@ -607,10 +608,22 @@ ssa_integers_mvp::ssa_integers_mvp(SSA_FORM& ssa) : ssa_(ssa) {}
 void ssa_integers_mvp::initialize_ssa_integer_mvp() {
     mvs_.assign(ssa_.defs.size(), mvpIntegers());
     changes_.assign(ssa_.defs.size(), 0);
+    users_.assign(ssa_.defs.size(), {});
+    evaluated_.assign(ssa_.defs.size(), 0);
 }
 
 mvpIntegers ssa_integers_mvp::get_mv_for_definition(const SSA_DEFINITION* def) const {
     return def ? mvs_.at(static_cast<size_t>(def->id)) : mvpIntegers();
+}
+
+mvpIntegers ssa_integers_mvp::value_of(const SSA_DEFINITION* def) {
+    // What an evaluation reads depends on the trees and the form alone, so
+    // the first evaluation of each definition finds all its edges.
+    if (def && evaluating_ >= 0 && !evaluated_[static_cast<size_t>(evaluating_)]) {
+        std::vector<int>& u = users_[static_cast<size_t>(def->id)];
+        if (u.empty() || u.back() != evaluating_) u.push_back(evaluating_);
+    }
+    return get_mv_for_definition(def);
 }
 
 void ssa_integers_mvp::set_mv_for_definition(const SSA_DEFINITION* def, const mvpIntegers& mv) {
@@ -622,7 +635,7 @@ void ssa_integers_mvp::set_mv_for_definition(const SSA_DEFINITION* def, const mv
 mvpIntegers ssa_integers_mvp::eval_reaching_definition(const NODE* use) {
     SSA_DEFINITION* def = ssa_.reaching_definition(use);
     if (!def) optassert("!\"Invalid reaching definition!\"", THIS_MODULE, __LINE__);
-    mvpIntegers mv = get_mv_for_definition(def);
+    mvpIntegers mv = value_of(def);
     // Tests on the way from the definition narrow the value: while the use's
     // block has a single predecessor that ends in a test of the same value,
     // the test came out the way that leads here.
@@ -664,7 +677,7 @@ mvpIntegers ssa_integers_mvp::eval_expr(const NODE* tree) {
     case ASG: case PLUSASG: case MINUSASG: case MULTASG: case DIVASG: case MODASG: case ANDBASG: case ORBASG:
     case XORBASG: case SLLASG: case SRLASG: {
         auto d = ssa_.node_def.find(tree);
-        if (d != ssa_.node_def.end()) return get_mv_for_definition(d->second);
+        if (d != ssa_.node_def.end()) return value_of(d->second);
         if (op == ASG) {
             mvpIntegers r = eval_expr(tree->right);
             mv.eval_cast_operation(tree->type, r);
@@ -717,7 +730,7 @@ mvpIntegers ssa_integers_mvp::eval_assignment(const SSA_DEFINITION* def) {
     } else {
         // The variable's value before, as the tests on the way narrow it.
         mvpIntegers before = ssa_.reaching_definition(n->left) ? eval_reaching_definition(n->left)
-                                                               : get_mv_for_definition(def->prior);
+                                                               : value_of(def->prior);
         mvpIntegers r;
         if (n->opcode == PLUSPLUS || n->opcode == MINMIN) r.merge_constant_tree_value(n->right);
         else r = eval_expr(n->right);
@@ -734,12 +747,12 @@ mvpIntegers ssa_integers_mvp::eval_SSA_operation(const SSA_DEFINITION* def) {
     case SSA_DEFINITION::ASSIGN: mv = eval_assignment(def); break;
     case SSA_DEFINITION::COND_ASSIGN:
         mv = eval_assignment(def);
-        mv.meet_mvpIntegers_metavalues(get_mv_for_definition(def->prior));
+        mv.meet_mvpIntegers_metavalues(value_of(def->prior));
         break;
     case SSA_DEFINITION::PHI:
         for (const SSA_DEFINITION* o : def->operands) {
             if (!o) continue;  // from a block that is never reached
-            mvpIntegers m = get_mv_for_definition(o);
+            mvpIntegers m = value_of(o);
             if (mv.is_at_top()) mv = m;
             else mv.meet_mvpIntegers_metavalues(m);
         }
@@ -757,21 +770,28 @@ int ssa_integers_mvp::do_integer_value_propagation() {
     // changes any more: every definition changes a bounded number of times,
     // so every loop settles.
     const int widen_after = 40, give_up_after = 2 * widen_after;
-    bool changed = true;
-    while (changed) {
-        changed = false;
-        for (auto& d : ssa_.defs) {
-            mvpIntegers mv = eval_SSA_operation(d.get());
-            if (mv.is_at_top()) continue;
-            mvpIntegers& cur = mvs_[static_cast<size_t>(d->id)];
-            if (cur.is_at_top()) {
-                set_mv_for_definition(d.get(), mv);
-                changed = true;
-                continue;
-            }
+    // A worklist over the def-use edges: a definition is evaluated again only
+    // when one that it reads has changed.  The edges are recorded as the
+    // evaluations read the definitions.
+    std::deque<int> work;
+    std::vector<char> queued(ssa_.defs.size(), 1);
+    for (auto& d : ssa_.defs) work.push_back(d->id);
+    while (!work.empty()) {
+        int id = work.front();
+        work.pop_front();
+        queued[static_cast<size_t>(id)] = 0;
+        const SSA_DEFINITION* d = ssa_.defs[static_cast<size_t>(id)].get();
+        evaluating_ = id;
+        mvpIntegers mv = eval_SSA_operation(d);
+        evaluating_ = -1;
+        evaluated_[static_cast<size_t>(id)] = 1;
+        if (mv.is_at_top()) continue;
+        mvpIntegers& cur = mvs_[static_cast<size_t>(id)];
+        if (cur.is_at_top()) {
+            set_mv_for_definition(d, mv);
+        } else {
             if (!cur.meet_and_note_change(mv)) continue;
-            changed = true;
-            int n = ++changes_[static_cast<size_t>(d->id)];
+            int n = ++changes_[static_cast<size_t>(id)];
             if (n > give_up_after) {
                 cur.set_bottom();
             } else if (n > widen_after) {
@@ -780,6 +800,11 @@ int ssa_integers_mvp::do_integer_value_propagation() {
                 cur.meet_mvpIntegers_metavalues(whole);
             }
         }
+        for (int user : users_[static_cast<size_t>(id)])
+            if (!queued[static_cast<size_t>(user)]) {
+                queued[static_cast<size_t>(user)] = 1;
+                work.push_back(user);
+            }
     }
     int bound = 0;
     for (auto& d : ssa_.defs) {

@@ -99,8 +99,9 @@ class ssa_integers_mvp {
 public:
     explicit ssa_integers_mvp(SSA_FORM& ssa);
     void initialize_ssa_integer_mvp();
-    // Propagates until no metavalue changes; returns the number of
-    // definitions bound.
+    // Propagates until no metavalue changes (a worklist over def-use edges,
+    // each definition widened after a bounded number of changes); returns the
+    // number of definitions bound.
     int do_integer_value_propagation();
 
     mvpIntegers get_mv_for_definition(const SSA_DEFINITION* def) const;
@@ -116,6 +117,12 @@ private:
     SSA_FORM& ssa_;
     std::vector<mvpIntegers> mvs_;
     std::vector<int> changes_;  // per definition, to widen ranges that keep growing
+    std::vector<std::vector<int>> users_;  // per definition, those whose evaluation read it
+    std::vector<char> evaluated_;          // per definition, evaluated at least once
+    int evaluating_ = -1;                  // the definition being evaluated
+
+    // A definition's value, read while evaluating another (the edge is kept).
+    mvpIntegers value_of(const SSA_DEFINITION* def);
 };
 
 // The "intraprocedural MVP" step: SSA, integer propagation, and a pass of

@@ -343,13 +343,13 @@ INT65 find_known_zeros_in_ANDB(const NODE* tree, TYPE* type) {
 // the bits above the highest bit in which lo and hi differ.
 INT65 find_known_ones_in_range(INT65 lo, INT65 hi) {
     if (hi < lo) return INT65(0);
+    // The bits above the highest one in which lo and hi differ are the same
+    // in every value between them.
     INT65 diff = lo ^ hi;
-    INT65 same = ~INT65(0);
-    while (!diff.is_zero()) {
-        diff = diff.lshr(1);
-        same = same << INT65(1);
-    }
-    return lo & same;
+    if (diff.is_zero()) return lo;
+    if (diff.is_negative()) return INT65(0);  // they differ in the 65th bit
+    int differing = 64 - __builtin_clzll(diff.low_word());
+    return lo & (~INT65(0) << INT65(differing));
 }
 
 INT65 find_known_zeros_in_range(INT65 lo, INT65 hi) {
