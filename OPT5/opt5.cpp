@@ -1,3 +1,4 @@
+#include <malloc.h>
 #include <pthread.h>
 
 #include <csignal>
@@ -27,6 +28,7 @@ void* run(void* p) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    mallopt(M_ARENA_MAX, 1);  // one thread allocates: the main heap serves it best
     ARGS args{argc, argv};
     pthread_attr_t attr;
     pthread_t thread;
