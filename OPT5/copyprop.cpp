@@ -245,40 +245,74 @@ void find_live_variables(bool record, bool loops) {
     (void)loops;  // the loop records are read from the exits' live-in sets
 }
 
-bool combine_assignments(std::vector<BODY_ENTRY>& statements) {
-    bool changed = false;
-    for (size_t i = 0; i + 1 < statements.size(); ++i) {
-        NODE* a = statements[i].tree;
-        NODE* b = statements[i + 1].tree;
-        if (!a || !b || a->opcode != ASG || b->opcode != ASG) continue;
-        int x = tracked(a->left);
-        if (x < 0 || !b->left || b->left->opcode != NAME || b->left->symbol != a->left->symbol) continue;
-        const SYMTAB* sym = a->left->symbol;
-        // x = e; x = f(x), with x read once in f and nothing else happening.
-        if (has_side_effects(a->right) || has_side_effects(b->right) || count_name(b->right, sym) != 1 ||
-            count_name(a->right, sym) != 0)
-            continue;
-        NODE* value = converted(a->right, a->left->type);
-        a->right = nullptr;
-        walk_and_modify_tree(b->right, [&](NODE*& slot) {
-            if (slot->opcode == NAME && slot->symbol == sym) {
-                TYPE* t = slot->type;
-                erase_node(slot);
-                slot = converted(value, t);
-            }
-        });
-        if (b->right->opcode == NAME && b->right->symbol == sym) {
-            TYPE* t = b->right->type;
-            erase_node(b->right);
-            b->right = converted(value, t);
-        }
-        b->right = simp_tree(b->right, nullptr);
-        erase_tree(a);
-        statements.erase(statements.begin() + static_cast<long>(i));
-        changed = true;
-        if (i > 0) --i;
-        --i;  // look at the merged statement again
+namespace {
+// Merged values stay small: a run of assignments longer than this makes a
+// chain of statements, not one tree as deep as the run is long.
+constexpr size_t MAX_COMBINED_NODES = 48;
+
+// The number of nodes of the tree, counted up to `limit` (then limit + 1).
+size_t tree_size_up_to(const NODE* t, size_t limit) {
+    size_t n = 0;
+    std::vector<const NODE*> work{t};
+    while (!work.empty() && n <= limit) {
+        const NODE* x = work.back();
+        work.pop_back();
+        if (!x) continue;
+        ++n;
+        work.push_back(x->left);
+        work.push_back(x->right);
     }
+    return n;
+}
+
+// b becomes x = f(e) when a is x = e and b is x = f(x), with x read once in
+// f and nothing else happening; a is then freed.  False when they don't
+// combine.
+bool combine_pair(NODE* a, NODE* b) {
+    if (!a || !b || a->opcode != ASG || b->opcode != ASG) return false;
+    int x = tracked(a->left);
+    if (x < 0 || !b->left || b->left->opcode != NAME || b->left->symbol != a->left->symbol) return false;
+    const SYMTAB* sym = a->left->symbol;
+    if (tree_size_up_to(a->right, MAX_COMBINED_NODES) + tree_size_up_to(b->right, MAX_COMBINED_NODES) >
+        MAX_COMBINED_NODES)
+        return false;
+    if (has_side_effects(a->right) || has_side_effects(b->right) || count_name(b->right, sym) != 1 ||
+        count_name(a->right, sym) != 0)
+        return false;
+    NODE* value = converted(a->right, a->left->type);
+    a->right = nullptr;
+    walk_and_modify_tree(b->right, [&](NODE*& slot) {
+        if (slot->opcode == NAME && slot->symbol == sym) {
+            TYPE* t = slot->type;
+            erase_node(slot);
+            slot = converted(value, t);
+        }
+    });
+    if (b->right->opcode == NAME && b->right->symbol == sym) {
+        TYPE* t = b->right->type;
+        erase_node(b->right);
+        b->right = converted(value, t);
+    }
+    b->right = simp_tree(b->right, nullptr);
+    erase_tree(a);
+    return true;
+}
+}  // namespace
+
+bool combine_assignments(std::vector<BODY_ENTRY>& statements) {
+    // The statements kept so far; a merged one is tried again with the one
+    // before it.
+    std::vector<BODY_ENTRY> kept;
+    kept.reserve(statements.size());
+    bool changed = false;
+    for (BODY_ENTRY& e : statements) {
+        while (!kept.empty() && combine_pair(kept.back().tree, e.tree)) {
+            kept.pop_back();
+            changed = true;
+        }
+        kept.push_back(e);
+    }
+    if (changed) statements.swap(kept);
     return changed;
 }
 

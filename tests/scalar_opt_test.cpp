@@ -112,6 +112,21 @@ TEST_F(ScalarOpt, FoldingIsExactInTheOperandType) {
     same_meaning(samples);
 }
 
+// Merging x = e; x = f(x) stops while the value is still small: a long run
+// stays a chain of statements instead of one tree as deep as the run (which
+// took time quadratic in the run and could not be read back past 100000).
+TEST_F(ScalarOpt, LongRunsOfAssignmentsStayAChain) {
+    MiniFunction f{"f", {"a", "b"}, {"x"}};
+    f.body = {"(= x a)"};
+    for (int i = 0; i < 300; ++i) f.body.push_back("(= x (^ (* x b) " + std::to_string(i % 7) + "))");
+    f.body.push_back("(ret x)");
+    optimize(f);
+    std::vector<std::string> st = statements();
+    EXPECT_GT(st.size(), 10u) << output;
+    for (const std::string& s : st) EXPECT_LT(s.size(), 400u) << s;
+    same_meaning(samples);
+}
+
 TEST_F(ScalarOpt, BooleanTestsAreInvertedAndNormalized) {
     MiniFunction f{"f", {"a", "b"}, {}};
     f.body = {"(if (! (< a b)) 7)", "(ret (== (!= a b) 0))", "L7:", "(ret (&& 1 (| a 8)))"};
