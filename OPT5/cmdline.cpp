@@ -1,6 +1,5 @@
 #include "OPT5/cmdline.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 

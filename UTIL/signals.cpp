@@ -6,7 +6,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <initializer_list>
 
 #include "UTIL/cleanup.h"
@@ -66,7 +65,6 @@ namespace {
 // The handlers run on a stack of their own, so that even an overflow of the
 // machine stack ends with its message.
 alignas(16) char alternate_stack[64 * 1024];
-
 }  // namespace
 
 void install_common_handlers(signal_handler_fn handler, signal_callback_fn callback) {
