@@ -7,7 +7,6 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 
 #include "DEBUG_DISABLE/switches.h"
 #include "OPT5/globals.h"
@@ -68,10 +67,7 @@ void debug_write_failed(const char*, const char*, int) {
         FDEBUG = nullptr;
         print_debug = false;
     }
-    std::fprintf(stderr, "\n>> Cannot write the debug file %s : %s, Aborting\n",
-                 debug_file_name.empty() ? "<unknown>" : debug_file_name.c_str(), std::strerror(error));
-    run_abnormal_exit_cleanup();
-    std::exit(1);
+    write_failure_exit("debug file", debug_file_name.empty() ? "<unknown>" : debug_file_name.c_str(), error);
 }
 
 void optimizer_signal_callback(int sig) {

@@ -261,13 +261,18 @@ bool find_shape(struct LOOP* loop, CD_LOOP_SHAPE& s, std::string& why) {
     return true;
 }
 
-// The description declares a scalar load or store of the type.
-bool declared_access(int op, TYPE* type) {
-    TREP* t = find_TREP(type, 1);
-    return md_cost_for_memref(op, t ? t->kind : 'i', t ? t->bytes() : 1, 1, INT65(0), false) != 0;
+// Why a load (DFG_FETCH) or store (DFG_STORE) of the UMULT `access` can't
+// join a vector or dual access: it is volatile, or the description declares
+// no scalar access of its type.  Empty when it can.
+std::string refused_access(int op, const NODE* access) {
+    const char* what = op == DFG_FETCH ? "load" : "store";
+    if (is_volatile_access(access)) return std::string("volatile ") + what;
+    TREP* t = find_TREP(access->type, 1);
+    if (md_cost_for_memref(op, t ? t->kind : 'i', t ? t->bytes() : 1, 1, INT65(0), false) == 0)
+        return std::string("no ") + what + " of " + (access->type ? access->type->print() : "?") +
+               " in the machine description";
+    return "";
 }
-
-std::string type_text(TYPE* type) { return type ? type->print() : "?"; }
 
 struct CONVERTER {
     CDFG* region;
@@ -294,8 +299,7 @@ struct CONVERTER {
         if (!is_16bit_int(t->type)) return why = "not 16-bit integer arithmetic", nullptr;
         if (t->opcode == UMULT) {
             if (!is_unit_stride_address(t->left, shape.iv, assigned)) return why = "load is not base + iv", nullptr;
-            if (is_volatile_access(t)) return why = "volatile load", nullptr;
-            if (!declared_access(DFG_FETCH, t->type)) return why = "no load of " + type_text(t->type) + " in the machine description", nullptr;
+            if (!(why = refused_access(DFG_FETCH, t)).empty()) return nullptr;
             DFG* f = make(DFG_FETCH, find_TREP(t->type, 1));
             f->opd[0] = address(t->left);
             f->nopd = 1;
@@ -318,9 +322,7 @@ struct CONVERTER {
     CDSTMT* statement(NODE* t) {
         if (t->opcode != ASG || !t->left || t->left->opcode != UMULT) return why = "statement is not a store", nullptr;
         if (!is_unit_stride_address(t->left->left, shape.iv, assigned)) return why = "store is not base + iv", nullptr;
-        if (is_volatile_access(t->left)) return why = "volatile store", nullptr;
-        if (!declared_access(DFG_STORE, t->left->type))
-            return why = "no store of " + type_text(t->left->type) + " in the machine description", nullptr;
+        if (!(why = refused_access(DFG_STORE, t->left)).empty()) return nullptr;
         DFG* value = expr(t->right);
         if (!value) return nullptr;
         DFG* st = make(DFG_STORE, find_TREP(t->left->type, 1));
@@ -677,7 +679,7 @@ bool split_address(const NODE* a, std::string& base, INT65& offset) {
 // base + constant addresses.
 DFG* ilp_graph(const NODE* t, DFG_ARENA& arena) {
     if (!t || !is_16bit_int(t->type)) return nullptr;
-    if (t->opcode == UMULT && (is_volatile_access(t) || !declared_access(DFG_FETCH, t->type))) return nullptr;
+    if (t->opcode == UMULT && !refused_access(DFG_FETCH, t).empty()) return nullptr;
     DFG* d = arena.make();
     d->trep = find_TREP(t->type, 1);
     if (t->opcode == UMULT) {
@@ -723,8 +725,8 @@ void loads_of(const NODE* t, std::set<std::string>& out) {
 // statement loads everything before it stores.
 NODE* combine_pair(NODE* s1, NODE* s2, bool s1_first) {
     if (s1->opcode != ASG || s2->opcode != ASG || !s1->left || !s2->left || s1->left->opcode != UMULT ||
-        s2->left->opcode != UMULT || is_volatile_access(s1->left) || is_volatile_access(s2->left) ||
-        !declared_access(DFG_STORE, s1->left->type) || !declared_access(DFG_STORE, s2->left->type))
+        s2->left->opcode != UMULT || !refused_access(DFG_STORE, s1->left).empty() ||
+        !refused_access(DFG_STORE, s2->left).empty())
         return nullptr;
     std::string b1, b2;
     INT65 k1, k2;

@@ -38,8 +38,6 @@ struct OUTPUT_PLAN {
     std::string temp_path;   // the file written meanwhile (registered for removal)
     bool copy_at_end = false;
 } output_plan;
-
-[[noreturn]] void output_failure(const char* what, const std::string& name, int error);
 }  // namespace
 
 int alias_vars_option, inline_single, cache_sys_funinfo, code_is_reentrant, dump_ocg_in_GDL;
@@ -167,12 +165,6 @@ void apply_display_settings(const option_obj& o) {
     std::exit(1);
 }
 
-[[noreturn]] void output_failure(const char* what, const std::string& name, int error) {
-    std::fprintf(stderr, "\n>> Cannot write the %s %s : %s, Aborting\n", what, name.c_str(), std::strerror(error));
-    discard_output();
-    std::exit(1);
-}
-
 // Makes the temporary file that the output is written to; `in` is the
 // input's status.
 void open_output(const struct stat& in) {
@@ -224,6 +216,8 @@ void open_output(const struct stat& in) {
     output_opened = true;
 }
 
+[[noreturn]] void output_failure(int error) { write_failure_exit("output icode file", output_file_name.c_str(), error); }
+
 // The written output becomes the named file.  Signals are held from here to
 // the exit, so that a run that has put its output in place ends normally.
 void put_output_in_place() {
@@ -232,18 +226,18 @@ void put_output_in_place() {
     sigprocmask(SIG_BLOCK, &all, nullptr);
     const OUTPUT_PLAN& p = output_plan;
     if (!p.copy_at_end) {
-        if (rename(p.temp_path.c_str(), p.final_path.c_str()) != 0) output_failure("output icode file", output_file_name, errno);
+        if (rename(p.temp_path.c_str(), p.final_path.c_str()) != 0) output_failure(errno);
         forget_temporary_file(p.temp_path.c_str());
         output_opened = false;
         return;
     }
     FILE* from = std::fopen(p.temp_path.c_str(), "rb");
-    if (!from) output_failure("output icode file", output_file_name, errno);
+    if (!from) output_failure(errno);
     FILE* to = std::fopen(p.final_path.c_str(), "wb");
     if (!to) {
         int e = errno;
         std::fclose(from);
-        output_failure("output icode file", output_file_name, e);
+        output_failure(e);
     }
     char buf[65536];
     size_t n;
@@ -253,7 +247,7 @@ void put_output_in_place() {
     if (!error && std::ferror(from)) error = EIO;
     if (std::fclose(to) != 0 && !error) error = errno;
     std::fclose(from);
-    if (error) output_failure("output icode file", output_file_name, error);
+    if (error) output_failure(error);
     remove_temporary_files();
     output_opened = false;
 }
@@ -270,13 +264,9 @@ void set_global_flags(option_obj* options) {
     for (unsigned i = 0; i < options->getargcount(OPT_debug); ++i)
         process_debug_option("debug", options->getstrarg(OPT_debug, i));
     apply_display_settings(*options);
-    if (options == &file_options) {
-        apply_option_flags(file_options);
-        command_line_switches = register_option::get_state();
-    } else {
-        apply_option_flags(file_options);
-        apply_option_flags(*options, true);
-    }
+    apply_option_flags(file_options);
+    if (options == &file_options) command_line_switches = register_option::get_state();
+    else apply_option_flags(*options, true);
 }
 
 void restore_global_flags() {
@@ -414,7 +404,7 @@ void close_files() {
             int error = errno;
             FDEBUG = nullptr;
             print_debug = false;
-            output_failure("debug file", debug_file_name, error);
+            write_failure_exit("debug file", debug_file_name.c_str(), error);
         }
         FDEBUG = nullptr;
     }
@@ -424,7 +414,7 @@ void close_files() {
         int error = errno;
         info_stream = nullptr;
         finfo = nullptr;
-        if (failed) output_failure("information file", file_options.getstrarg(OPT_info_file, 0), error);
+        if (failed) write_failure_exit("information file", file_options.getstrarg(OPT_info_file, 0), error);
     }
     if (input_file) {
         std::fclose(input_file);
@@ -441,13 +431,13 @@ void close_files() {
         delete o_file;
         o_file = nullptr;
         output_file = nullptr;
-        if (failed) output_failure("output icode file", output_file_name, error);
+        if (failed) output_failure(error);
     }
     if (output_file) {
         bool failed = std::fclose(output_file) != 0;
         int error = errno;
         output_file = nullptr;
-        if (failed) output_failure("output icode file", output_file_name, error);
+        if (failed) output_failure(error);
     }
     if (output_opened) put_output_in_place();
 }

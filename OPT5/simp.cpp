@@ -1073,7 +1073,7 @@ NODE* expunge_IDENTITY_ops_from_tree(NODE* tree) {
 NODE* simp_node(NODE* n, struct LOOP* loop) {
     if (!n) return n;
     int op = n->opcode;
-    if (op == ILLOP) OPT_REQUIRE(op != ILLOP);
+    OPT_REQUIRE(op != ILLOP);
     if (op < 0 || op >= NUM_OPCODES) return n;
     int arity = number_of_operands[op];
     if ((arity == 1 || arity == 2) && is_icon(n->left) && (arity == 1 || is_icon(n->right)) && op != QUEST &&

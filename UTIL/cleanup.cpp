@@ -3,6 +3,8 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 namespace {
@@ -21,6 +23,12 @@ void set_abnormal_exit_cleanup(abnormal_exit_cleanup_fn fn) { cleanup = fn; }
 void run_abnormal_exit_cleanup() {
     if (cleanup) cleanup();
     remove_temporary_files();
+}
+
+void write_failure_exit(const char* what, const char* name, int error) {
+    std::fprintf(stderr, "\n>> Cannot write the %s %s : %s, Aborting\n", what, name, std::strerror(error));
+    run_abnormal_exit_cleanup();
+    std::exit(1);
 }
 
 bool register_temporary_file(const char* path) {

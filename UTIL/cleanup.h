@@ -15,6 +15,11 @@ void set_abnormal_exit_cleanup(abnormal_exit_cleanup_fn fn);
 // safe to call more than once.
 void run_abnormal_exit_cleanup();
 
+// A file could not be written (a full disk, say): the user's trouble, not a
+// defect.  Prints "\n>> Cannot write the WHAT NAME : REASON, Aborting\n",
+// runs the abnormal-exit cleanup and exits with status 1.
+[[noreturn]] void write_failure_exit(const char* what, const char* name, int error);
+
 // A file this run created; false when the path is too long to keep or the
 // registry is full (the caller must not go on then).
 bool register_temporary_file(const char* path);
