@@ -635,7 +635,8 @@ BASE_NODE* I_FILE::read_expr_node(bool nested) {
         int opcode, arity, have;
         BASE_NODE* operand[2];
     };
-    std::vector<PENDING> open;
+    static thread_local std::vector<PENDING> open;  // kept between trees: no allocation per statement
+    open.clear();
     for (bool first = true;; first = false) {
         int opcode;
         BASE_NODE* done = read_node_record(first ? nested : true, opcode);

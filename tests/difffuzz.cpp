@@ -405,7 +405,8 @@ std::string Checker::check(const Unit& u, const std::vector<int>& levels) const 
         if (!r.exited) return "killed by signal " + std::to_string(r.status) + at;
         if (r.status == 124) return "ran past " + std::to_string(seconds) + " s" + at;
         if (r.status != 0) {
-            std::string first = r.err.substr(r.err.find_first_not_of('\n'));
+            size_t text = r.err.find_first_not_of('\n');
+            std::string first = text == std::string::npos ? "" : r.err.substr(text);
             return "exit " + std::to_string(r.status) + at + ": " + first.substr(0, first.find('\n'));
         }
         try {
@@ -426,7 +427,10 @@ std::string Checker::check(const Unit& u, const std::vector<int>& levels) const 
     return "";
 }
 
-std::string failure_kind(const std::string& why) { return why.substr(0, why.find(" at -o")); }
+Unit Checker::reduce_failure(const Unit& u, const std::vector<int>& levels, const std::string& why) const {
+    auto kind = [](const std::string& w) { return w.substr(0, w.find(" at -o")); };
+    return reduce(u, [&](const Unit& t) { return kind(check(t, levels)) == kind(why); });
+}
 
 namespace {
 

@@ -35,11 +35,10 @@ struct Checker {
 
     // The first failure of the unit at any of the levels, or "".
     std::string check(const Unit& u, const std::vector<int>& levels) const;
+    // The unit that failed with `why`, reduced while it fails the same way
+    // (the same kind: "exit 2", "different result", ...).
+    Unit reduce_failure(const Unit& u, const std::vector<int>& levels, const std::string& why) const;
 };
-
-// The kind of a failure the checker reported ("exit 2", "different result",
-// ...), which a reduced unit must keep.
-std::string failure_kind(const std::string& why);
 
 // Removes statements and replaces subtrees by their operands or 0 while the
 // unit still fails (`fails` says whether it does).

@@ -67,7 +67,7 @@ int main(int argc, char** argv) {
         ++failures;
         std::printf("seed %llu: %s\n", static_cast<unsigned long long>(k), why.c_str());
         std::fflush(stdout);
-        difffuzz::Unit small = difffuzz::reduce(u, [&](const difffuzz::Unit& t) { return difffuzz::failure_kind(checker.check(t, levels)) == difffuzz::failure_kind(why); });
+        difffuzz::Unit small = checker.reduce_failure(u, levels, why);
         std::string again = checker.check(small, levels);
         std::string text = small.save("seed " + std::to_string(k) + ": " + again);
         std::printf("%s\n", text.c_str());

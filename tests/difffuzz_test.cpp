@@ -26,7 +26,7 @@ TEST(DiffFuzz, GeneratedUnitsAgreeAtEveryLevel) {
         Unit u = difffuzz::generate(seed);
         std::string why = c.check(u, every_level);
         if (why.empty()) continue;
-        Unit small = difffuzz::reduce(u, [&](const Unit& t) { return difffuzz::failure_kind(c.check(t, every_level)) == difffuzz::failure_kind(why); });
+        Unit small = c.reduce_failure(u, every_level, why);
         ADD_FAILURE() << "seed " << seed << ": " << why << "\n" << small.save(c.check(small, every_level));
     }
 }
@@ -59,6 +59,14 @@ TEST(DiffFuzz, UnitsAreReproducibleAndVaried) {
         EXPECT_LE(u.prologue, u.f.body.size());
     }
     EXPECT_EQ(texts.size(), 20u);
+}
+
+// An optimizer that fails without a word is still a failure, reported.
+TEST(DiffFuzz, SilentFailuresAreReported) {
+    TempDir dir;
+    difffuzz::Checker c = checker(dir);
+    c.opt5 = "/bin/false";
+    EXPECT_EQ(c.check(difffuzz::generate(1), {3}), "exit 1 at -o3: ");
 }
 
 TEST(DiffFuzz, ReductionKeepsTheFailureAndLittleElse) {
