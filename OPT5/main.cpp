@@ -264,20 +264,29 @@ void optimizer_main(int argc, char** argv) {
         close_files();
         std::exit(0);
     }
-    clock_t start = (print_debug || enable_time_stats) ? std::clock() : 0;
+    clock_t start = (print_debug || enable_time_stats || enable_step_times) ? std::clock() : 0;
 
     guarded([] {
         if (read_input_unit) read_input_unit();
     });
+    clock_t read_end = std::clock();
     guarded(build_step_tables);
     guarded(matcher_init);
     guarded(run_function_loop);
+    clock_t globals_start = std::clock();
     guarded(write_global_data);
 
-    if (enable_time_stats || print_debug) {
-        clock_t total = std::clock() - start;
+    if (enable_time_stats || print_debug || enable_step_times) {
+        clock_t end = std::clock();
+        clock_t total = end - start;
         if (enable_time_stats) print_time_stats(stderr, total);
         if (print_debug) print_time_stats(FDEBUG, total);
+        if (enable_step_times) {
+            auto secs = [](clock_t t) { return static_cast<double>(t) / CLOCKS_PER_SEC; };
+            print_step_times(stderr, {{"read input unit", secs(read_end - start)},
+                                      {"write global data", secs(end - globals_start)}},
+                             secs(total));
+        }
     }
     guarded(close_files);
     std::exit(0);

@@ -1,5 +1,6 @@
 #include "OPT5/pass.h"
 
+#include <algorithm>
 #include <cctype>
 #include <cstdlib>
 #include <ctime>
@@ -173,13 +174,15 @@ void pass::run() {
     // The action may end the function ("output function"); time goes to the
     // function that was current when the step began.
     FUNINFO* fi = currfuninfo;
-    if (print_debug || enable_time_stats) {
+    if (print_debug || enable_time_stats || enable_step_times) {
         clock_t start = std::clock();
         action_();
         clock_t end = std::clock();
         if (print_debug)
             DBG_CHECK(std::fprintf(FDEBUG, "(%.1f sec for pass.)\n", static_cast<float>(end - start) / 1000000.0f));
         if (fi) fi->pass_time += end - start;
+        seconds_ += static_cast<double>(end - start) / CLOCKS_PER_SEC;
+        ++runs_;
     } else {
         action_();
     }
@@ -235,6 +238,31 @@ void setup_passes(bool forced) {
 void list_passes(FILE* out) {
     for (pass* p : permuted_order) std::fprintf(out, "%2d:  %s\n", p->serial(), p->name().c_str());
     std::fflush(out);
+}
+
+void print_step_times(FILE* out, const std::vector<std::pair<std::string, double>>& outside, double total) {
+    struct row {
+        std::string name;
+        long runs;
+        double seconds;
+    };
+    std::vector<row> rows;
+    for (const auto& [name, seconds] : outside) rows.push_back({name, 1, seconds});
+    for (void* slot : serial_namespace<pass_manager_tag>::slots())
+        if (auto* p = static_cast<const pass*>(static_cast<serial_object<pass_manager_tag>*>(slot)); p && p->runs() > 0)
+            rows.push_back({p->name(), p->runs(), p->seconds()});
+    std::stable_sort(rows.begin(), rows.end(), [](const row& a, const row& b) { return a.seconds > b.seconds; });
+    std::fprintf(out, "\nStep times (CPU seconds, summed over the functions):\n");
+    std::fprintf(out, "%10s %6s %8s  %s\n", "seconds", "%", "runs", "step");
+    double listed = 0;
+    for (const row& r : rows) {
+        std::fprintf(out, "%10.3f %6.1f %8ld  %s\n", r.seconds, total > 0 ? 100.0 * r.seconds / total : 0.0, r.runs,
+                     r.name.c_str());
+        listed += r.seconds;
+    }
+    std::fprintf(out, "%10.3f %6.1f %8s  %s\n", total - listed, total > 0 ? 100.0 * (total - listed) / total : 0.0,
+                 "", "(elsewhere)");
+    std::fprintf(out, "%10.3f %6.1f %8s  %s\n", total, 100.0, "", "(whole run)");
 }
 
 void destroy_passes() {

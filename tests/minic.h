@@ -228,42 +228,52 @@ inline std::string symbol_record(const std::string& name, int type) {
            " c:0 n:0 n:0 P:0 b:0\n";
 }
 
-// The global symbols: "ext" first (index 0), then the function, then the
-// arrays.
-inline std::string MiniFunction::text() const {
-    Emitter e;
-    int index = 0;
-    for (const std::string& d : args) e.syms[name_of_decl(d)] = {index++, type_of_decl(d)};
-    for (const std::string& d : locals) e.syms[name_of_decl(d)] = {index++, type_of_decl(d)};
-    for (size_t g = 0; g < globals.size(); ++g)
-        e.globals[name_of_decl(globals[g])] = {static_cast<int>(g) + 2, global_type(globals[g])};
-    std::string s = ".header version=-71 cpu=0x258 source=\"t.c\" extra=0\n.section main\nbegin_func P:1:1:1 n:1\n";
-    for (const std::string& d : args) s += symbol_record(name_of_decl(d), type_of_decl(d));
-    s += "end_args P:0\n";
-    for (const std::string& d : locals) s += symbol_record(name_of_decl(d), type_of_decl(d));
-    s += "end_locals P:0\n";
+// A unit of several functions (the arrays of the first are the unit's).  The
+// global symbols: "ext" first (index 0), then the functions, then the arrays.
+inline std::string unit_text(const std::vector<MiniFunction>& fns) {
+    const std::vector<std::string>& globals = fns.front().globals;
+    int first_array = static_cast<int>(fns.size()) + 1;
+    std::string s = ".header version=-71 cpu=0x258 source=\"t.c\" extra=0\n.section main\n";
     int line = 2;
-    for (const std::string& st : body) {
-        if (st.size() > 2 && st[0] == 'L' && st.back() == ':') {
-            s += "label n:" + st.substr(1, st.size() - 2) + "\n";
-            continue;
+    for (size_t fi = 0; fi < fns.size(); ++fi) {
+        const MiniFunction& f = fns[fi];
+        Emitter e;
+        int index = 0;
+        for (const std::string& d : f.args) e.syms[name_of_decl(d)] = {index++, type_of_decl(d)};
+        for (const std::string& d : f.locals) e.syms[name_of_decl(d)] = {index++, type_of_decl(d)};
+        for (size_t g = 0; g < globals.size(); ++g)
+            e.globals[name_of_decl(globals[g])] = {static_cast<int>(g) + first_array, global_type(globals[g])};
+        s += "begin_func P:1:1:1 n:" + std::to_string(fi + 1) + "\n";
+        for (const std::string& d : f.args) s += symbol_record(name_of_decl(d), type_of_decl(d));
+        s += "end_args P:0\n";
+        for (const std::string& d : f.locals) s += symbol_record(name_of_decl(d), type_of_decl(d));
+        s += "end_locals P:0\n";
+        for (const std::string& st : f.body) {
+            if (st.size() > 2 && st[0] == 'L' && st.back() == ':') {
+                s += "label n:" + st.substr(1, st.size() - 2) + "\n";
+                continue;
+            }
+            e.toks = tokenize(st);
+            e.at = 0;
+            e.out.clear();
+            e.expr();
+            s += "stmt P:1:" + std::to_string(line++) + ":1\n" + e.out;
         }
-        e.toks = tokenize(st);
-        e.at = 0;
-        e.out.clear();
-        e.expr();
-        s += "stmt P:1:" + std::to_string(line++) + ":1\n" + e.out;
+        s += "end_func P:0\n";
     }
-    s += std::string("end_func P:0\n.end\n.section types\n") + type_records() + ".end\n" +
+    s += std::string(".end\n.section types\n") + type_records() + ".end\n" +
          ".section files\nsource S:\"t.c\"\n.end\n"
-         ".section globals\nsymbol S:\"ext\" n:0 n:0 c:0 w:0 n:4 n:0 n:16 c:0 n:0 n:0 P:0 b:0\n"
-         "symbol S:\"" + name + "\" n:0 n:0 c:0 w:0 n:4 n:0 n:16 c:0 n:0 n:0 P:1:1:1 b:0\n";
+         ".section globals\nsymbol S:\"ext\" n:0 n:0 c:0 w:0 n:4 n:0 n:16 c:0 n:0 n:0 P:0 b:0\n";
+    for (const MiniFunction& f : fns)
+        s += "symbol S:\"" + f.name + "\" n:0 n:0 c:0 w:0 n:4 n:0 n:16 c:0 n:0 n:0 P:1:1:1 b:0\n";
     for (const std::string& g : globals)
         s += "symbol S:\"" + name_of_decl(g) + "\" n:1600 n:0 c:0 w:0 n:" + std::to_string(global_type(g)) +
              " n:0 n:16 c:0 n:0 n:0 P:0 b:0\n";
     s += ".end\n";
     return s;
 }
+
+inline std::string MiniFunction::text() const { return unit_text({*this}); }
 
 // ---------------------------------------------------------------------------
 // The interpreter, over the text of a unit with one function.
