@@ -96,4 +96,3 @@ register_option pass_enable_lir_vn_loads("enable:lir_vn_loads");
 register_option pass_enable_naive_phi_node_instantiation("enable:naive_phi_node_instantiation");
 register_option pass_enable_static_profiling("enable:static_profiling");
 register_option enable_time_stats("enable:time_stats");
-register_option enable_step_times("enable:step_times");

@@ -100,7 +100,6 @@ extern register_option pass_enable_lir_vn_loads;
 extern register_option pass_enable_naive_phi_node_instantiation;
 extern register_option pass_enable_static_profiling;
 extern register_option enable_time_stats;
-extern register_option enable_step_times;
 
 // Number of switches defined above.
 inline constexpr int switch_count = 96;

@@ -408,7 +408,7 @@ void free_liveness(FUNINFO* fi) {
     }
 }
 
-void rebuildcfg() {
+void unbuildcfg() {
     FUNINFO* fi = currfuninfo;
     std::vector<BODY_ENTRY> body = fi->scopes;
     for (BBLK* b : layout_blocks()) {
@@ -423,6 +423,10 @@ void rebuildcfg() {
     }
     free_cfg(fi);
     fi->body = std::move(body);
+}
+
+void rebuildcfg() {
+    unbuildcfg();
     buildcfg();
 }
 

@@ -102,6 +102,10 @@ std::vector<BBLK*> layout_blocks();
 void buildcfg();
 // Frees the blocks, edges, loops and dominators of a function.
 void free_cfg(FUNINFO* fi);
+// Turns the current function's blocks back into a statement list (the scope
+// records, then each block's label and statements in layout order) and frees
+// the flow graph.
+void unbuildcfg();
 // Builds the flow graph again from the statements of the current blocks
 // (after jumps were added, removed or retargeted).
 void rebuildcfg();

@@ -390,9 +390,9 @@ void build_loop_hierarchy(bool value_ranges, bool, bool, int normalise) {
         // that enters it.
         if (entries == 1)
             for (BODY_ENTRY& e : outside->statements)
-                if (e.tree && e.tree->opcode == PPRAGMA && e.tree->pragma) {
-                    if (e.tree->pragma->kind == PK_UNROLL) l->unroll_pragma = e.tree;
-                    if (e.tree->pragma->kind == PK_PROB_ITERATE) l->trip_count_pragma = e.tree;
+                if (e.tree && e.tree->opcode == PPRAGMA && e.tree->x().pragma) {
+                    if (e.tree->x().pragma->kind == PK_UNROLL) l->unroll_pragma = e.tree;
+                    if (e.tree->x().pragma->kind == PK_PROB_ITERATE) l->trip_count_pragma = e.tree;
                 }
     }
     // Inner loops first: they were discovered first.  Only variables that

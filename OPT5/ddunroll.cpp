@@ -49,9 +49,9 @@ int carried_latency(const NODE* t, const SYMTAB* x) {
 }  // namespace
 
 INT65 get_PPRAGMA_tree_int_arg(const NODE* tree, int index) {
-    if (!tree || !tree->pragma || index < 0 || static_cast<size_t>(index) >= tree->pragma->args.size()) return INT65(0);
+    if (!tree || !tree->x().pragma || index < 0 || static_cast<size_t>(index) >= tree->x().pragma->args.size()) return INT65(0);
     INT65 v;
-    return INT65::parse(tree->pragma->args[static_cast<size_t>(index)].c_str(), v) ? v : INT65(0);
+    return INT65::parse(tree->x().pragma->args[static_cast<size_t>(index)].c_str(), v) ? v : INT65(0);
 }
 
 void update_pragmas_for_loop(struct LOOP* loop, int factor) {

@@ -56,6 +56,10 @@ struct FUNINFO {
     std::vector<EHT_ENTRY> eht;
     bool has_edge_profile = false;
     bool defined = false;  // its body has been read
+    // While the function waits for other functions (reading the unit, a
+    // barrier step), its body is kept packed here and it has no trees.
+    std::vector<unsigned char> parked;
+    bool is_parked = false;
 
     // The flow graph (after buildcfg): the scope records and local symbols in
     // reading order, the blocks in layout order, the loops and dominators.

@@ -17,6 +17,7 @@
 #include "OPT5/globals.h"
 #include "OPT5/opcodes.h"
 #include "OPT5/opt_client.h"
+#include "OPT5/park.h"
 #include "OPT5/pass.h"
 #include "OPT5/symtab.h"
 #include "TYPES/type_pkg.h"
@@ -48,6 +49,7 @@ SYMTAB* defining_symbol(SYMTAB* fn) { return fn->is_declaration && fn->definitio
 // The last step of each function: writes it and lets go of it.
 void output_function() {
     SYMTAB* fn = currfunc;
+    unpark_function();
     if (!(currfuninfo->flags() & FUN_BODY_NOT_WRITTEN) && write_function_body) write_function_body(fn);
     erase_function_body(currfuninfo);
     currfunc = nullptr;
@@ -164,6 +166,7 @@ void run_function_steps(SYMTAB* fn, std::deque<pass*>& passes) {
     currfunc = def;
     OPT_REQUIRE(currfunc == currfuninfo->symbol);
     apply_function_options();
+    unpark_function();
 
     FILE* saved_debug = nullptr;
     bool split = pass_debug_split_odb && print_debug;
@@ -190,6 +193,8 @@ void run_function_steps(SYMTAB* fn, std::deque<pass*>& passes) {
     }
 
     OPT_REQUIRE(passes.empty() || passes.front()->is_barrier());
+    // Until the barrier has run for every function, this one waits packed.
+    if (!passes.empty()) park_function();
     if (split) {
         if (std::fclose(FDEBUG) != 0) optassert("fclose(FDEBUG) == 0", THIS_MODULE, __LINE__);
         FDEBUG = saved_debug;
@@ -264,7 +269,7 @@ void optimizer_main(int argc, char** argv) {
         close_files();
         std::exit(0);
     }
-    clock_t start = (print_debug || enable_time_stats || enable_step_times) ? std::clock() : 0;
+    clock_t start = (print_debug || enable_time_stats) ? std::clock() : 0;
 
     guarded([] {
         if (read_input_unit) read_input_unit();
@@ -276,12 +281,12 @@ void optimizer_main(int argc, char** argv) {
     clock_t globals_start = std::clock();
     guarded(write_global_data);
 
-    if (enable_time_stats || print_debug || enable_step_times) {
+    if (enable_time_stats || print_debug) {
         clock_t end = std::clock();
         clock_t total = end - start;
         if (enable_time_stats) print_time_stats(stderr, total);
         if (print_debug) print_time_stats(FDEBUG, total);
-        if (enable_step_times) {
+        if (enable_time_stats >= 2) {  // and the steps summed over the functions
             auto secs = [](clock_t t) { return static_cast<double>(t) / CLOCKS_PER_SEC; };
             print_step_times(stderr, {{"read input unit", secs(read_end - start)},
                                       {"write global data", secs(end - globals_start)}},

@@ -780,7 +780,7 @@ namespace {
 DFG tree_probe(NODE* tree) {
     DFG probe;
     probe.op = tree->opcode;
-    if (tree->opcode == ICALL || tree->opcode == UICALL) probe.name = tree->text;
+    if (tree->opcode == ICALL || tree->opcode == UICALL) probe.name = tree->x().text;
     probe.trep = tree->type ? find_TREP(tree->type, 1) : nullptr;
     return probe;
 }

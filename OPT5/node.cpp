@@ -3,7 +3,11 @@
 
 #include <cstdio>
 #include <deque>
-#include <mutex>
+#include <sys/mman.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <new>
 #include <vector>
 
 #include "IFILE/if_file.h"
@@ -20,33 +24,67 @@ struct PTENV {
 
 void delete_PTENV(PTENV* env) { delete env; }
 
+const NODE_EXTRA NODE_EXTRA::none;
+
 namespace {
 const char THIS_MODULE[] = "OPT5/bbutils";
 
-// Erased nodes first wait in `erased_nodes`, still marked ILLOP, until the
-// step that erased them has ended; only then may new_node hand them out
-// again.  So within a step a pointer to an erased node always reads ILLOP
-// and never a node made later, whatever the order of erasing and making.
-// Nodes are never returned to the heap during a run.
-std::mutex pool_mutex;
-std::vector<NODE*> free_nodes;
-std::vector<NODE*> erased_nodes;
-size_t live_nodes = 0;
+// Nodes come from slabs, never from the heap one by one, and are never
+// returned to it during a run.  Erased nodes first wait in `erased`, still
+// marked ILLOP, until the step that erased them has ended; only then may
+// new_node hand them out again.  So within a step a pointer to an erased node
+// always reads ILLOP and never a node made later, whatever the order of
+// erasing and making.  The pool is the thread's own: a worker's steps make
+// and erase nodes without locking, and a node erased on one thread is simply
+// reused by that thread.
+struct node_pool {
+    // 2 MiB slabs, aligned so that the kernel can back each by one huge page.
+    static constexpr size_t slab_bytes = size_t{2} << 20;
+    static constexpr size_t slab_nodes = slab_bytes / sizeof(NODE);
+    NODE* free_list = nullptr;  // linked through `right`
+    NODE* erased = nullptr;     // linked through `right`, still ILLOP
+    NODE* erased_last = nullptr;
+    NODE* slab = nullptr;
+    size_t slab_used = slab_nodes;
+
+    NODE* allocate() {
+        if (NODE* n = free_list) {
+            free_list = n->right;
+            *n = NODE();
+            return n;
+        }
+        if (slab_used == slab_nodes) {
+            void* p = std::aligned_alloc(slab_bytes, slab_bytes);
+            if (!p) throw std::bad_alloc();
+            madvise(p, slab_bytes, MADV_HUGEPAGE);
+            slab = static_cast<NODE*>(p);
+            slab_used = 0;
+        }
+        return new (&slab[slab_used++]) NODE;
+    }
+    void release(NODE* n) {
+        n->right = erased;
+        if (!erased) erased_last = n;
+        erased = n;
+    }
+    void recycle() {
+        if (!erased) return;
+        erased_last->right = free_list;
+        free_list = erased;
+        erased = erased_last = nullptr;
+    }
+};
+thread_local node_pool pool;
+std::atomic<long> live_nodes{0};
 
 NODE* allocate_node() {
-    std::lock_guard<std::mutex> lock(pool_mutex);
-    ++live_nodes;
-    if (free_nodes.empty()) return new NODE;
-    NODE* n = free_nodes.back();
-    free_nodes.pop_back();
-    *n = NODE();
-    return n;
+    live_nodes.fetch_add(1, std::memory_order_relaxed);
+    return pool.allocate();
 }
 
 void release_node(NODE* n) {
-    std::lock_guard<std::mutex> lock(pool_mutex);
-    --live_nodes;
-    erased_nodes.push_back(n);
+    live_nodes.fetch_sub(1, std::memory_order_relaxed);
+    pool.release(n);
 }
 
 bool is_char_kind(TYPE* t) {
@@ -57,21 +95,19 @@ bool is_char_kind(TYPE* t) {
 
 // Deep copies of what a node owns, so that a copy can be erased on its own.
 void own_copies(NODE* n) {
-    if (n->side) {
+    if (!n->has_extra()) return;
+    NODE_EXTRA& x = n->mx();
+    if (x.side) {
         NODE_SIDE* s = new NODE_SIDE;
-        s->tree = n->side->tree ? copy_tree(n->side->tree) : nullptr;
-        n->side = s;
+        s->tree = x.side->tree ? copy_tree(x.side->tree) : nullptr;
+        x.side = s;
     }
-    if (n->pragma) n->pragma = new PRAGMA(*n->pragma);
-    n->ptenv = nullptr;
+    if (x.pragma) x.pragma = new PRAGMA(*x.pragma);
+    x.ptenv = nullptr;
 }
 }  // namespace
 
-void recycle_erased_nodes() {
-    std::lock_guard<std::mutex> lock(pool_mutex);
-    free_nodes.insert(free_nodes.end(), erased_nodes.begin(), erased_nodes.end());
-    erased_nodes.clear();
-}
+void recycle_erased_nodes() { pool.recycle(); }
 
 bool is_volatile_access(const NODE* n) {
     if (!n) return false;
@@ -87,10 +123,7 @@ bool is_volatile_access(const NODE* n) {
     }
 }
 
-size_t live_node_count() {
-    std::lock_guard<std::mutex> lock(pool_mutex);
-    return live_nodes;
-}
+size_t live_node_count() { return static_cast<size_t>(live_nodes.load(std::memory_order_relaxed)); }
 
 I_SYMTAB* NODE::name_symbol() const { return symbol; }
 
@@ -101,8 +134,15 @@ bool NODE::icon_is_wide() const {
 
 const char* NODE::lcon_value() const {
     // An ICON's value as decimal text, kept in the node's text field.
-    if (opcode == ICON) const_cast<NODE*>(this)->text = value.to_string();
-    return text.c_str();
+    if (opcode == ICON) const_cast<NODE*>(this)->mx().text = value.to_string();
+    return x().text.c_str();
+}
+
+// A profile value read with the function tells the writer to keep the
+// function's profile values.
+void NODE::set_edge_profile_value(unsigned v) {
+    mx().edge_profile = v;
+    if (opcode == EPVAL && v != 0xFFFFFFFFu && currfuninfo) currfuninfo->has_edge_profile = true;
 }
 
 void NODE::mk_name(I_SYMTAB* sym) {
@@ -111,9 +151,10 @@ void NODE::mk_name(I_SYMTAB* sym) {
 }
 
 void NODE::mk_field(int kind, fkMDATA* member, TYPE* csu) {
-    fld_kind = kind;
-    fld_member = member;
-    fld_csu = csu;
+    NODE_EXTRA& x = mx();
+    x.fld_kind = kind;
+    x.fld_member = member;
+    x.fld_csu = csu;
 }
 
 void NODE::mk_icon(int v) {
@@ -129,27 +170,28 @@ void NODE::mk_lcon(const char* t) {
     opcode = ICON;
 }
 
-void NODE::mk_fcon(const char* t) { text = t ? t : ""; }
+void NODE::mk_fcon(const char* t) { mx().text = t ? t : ""; }
 
 void NODE::mk_scon(const char* t, unsigned length) {
-    text.assign(t ? t : "", t ? length : 0);
-    text_length = length;
+    mx().text.assign(t ? t : "", t ? length : 0);
+    mx().text_length = length;
 }
 
 void NODE::mk_ddnode(int id, int locale, int f) {
-    dd_id = static_cast<unsigned>(id);
-    dd_locale = static_cast<unsigned>(locale);
-    dd_flags = static_cast<unsigned>(f);
+    NODE_EXTRA& x = mx();
+    x.dd_id = static_cast<unsigned>(id);
+    x.dd_locale = static_cast<unsigned>(locale);
+    x.dd_flags = static_cast<unsigned>(f);
 }
 
 void NODE::mk_call(unsigned count, unsigned second) {
     value = INT65(count);
-    call_second = second;
+    if (second || has_extra()) mx().call_second = second;
     if (currfuninfo) currfuninfo->no_calls = false;
 }
 
 void NODE::mk_ucall(unsigned count) {
-    call_second = count;
+    if (count || has_extra()) mx().call_second = count;
     if (currfuninfo) currfuninfo->no_calls = false;
 }
 
@@ -216,7 +258,7 @@ NODE* mk_LABELDEF(NODE* label) {
 NODE* mk_ASM(int kind, const std::string& text) {
     NODE* n = new_node(ASM, nullptr);
     n->value = INT65(kind);
-    n->text = text;
+    n->mx().text = text;
     return n;
 }
 
@@ -249,19 +291,19 @@ void erase_node(NODE* node) {
                          static_cast<void*>(node));
         abort_optimizer();
     }
-    if (node->side) {
-        erase_tree(node->side->tree);
-        delete node->side;
-        node->side = nullptr;
+    if (node->has_extra()) {
+        NODE_EXTRA& x = node->mx();
+        if (x.side) {
+            erase_tree(x.side->tree);
+            delete x.side;
+        }
+        delete_PTENV(x.ptenv);
+        delete x.pragma;
+        node->drop_extra();
     }
     node->opcode = ILLOP;
     node->left = nullptr;
-    delete_PTENV(node->ptenv);
-    node->ptenv = nullptr;
-    delete node->pragma;
-    node->pragma = nullptr;
     node->symbol = nullptr;
-    node->text.clear();
     node->flags[0] = node->flags[1] = node->flags[2] = node->flags[3] = 0;
     release_node(node);
 }
@@ -297,11 +339,13 @@ void walk_and_modify_tree(NODE* tree, const std::function<void(NODE*&)>& visit) 
 
 bool same_tree(const NODE* a, const NODE* b) {
     if (!a || !b) return a == b;
-    if (a->opcode != b->opcode || a->type != b->type || a->value != b->value || a->symbol != b->symbol ||
-        a->text != b->text || a->text_length != b->text_length || a->fld_kind != b->fld_kind ||
-        a->fld_member != b->fld_member || a->fld_csu != b->fld_csu || a->dd_id != b->dd_id ||
-        a->dd_locale != b->dd_locale || a->dd_flags != b->dd_flags || a->edge_profile != b->edge_profile ||
-        a->call_second != b->call_second)
+    if (a->opcode != b->opcode || a->type != b->type || a->value != b->value || a->symbol != b->symbol)
+        return false;
+    const NODE_EXTRA& x = a->x();
+    const NODE_EXTRA& y = b->x();
+    if (x.text != y.text || x.text_length != y.text_length || x.fld_kind != y.fld_kind ||
+        x.fld_member != y.fld_member || x.fld_csu != y.fld_csu || x.dd_id != y.dd_id || x.dd_locale != y.dd_locale ||
+        x.dd_flags != y.dd_flags || x.edge_profile != y.edge_profile || x.call_second != y.call_second)
         return false;
     return same_tree(a->left, b->left) && same_tree(a->right, b->right);
 }

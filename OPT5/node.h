@@ -19,15 +19,12 @@ struct NODE_SIDE {     // a side record attached to a node, which may own a tree
     class NODE* tree = nullptr;
 };
 
-class NODE : public BASE_NODE {
-public:
-    int opcode = NOP;
-    TYPE* type = nullptr;
-    NODE* left = nullptr;
-    NODE* right = nullptr;
-    INT65 value;
-    SYMTAB* symbol = nullptr;
-    // Payloads of particular opcodes.
+// What few nodes carry, kept apart so that the common node stays small: the
+// payloads of FIELD, SCON, FCON, ICALL, ASM, DDNODE, EPVAL, PPRAGMA and the
+// second count of CALL, the markers later passes may set, and the attached
+// side record and points-to environment.  A node has one only once something
+// is stored in it.
+struct NODE_EXTRA {
     int fld_kind = 0;
     fkMDATA* fld_member = nullptr;
     TYPE* fld_csu = nullptr;
@@ -39,37 +36,83 @@ public:
     PRAGMA* pragma = nullptr;    // PPRAGMA statements (owned)
     int unset_int = -1;
     double unset_double = -1.0;
-    TYPE* creation_type = nullptr;
-    NODE_SIDE* side = nullptr;
-    PTENV* ptenv = nullptr;
+    NODE_SIDE* side = nullptr;   // owned
+    PTENV* ptenv = nullptr;      // owned
+
+    static const NODE_EXTRA none;
+};
+
+class NODE : public BASE_NODE {
+public:
+    int opcode = NOP;
     unsigned char flags[4] = {0, 0, 0, 0};
+    TYPE* type = nullptr;
+    NODE* left = nullptr;
+    NODE* right = nullptr;
+    INT65 value;
+    SYMTAB* symbol = nullptr;
+    TYPE* creation_type = nullptr;
+
+    // The rare payloads: `x()` reads them (the defaults when the node has
+    // none), `mx()` makes them on first write.
+    const NODE_EXTRA& x() const { return extra_ ? *extra_ : NODE_EXTRA::none; }
+    NODE_EXTRA& mx() {
+        if (!extra_) extra_ = new NODE_EXTRA;
+        return *extra_;
+    }
+    bool has_extra() const { return extra_ != nullptr; }
+    // Hands the payloads over to someone else (a parked body), or takes
+    // them back.
+    NODE_EXTRA* release_extra() {
+        NODE_EXTRA* e = extra_;
+        extra_ = nullptr;
+        return e;
+    }
+    void adopt_extra(NODE_EXTRA* e) {
+        delete extra_;
+        extra_ = e;
+    }
+    // Frees the payloads (the owned pointers in them must be released first).
+    void drop_extra() {
+        delete extra_;
+        extra_ = nullptr;
+    }
 
     NODE() = default;
-    NODE(const NODE&) = default;
-    NODE& operator=(const NODE&) = default;
+    // A copy has payloads of its own (their owned pointers still shared;
+    // copy_tree and copy_node_if_changed make those the copy's own).
+    NODE(const NODE& o) : BASE_NODE(o) { copy_fields(o); }
+    NODE& operator=(const NODE& o) {
+        if (this != &o) {
+            drop_extra();
+            copy_fields(o);
+        }
+        return *this;
+    }
+    ~NODE() override { delete extra_; }
 
     I_SYMTAB* name_symbol() const override;
-    int field_kind() const override { return fld_kind; }
-    fkMDATA* field_mval() const override { return fld_member; }
-    TYPE* field_csu() const override { return fld_csu; }
+    int field_kind() const override { return x().fld_kind; }
+    fkMDATA* field_mval() const override { return x().fld_member; }
+    TYPE* field_csu() const override { return x().fld_csu; }
     unsigned icon_uvalue() const override { return value.as<uint32_t>(); }
     int icon_svalue() const override { return value.as<int32_t>(); }
     const char* lcon_value() const override;
-    const char* fcon_value() const override { return text.c_str(); }
-    const char* scon_value() const override { return text.c_str(); }
-    unsigned scon_length() const override { return text_length; }
+    const char* fcon_value() const override { return x().text.c_str(); }
+    const char* scon_value() const override { return x().text.c_str(); }
+    unsigned scon_length() const override { return x().text_length; }
     int label_id() const override { return value.as<int32_t>(); }
     int vreg_id() const override { return static_cast<int>(value.low_word()); }
     int skip_count() const override { return value.as<int32_t>(); }
     int case_count() const override { return value.as<int32_t>(); }
-    unsigned ddnode_id() const override { return dd_id; }
-    unsigned ddnode_locale() const override { return dd_locale; }
-    unsigned ddnode_flags() const override { return dd_flags; }
+    unsigned ddnode_id() const override { return x().dd_id; }
+    unsigned ddnode_locale() const override { return x().dd_locale; }
+    unsigned ddnode_flags() const override { return x().dd_flags; }
     unsigned call_num_vargs() const override { return static_cast<unsigned>(value.low_word()); }
-    const char* icall_name() const override { return text.c_str(); }
+    const char* icall_name() const override { return x().text.c_str(); }
     unsigned eh_entry_id() const override { return static_cast<unsigned>(value.low_word()); }
-    unsigned get_edge_profile_value() const override { return edge_profile; }
-    void set_edge_profile_value(unsigned v) override { edge_profile = v; }
+    unsigned get_edge_profile_value() const override { return x().edge_profile; }
+    void set_edge_profile_value(unsigned v) override;
     void mk_name(I_SYMTAB* sym) override;
     void mk_field(int kind, fkMDATA* member, TYPE* csu) override;
     void mk_icon(int v) override;
@@ -83,9 +126,23 @@ public:
     void mk_ddnode(int id, int locale, int flags) override;
     void mk_call(unsigned count, unsigned second) override;
     void mk_ucall(unsigned count) override;
-    void mk_icall(const char* name) override { text = name ? name : ""; }
-    unsigned call_second_count() const override { return call_second; }
+    void mk_icall(const char* name) override { mx().text = name ? name : ""; }
+    unsigned call_second_count() const override { return x().call_second; }
     bool icon_is_wide() const override;
+
+private:
+    void copy_fields(const NODE& o) {
+        opcode = o.opcode;
+        for (int i = 0; i < 4; ++i) flags[i] = o.flags[i];
+        type = o.type;
+        left = o.left;
+        right = o.right;
+        value = o.value;
+        symbol = o.symbol;
+        creation_type = o.creation_type;
+        extra_ = o.extra_ ? new NODE_EXTRA(*o.extra_) : nullptr;
+    }
+    NODE_EXTRA* extra_ = nullptr;
 };
 
 // Creates a node (from a pool, so that an erased node keeps its ILLOP mark

@@ -9,6 +9,7 @@
 #include "DIAG/diag.h"
 #include "OPT5/abort.h"
 #include "OPT5/bbutils.h"
+#include "OPT5/park.h"
 #include "OPT5/cmdline.h"
 #include "OPT5/funinfo.h"
 #include "OPT5/globals.h"
@@ -73,7 +74,7 @@ void OPT_CLIENT::cl_pragma(I_SYMTAB* sym, PRAGMA* pragma) {
         return;
     }
     NODE* n = new_node(PPRAGMA, nullptr);
-    n->pragma = new PRAGMA(*pragma);
+    n->mx().pragma = new PRAGMA(*pragma);
     append(n, nullptr);
 }
 
@@ -132,7 +133,7 @@ void OPT_CLIENT::cl_end_block(PSN* pos) {
 
 void OPT_CLIENT::cl_end_func(PSN* pos) {
     control(IR_END_FUNC, pos);
-    buildcfg();
+    park_function();  // its flow graph is built when its first step runs
     functions.push_back(currfunc);
     currfunc = nullptr;
     currfuninfo = nullptr;
@@ -162,11 +163,7 @@ void OPT_CLIENT::cl_label(unsigned id) {
 }
 
 void OPT_CLIENT::cl_expr(BASE_NODE* tree, PSN* pos) {
-    NODE* n = as_node(tree);
-    walk_and_modify_tree(n, [](NODE*& slot) {
-        if (slot->opcode == EPVAL && slot->edge_profile != 0xFFFFFFFFu) currfuninfo->has_edge_profile = true;
-    });
-    append(n, pos);
+    append(as_node(tree), pos);
 }
 
 void OPT_CLIENT::cl_inline_asm(char* text, PSN* pos) {

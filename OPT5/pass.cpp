@@ -174,7 +174,7 @@ void pass::run() {
     // The action may end the function ("output function"); time goes to the
     // function that was current when the step began.
     FUNINFO* fi = currfuninfo;
-    if (print_debug || enable_time_stats || enable_step_times) {
+    if (print_debug || enable_time_stats) {
         clock_t start = std::clock();
         action_();
         clock_t end = std::clock();

@@ -59,7 +59,7 @@ public:
     void set_action(action_fn action) { action_ = action; }
 
     // CPU time spent in the action and how often it ran (kept under
-    // enable:step_times, for the summary at the end of the run).
+    // enable:time_stats, for the summary at the end of the run).
     double seconds() const { return seconds_; }
     long runs() const { return runs_; }
 
@@ -90,7 +90,7 @@ std::vector<int> random_pass_permutation(size_t n);
 // Deletes every pass of the lists; when no other pass is alive the serials
 // start again from 0 (tests build the pipeline more than once).
 void destroy_passes();
-// Under enable:step_times: the CPU time of every step summed over the
+// Under enable:time_stats=2: the CPU time of every step summed over the
 // functions, the costliest first, with the time of reading the unit and of
 // writing its global data (`outside`: name and seconds), as a table on `out`.
 void print_step_times(FILE* out, const std::vector<std::pair<std::string, double>>& outside, double total);

@@ -165,13 +165,13 @@ void change_integer_constant_value(NODE* tree, INT65 v) {
 }
 double FCON_value_of_fp_constant(const NODE* tree) {
     OPT_REQUIRE(tree && tree->opcode == FCON);
-    return std::strtod(tree->text.c_str(), nullptr);
+    return std::strtod(tree->x().text.c_str(), nullptr);
 }
 void change_fp_constant_value(NODE* tree, double v) {
     OPT_REQUIRE(tree && tree->opcode == FCON);
     char buf[64];
     std::snprintf(buf, sizeof buf, "%.17g", v);
-    tree->text = buf;
+    tree->mx().text = buf;
 }
 
 bool has_side_effects(const NODE* tree) {
@@ -416,7 +416,7 @@ NODE* invert_boolean_tree(NODE* tree) {
     NODE* zero;
     if (floating) {
         zero = new_node(FCON, t);
-        zero->text = "0";
+        zero->mx().text = "0";
     } else {
         zero = new_icon(INT65(0), t && integer_view(t) ? t : int_t);
     }
@@ -448,7 +448,7 @@ static NODE* as_truth_value(NODE* tree, struct LOOP* loop) {
     NODE* zero;
     if (floating) {
         zero = new_node(FCON, tree->type);
-        zero->text = "0";
+        zero->mx().text = "0";
     } else {
         zero = new_icon(INT65(0), integer_view(tree->type) ? tree->type : int_t);
     }
@@ -873,7 +873,7 @@ NODE* simp_ANDOR_ANDOR(NODE* n, struct LOOP* loop) {
 NODE* simp_STREF(NODE* n, struct LOOP* loop) {
     NODE* p = n->left;
     NODE* f = n->right;
-    fkMDATA* m = f ? f->fld_member : nullptr;
+    fkMDATA* m = f ? f->x().fld_member : nullptr;
     // p + c -> *((member type *) p + c'), the member's offset folded in.
     if (p->opcode == PLUS && is_icon(p->right) && m && !m->nums.empty()) {
         bool bit_field = m->nums.size() > 1 && (m->nums[1] & 1);

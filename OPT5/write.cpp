@@ -70,8 +70,8 @@ void infix(const NODE* n, std::string& out) {
     case ICON: out += n->value.to_string(); return;
     case NAME: out += n->symbol ? n->symbol->name : "<noname>"; return;
     case LABEL: out += "L" + n->value.to_string(); return;
-    case FCON: out += n->text; return;
-    case SCON: out += "\"" + n->text + "\""; return;
+    case FCON: out += n->x().text; return;
+    case SCON: out += "\"" + n->x().text + "\""; return;
     case UMULT: out += "*"; infix(n->left, out); return;
     case UAND: out += "&"; infix(n->left, out); return;
     case UMINUS: out += "-"; infix(n->left, out); return;
@@ -124,8 +124,8 @@ void wrasmr(int kind, const char* text, PSN* pos) {
 // Statements that get no interlisting comment.
 bool no_interlisting(const NODE* t) {
     if (t->opcode == PCOMMA || t->opcode == COMMAOP) return true;  // argument prologues
-    if (t->opcode == PPRAGMA && t->pragma &&
-        ((t->pragma->kind >= 41 && t->pragma->kind <= 44) || (t->pragma->kind >= 126 && t->pragma->kind <= 128)))
+    if (t->opcode == PPRAGMA && t->x().pragma &&
+        ((t->x().pragma->kind >= 41 && t->x().pragma->kind <= 44) || (t->x().pragma->kind >= 126 && t->x().pragma->kind <= 128)))
         return true;
     return t->opcode == ASM && t->value != INT65('$');
 }
@@ -142,19 +142,19 @@ void wrexpr(BODY_ENTRY& e) {
     }
     switch (t->opcode) {
     case PPRAGMA:
-        if (t->pragma && t->pragma->kind != PRAGMA_NEVER_WRITTEN) {
-            o_file->if_write_pragma(t->pragma);
+        if (t->x().pragma && t->x().pragma->kind != PRAGMA_NEVER_WRITTEN) {
+            o_file->if_write_pragma(t->x().pragma);
             if (print_debug && FDEBUG) {
-                DBG_CHECK(std::fprintf(FDEBUG, "%c[Pragma] %d %d", '^', t->pragma->kind,
-                                       static_cast<int>(t->pragma->args.size())));
-                for (const std::string& a : t->pragma->args) DBG_CHECK(std::fprintf(FDEBUG, " %s", a.c_str()));
+                DBG_CHECK(std::fprintf(FDEBUG, "%c[Pragma] %d %d", '^', t->x().pragma->kind,
+                                       static_cast<int>(t->x().pragma->args.size())));
+                for (const std::string& a : t->x().pragma->args) DBG_CHECK(std::fprintf(FDEBUG, " %s", a.c_str()));
                 DBG_CHECK(std::fprintf(FDEBUG, "\n"));
             }
         }
         return;
     case ASM: {
         int kind = t->value.as<int32_t>();
-        wrasmr(kind == '/' ? '/' : '$', t->text.c_str(), &e.pos);
+        wrasmr(kind == '/' ? '/' : '$', t->x().text.c_str(), &e.pos);
         return;
     }
     case LABELDEF: o_file->if_write_label(t->value.as<uint32_t>()); return;
@@ -163,7 +163,7 @@ void wrexpr(BODY_ENTRY& e) {
     e.tree = t = insert_mandatory_casts(t);
     if (!currfuninfo->has_edge_profile)
         walk_and_modify_tree(t, [](NODE*& slot) {
-            if (slot->opcode == EPVAL) slot->edge_profile = 0xFFFFFFFFu;
+            if (slot->opcode == EPVAL) slot->mx().edge_profile = 0xFFFFFFFFu;
         });
     if (print_debug && FDEBUG) DBG_CHECK(std::fprintf(FDEBUG, ".%ld\n", static_cast<long>(e.pos.line)));
     o_file->if_write_expr(t, &e.pos, &opt_client);

@@ -212,7 +212,7 @@ double slope(const std::vector<double>& x, const std::vector<double>& y) {
     return (n * sxy - sx * sy) / (n * sxx - sx * sx);
 }
 
-// The step rows of an enable:step_times report: name and seconds.
+// The step rows of an enable:time_stats=2 report: name and seconds.
 std::vector<std::pair<std::string, double>> step_rows(const std::string& report) {
     std::vector<std::pair<std::string, double>> rows;
     std::istringstream in(report.substr(std::min(report.size(), report.find("Step times"))));
@@ -362,9 +362,9 @@ int main(int argc, char** argv) {
     }
 
     std::string top = std::find(levels.begin(), levels.end(), "2") != levels.end() ? "2" : levels.back();
-    std::printf("\nCostliest steps at -o%s, largest unit of each shape (enable:step_times):\n", top.c_str());
+    std::printf("\nCostliest steps at -o%s, largest unit of each shape (enable:time_stats=2):\n", top.c_str());
     for (auto& [shape, file] : largest) {
-        Run r = run({opt5, "-o" + top, "--enable=step_times", file.string(), (dir / "out.if").string()},
+        Run r = run({opt5, "-o" + top, "--enable=time_stats=2", file.string(), (dir / "out.if").string()},
                     dir / "opt5.err");
         auto rows = step_rows(r.err);
         double total = 0;

@@ -157,7 +157,7 @@ TEST_F(Simp, MemberAccessAndIndirection) {
     member.nums = {0, 0, 32};  // not a bit field; offset 32 sixteenths: 2 units
     auto field = [&]() {
         NODE* f = new_node(FIELD, nullptr);
-        f->fld_member = &member;
+        f->mx().fld_member = &member;
         return f;
     };
     SYMTAB p, s;

@@ -45,7 +45,7 @@ protected:
     }
     NODE* pragma(int kind, std::vector<std::string> args) {
         NODE* p = new_node(PPRAGMA, nullptr);
-        p->pragma = new PRAGMA{kind, args};
+        p->mx().pragma = new PRAGMA{kind, args};
         made.push_back(p);
         return p;
     }

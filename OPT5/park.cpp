@@ -1,0 +1,202 @@
+#include "OPT5/park.h"
+
+#include <cstdint>
+#include <vector>
+
+#include "OPT5/abort.h"
+#include "OPT5/bbutils.h"
+#include "OPT5/funinfo.h"
+#include "OPT5/globals.h"
+#include "OPT5/node.h"
+#include "OPT5/symtab.h"
+
+namespace {
+const char THIS_MODULE[] = "OPT5/park";
+
+// The packed form.  Integers are LEB128 varints; signed ones zigzag-coded.
+// Pointers (types, symbols, file names) are written as the difference to the
+// previous pointer of the same kind, which is small within a function.  A
+// node is a header byte (which fields follow), its opcode, then those fields;
+// trees are in preorder, a node before its left then its right operand.  A
+// node's rare payloads are not copied: the packed body owns them while the
+// function is parked.
+enum : unsigned {
+    H_LEFT = 1, H_RIGHT = 2, H_FLAGS = 4, H_VALUE = 8, H_SYMBOL = 16, H_CREATION = 32, H_EXTRA = 64, H_TYPE = 128
+};
+
+struct packer {
+    std::vector<unsigned char>& out;
+    uintptr_t last_type = 0, last_symbol = 0, last_file = 0, last_sym = 0;
+
+    void uint(uint64_t v) {
+        while (v >= 0x80) {
+            out.push_back(static_cast<unsigned char>(v | 0x80));
+            v >>= 7;
+        }
+        out.push_back(static_cast<unsigned char>(v));
+    }
+    void sint(int64_t v) { uint((static_cast<uint64_t>(v) << 1) ^ static_cast<uint64_t>(v >> 63)); }
+    void pointer(const void* p, uintptr_t& last) {
+        uintptr_t v = reinterpret_cast<uintptr_t>(p);
+        sint(static_cast<int64_t>(v - last));
+        last = v;
+    }
+    void raw(const void* p) {
+        uintptr_t v = reinterpret_cast<uintptr_t>(p);
+        for (int i = 0; i < 8; ++i) out.push_back(static_cast<unsigned char>(v >> (8 * i)));
+    }
+
+    void node(NODE* n) {
+        OPT_REQUIRE(n->opcode >= 0 && n->opcode < 256);
+        unsigned h = (n->left ? H_LEFT : 0) | (n->right ? H_RIGHT : 0) |
+                     (n->flags[0] | n->flags[1] | n->flags[2] | n->flags[3] ? H_FLAGS : 0) |
+                     (n->value.is_zero() ? 0 : H_VALUE) | (n->symbol ? H_SYMBOL : 0) |
+                     (n->creation_type != n->type ? H_CREATION : 0) | (n->has_extra() ? H_EXTRA : 0) |
+                     (reinterpret_cast<uintptr_t>(n->type) != last_type ? H_TYPE : 0);
+        out.push_back(static_cast<unsigned char>(h));
+        out.push_back(static_cast<unsigned char>(n->opcode));
+        if (h & H_TYPE) pointer(n->type, last_type);
+        if (h & H_FLAGS) out.insert(out.end(), n->flags, n->flags + 4);
+        if (h & H_VALUE) {
+            sint(n->value.sign_word());
+            sint(static_cast<int64_t>(n->value.low_word()));
+        }
+        if (h & H_SYMBOL) pointer(n->symbol, last_symbol);
+        if (h & H_CREATION) raw(n->creation_type);
+        if (h & H_EXTRA) raw(n->release_extra());
+    }
+
+    // Packs the tree and erases it (its payloads now belong to the bytes).
+    void tree(NODE* root) {
+        std::vector<NODE*> work{root};
+        while (!work.empty()) {
+            NODE* n = work.back();
+            work.pop_back();
+            OPT_REQUIRE(n->opcode != CSE_DUPE);  // a shared operand would be packed twice
+            node(n);
+            if (n->right) work.push_back(n->right);
+            if (n->left) work.push_back(n->left);
+        }
+        erase_tree(root);
+    }
+
+    void entry(const BODY_ENTRY& e) {
+        out.push_back(static_cast<unsigned char>(e.kind));
+        uint(static_cast<uint64_t>(e.control));
+        pointer(e.pos.file, last_file);
+        uint(e.pos.line);
+        uint(e.pos.col);
+        pointer(e.sym, last_sym);
+        out.push_back(e.tree ? 1 : 0);
+        if (e.tree) tree(e.tree);
+    }
+};
+
+struct unpacker {
+    const unsigned char* at;
+    const unsigned char* end;
+    uintptr_t last_type = 0, last_symbol = 0, last_file = 0, last_sym = 0;
+
+    unsigned byte() {
+        OPT_REQUIRE(at < end);
+        return *at++;
+    }
+    uint64_t uint() {
+        uint64_t v = 0;
+        for (int shift = 0;; shift += 7) {
+            unsigned b = byte();
+            v |= static_cast<uint64_t>(b & 0x7f) << shift;
+            if (!(b & 0x80)) return v;
+        }
+    }
+    int64_t sint() {
+        uint64_t v = uint();
+        return static_cast<int64_t>((v >> 1) ^ (~(v & 1) + 1));
+    }
+    uintptr_t pointer(uintptr_t& last) {
+        last += static_cast<uintptr_t>(sint());
+        return last;
+    }
+    uintptr_t raw() {
+        uintptr_t v = 0;
+        for (int i = 0; i < 8; ++i) v |= static_cast<uintptr_t>(byte()) << (8 * i);
+        return v;
+    }
+
+    NODE* node(unsigned& h) {
+        h = byte();
+        NODE* n = new_node(NOP, nullptr);
+        n->opcode = static_cast<int>(byte());
+        if (h & H_TYPE) pointer(last_type);
+        n->type = reinterpret_cast<TYPE*>(last_type);
+        n->creation_type = n->type;
+        if (h & H_FLAGS)
+            for (unsigned char& f : n->flags) f = static_cast<unsigned char>(byte());
+        if (h & H_VALUE) {
+            int32_t sign = static_cast<int32_t>(sint());
+            uint64_t low = static_cast<uint64_t>(sint());
+            n->value = INT65::from_words(sign, low);
+        }
+        if (h & H_SYMBOL) n->symbol = reinterpret_cast<SYMTAB*>(pointer(last_symbol));
+        if (h & H_CREATION) n->creation_type = reinterpret_cast<TYPE*>(raw());
+        if (h & H_EXTRA) n->adopt_extra(reinterpret_cast<NODE_EXTRA*>(raw()));
+        return n;
+    }
+
+    NODE* tree() {
+        NODE* root = nullptr;
+        std::vector<NODE**> slots{&root};
+        while (!slots.empty()) {
+            NODE** slot = slots.back();
+            slots.pop_back();
+            unsigned h;
+            NODE* n = node(h);
+            *slot = n;
+            if (h & H_RIGHT) slots.push_back(&n->right);
+            if (h & H_LEFT) slots.push_back(&n->left);
+        }
+        return root;
+    }
+
+    BODY_ENTRY entry() {
+        BODY_ENTRY e;
+        e.kind = static_cast<BODY_ENTRY::KIND>(byte());
+        e.control = static_cast<int>(uint());
+        e.pos.file = reinterpret_cast<const char*>(pointer(last_file));
+        e.pos.line = uint();
+        e.pos.col = uint();
+        e.sym = reinterpret_cast<I_SYMTAB*>(pointer(last_sym));
+        if (byte()) e.tree = tree();
+        return e;
+    }
+};
+
+}  // namespace
+
+void park_function() {
+    FUNINFO* fi = currfuninfo;
+    if (fi->is_parked) return;
+    if (fi->bb_list) unbuildcfg();
+    fi->parked.clear();
+    packer p{fi->parked};
+    p.uint(fi->body.size());
+    for (const BODY_ENTRY& e : fi->body) p.entry(e);
+    fi->parked.shrink_to_fit();
+    std::vector<BODY_ENTRY>().swap(fi->body);
+    fi->is_parked = true;
+    recycle_erased_nodes();  // parking happens between steps: no step holds a node
+}
+
+void unpark_function() {
+    FUNINFO* fi = currfuninfo;
+    if (!fi->is_parked) return;
+    unpacker u{fi->parked.data(), fi->parked.data() + fi->parked.size()};
+    size_t n = static_cast<size_t>(u.uint());
+    fi->body.clear();
+    fi->body.reserve(n);
+    for (size_t i = 0; i < n; ++i) fi->body.push_back(u.entry());
+    OPT_REQUIRE(u.at == u.end);
+    std::vector<unsigned char>().swap(fi->parked);
+    fi->is_parked = false;
+    buildcfg();
+}
