@@ -194,7 +194,8 @@ private:
     unsigned next_type_id_ = 1;
     std::vector<TYPE*> written_types_;
     bool init_started_ = false;
-    char stream_buffer_[32768];
+    char stream_buffer_[1 << 18];
+    std::vector<unsigned char> frame_;  // a record being written, whole
 
     enum { OFF_OPTIONS = 0, OFF_INIT = 1, OFF_TYPES = 2, OFF_FILES = 3, OFF_GLOBALS = 4 };
 

@@ -11,7 +11,7 @@
 inline bool if_read_uint(FILE* f, uint64_t& out) {
     out = 0;
     for (int shift = 0;; shift += 7) {
-        int c = std::fgetc(f);
+        int c = getc_unlocked(f);  // each stream is read by one thread
         if (c == EOF || shift > 63) return false;
         out |= static_cast<uint64_t>(c & 0x7F) << shift;
         if (!(c & 0x80)) return true;

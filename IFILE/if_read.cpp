@@ -85,7 +85,7 @@ void I_FILE::if_seek(long offset) {
 int I_FILE::if_flush() { return std::fflush(f_); }
 
 int I_FILE::read_header(uint64_t& size) {
-    int id = std::fgetc(f_);
+    int id = getc_unlocked(f_);
     if (id == EOF) if_invalid_record();
     size = 0;
     if (id == IR_END) return id;
@@ -102,7 +102,7 @@ void I_FILE::read_body(uint64_t size) {
         size_t chunk = static_cast<size_t>(std::min<uint64_t>(size - body_.size(), 65536));
         size_t old = body_.size();
         body_.resize(old + chunk);
-        if (std::fread(body_.data() + old, 1, chunk, f_) != chunk) if_invalid_record();
+        if (fread_unlocked(body_.data() + old, 1, chunk, f_) != chunk) if_invalid_record();
     }
 }
 

@@ -95,11 +95,13 @@ void I_FILE::w_symref(I_SYMTAB* sym) {
 }
 
 void I_FILE::i_flush(int id) {
-    std::vector<unsigned char> frame;
-    if_encode_uint(frame, out_.size());
-    std::fputc(id, f_);
-    std::fwrite(frame.data(), 1, frame.size(), f_);
-    std::fwrite(out_.data(), 1, out_.size(), f_);
+    // The record goes out in one write: its id, its size, its body (the
+    // stream is this file's own, so it needs no locking).
+    frame_.clear();
+    frame_.push_back(static_cast<unsigned char>(id));
+    if_encode_uint(frame_, out_.size());
+    frame_.insert(frame_.end(), out_.begin(), out_.end());
+    fwrite_unlocked(frame_.data(), 1, frame_.size(), f_);
     out_.clear();
 }
 

@@ -320,8 +320,7 @@ void mvpIntegers::cast_value_to_type(TYPE* type, bool keep_if_fits) {
     }
     if (keep_if_fits && minimum() >= lo && maximum() <= hi) return;
     if (exact_) {
-        std::vector<INT65> old;
-        old.swap(values_);
+        small_vector<INT65, 4> old = values_;
         set_top();
         for (const INT65& v : old) merge_constant_integer_value(truncate_to_type(v, type));
         return;

@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <vector>
 
+#include "UTIL/small_vector.h"
 #include "XINT/int65.h"
 
 class NODE;
@@ -83,7 +84,7 @@ public:
 private:
     enum STATE { TOP, VALUE, BOTTOM } state_ = TOP;
     bool exact_ = true;
-    std::vector<INT65> values_;  // ascending, exact sets
+    small_vector<INT65, 4> values_;  // ascending, exact sets
     INT65 lo_, hi_, stride_{1};  // ranges
     INT65 ones_;                 // known ones, valid with ones_valid_
     INT65 may_ = ~INT65(0);      // bits that may be one

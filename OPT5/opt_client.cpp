@@ -96,6 +96,7 @@ void OPT_CLIENT::cl_begin_func(I_SYMTAB* fn, PSN* pos) {
     currfuninfo->defined = true;
     currfuninfo->begin_pos = pos ? *pos : PSN{};
     currfuninfo->body.clear();
+    take_spare_body(currfuninfo->body);
     currfuninfo->eht.clear();
     currfuninfo->no_calls = true;
     // An option set of kind k applies to the function of global index k - 1.

@@ -171,18 +171,36 @@ struct unpacker {
     }
 };
 
+// The statement list of the function parked last, kept for the next one
+// read or unparked, so that its storage is not allocated again.
+thread_local std::vector<BODY_ENTRY> spare;
+
+void spare_body(std::vector<BODY_ENTRY>& body) {
+    body.clear();
+    if (body.capacity() > spare.capacity()) body.swap(spare);
+    std::vector<BODY_ENTRY>().swap(body);
+}
+
 }  // namespace
+
+void take_spare_body(std::vector<BODY_ENTRY>& body) {
+    if (!body.empty() || body.capacity() >= spare.capacity()) return;
+    body.swap(spare);
+}
 
 void park_function() {
     FUNINFO* fi = currfuninfo;
     if (fi->is_parked) return;
     if (fi->bb_list) unbuildcfg();
-    fi->parked.clear();
-    packer p{fi->parked};
+    // Packed into a buffer kept from one function to the next, then copied
+    // once to a block of the exact size.
+    thread_local std::vector<unsigned char> scratch;
+    scratch.clear();
+    packer p{scratch};
     p.uint(fi->body.size());
     for (const BODY_ENTRY& e : fi->body) p.entry(e);
-    fi->parked.shrink_to_fit();
-    std::vector<BODY_ENTRY>().swap(fi->body);
+    fi->parked.assign(scratch.begin(), scratch.end());
+    spare_body(fi->body);
     fi->is_parked = true;
     recycle_erased_nodes();  // parking happens between steps: no step holds a node
 }
@@ -192,7 +210,7 @@ void unpark_function() {
     if (!fi->is_parked) return;
     unpacker u{fi->parked.data(), fi->parked.data() + fi->parked.size()};
     size_t n = static_cast<size_t>(u.uint());
-    fi->body.clear();
+    take_spare_body(fi->body);
     fi->body.reserve(n);
     for (size_t i = 0; i < n; ++i) fi->body.push_back(u.entry());
     OPT_REQUIRE(u.at == u.end);

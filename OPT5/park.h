@@ -6,8 +6,12 @@
 // first turns its blocks back into statements, as rebuildcfg does.
 #pragma once
 
-struct FUNINFO;
+#include <vector>
+
+struct BODY_ENTRY;
 
 // Both act on the current function (`currfuninfo`).
 void park_function();
 void unpark_function();
+// Gives an empty statement list the storage of the last parked one.
+void take_spare_body(std::vector<BODY_ENTRY>& body);

@@ -122,6 +122,49 @@ TEST_F(EndToEnd, ListPassesAndTimeStatistics) {
     EXPECT_EQ(last, "47:  late LIR");
     EXPECT_NE(r.err.find("\nTime for whole compilation unit:  0.0"), std::string::npos) << r.err;
     EXPECT_NE(r.err.find("\nNon-function time:  0.0"), std::string::npos) << r.err;
+    EXPECT_EQ(r.err.find("Step times"), std::string::npos) << r.err;
+}
+
+// With time_stats=2 the specified statistics are followed by the steps'
+// table: every step that ran, reading and writing among them, once each for
+// the one function, and the whole run last.
+TEST_F(EndToEnd, StepTimeTable) {
+    fs::copy_file(fs::path(OPT5_SOURCE_DIR) / "samples/rich.if", dir / "rich.if");
+    Result r = opt5({"--enable=time_stats=2", "rich.if", "out.if"});
+    EXPECT_EQ(r.status, 0);
+    size_t stats = r.err.find("\nTime for whole compilation unit:");
+    size_t table = r.err.find("\nStep times (CPU seconds, summed over the functions):\n");
+    ASSERT_NE(stats, std::string::npos) << r.err;
+    ASSERT_NE(table, std::string::npos) << r.err;
+    EXPECT_LT(stats, table);
+    std::istringstream lines(r.err.substr(table));
+    std::string line;
+    std::map<std::string, long> runs;
+    std::string last;
+    while (std::getline(lines, line)) {
+        std::istringstream row(line);
+        double seconds, percent;
+        long count;
+        if (!(row >> seconds >> percent)) continue;
+        std::string rest;
+        std::getline(row >> std::ws, rest);
+        count = 0;
+        if (!rest.empty() && std::isdigit(static_cast<unsigned char>(rest[0]))) {
+            size_t used = 0;
+            count = std::stol(rest, &used);
+            rest = rest.substr(rest.find_first_not_of(' ', used));
+        }
+        std::string name = rest;
+        runs[name] = count;
+        last = name;
+    }
+    EXPECT_EQ(last, "(whole run)");
+    EXPECT_EQ(runs["read input unit"], 1);
+    EXPECT_EQ(runs["write global data"], 1);
+    EXPECT_EQ(runs["output function"], 1);
+    EXPECT_EQ(runs["pass 1 fcp/eda"], 1);
+    EXPECT_EQ(runs["analyze globals"], 1);
+    EXPECT_EQ(runs.size(), 48u + 3 + 2) << r.err;  // the steps, output function, read, write, two totals
 }
 
 TEST_F(EndToEnd, ForcedOrderReportedInTheDebugFile) {

@@ -1,0 +1,182 @@
+// Parked functions and the small containers behind lean data.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "IFILE/if_symbol.h"
+#include "OPT5/bbutils.h"
+#include "OPT5/globals.h"
+#include "OPT5/node.h"
+#include "OPT5/opcodes.h"
+#include "OPT5/park.h"
+#include "OPT5/symtab.h"
+#include "UTIL/small_vector.h"
+#include "XINT/int65.h"
+
+namespace {
+
+class Park : public ::testing::Test {
+protected:
+    void SetUp() override {
+        init_opcode_tables();
+        currfuninfo = &fi;
+        a.name = "a";
+        b.name = "b";
+    }
+    void TearDown() override {
+        unpark_function();
+        free_cfg(&fi);
+        for (BODY_ENTRY& e : fi.body)
+            if (e.tree) erase_tree(e.tree);
+        currfuninfo = nullptr;
+        recycle_erased_nodes();
+    }
+    NODE* name(SYMTAB& s) {
+        NODE* n = new_node(NAME, i16);
+        n->symbol = &s;
+        return n;
+    }
+    void stmt(NODE* t, PSN pos = {}) {
+        BODY_ENTRY e;
+        e.tree = t;
+        e.pos = pos;
+        fi.body.push_back(e);
+    }
+    void control(int kind, PSN pos) {
+        BODY_ENTRY e;
+        e.kind = BODY_ENTRY::CONTROL;
+        e.control = kind;
+        e.pos = pos;
+        fi.body.push_back(e);
+    }
+    // The function's statements in layout order (copies), and its scopes.
+    std::vector<BODY_ENTRY> statements() {
+        std::vector<BODY_ENTRY> out = fi.scopes;
+        for (BBLK* blk : layout_blocks())
+            for (const BODY_ENTRY& e : blk->statements) {
+                BODY_ENTRY c = e;
+                c.tree = copy_tree(e.tree);
+                out.push_back(c);
+            }
+        return out;
+    }
+
+    TYPE_PKG pkg;
+    TYPE* i16 = pkg.mk_int(TYPE::IK_INT, true);
+    TYPE* u40 = pkg.mk_int(TYPE::IK_ULONG, false);
+    FUNINFO fi{nullptr};
+    SYMTAB a, b;
+    const char* file = "t.c";
+};
+
+// Everything a node holds comes back: values of every sign and width,
+// symbols, flags, a creation type that differs from the type, and the rare
+// payloads (texts with a zero byte, pragmas, field members); so do the
+// statements' positions and the scope records.
+TEST_F(Park, FunctionComesBackWhole) {
+    control(2, {file, 1, 2});
+    NODE* wide = mk_ICON(INT65::from_words(-1, 0x8000000000000001ULL), u40);
+    stmt(mktree(ASG, i16, name(a), mktree(PLUS, i16, name(b), wide)), {file, 3, 4});
+    NODE* big = mk_ICON(INT65::from_words(0, ~0ULL), u40);
+    big->flags[2] = 7;
+    big->type = i16;  // the creation type stays u40
+    stmt(mktree(ASG, i16, name(b), mktree(MINUS, i16, big, mk_ICON(-32768, i16))), {file, 5, 6});
+    NODE* s = new_node(SCON, i16);
+    s->mk_scon("x\0y", 3);
+    stmt(mktree(ASG, i16, name(a), s));
+    NODE* p = new_node(PPRAGMA, nullptr);
+    p->mx().pragma = new PRAGMA{9, {"4", "unroll"}};
+    stmt(p);
+    stmt(mk_LABELDEF(mk_LABELREF(5)));
+    stmt(mktree(CBRANCH, nullptr, mktree(LT, i16, name(a), mk_ICON(3, i16)), mk_LABELREF(5)));
+    stmt(mktree(URETURN, i16, name(a)));
+    control(6, {file, 9, 1});
+    buildcfg();
+    std::vector<BODY_ENTRY> before = statements();
+    size_t live = live_node_count();
+
+    park_function();
+    EXPECT_TRUE(fi.is_parked);
+    EXPECT_EQ(fi.bb_list, nullptr);
+    EXPECT_TRUE(fi.body.empty());
+    EXPECT_FALSE(fi.parked.empty());
+    EXPECT_LT(live_node_count(), live - 20);  // its trees are gone
+    park_function();                          // parking twice is harmless
+    unpark_function();
+    EXPECT_FALSE(fi.is_parked);
+    EXPECT_TRUE(fi.parked.empty());
+    ASSERT_NE(fi.bb_list, nullptr);
+
+    std::vector<BODY_ENTRY> after = statements();
+    ASSERT_EQ(after.size(), before.size());
+    for (size_t i = 0; i < after.size(); ++i) {
+        EXPECT_EQ(after[i].kind, before[i].kind) << i;
+        EXPECT_EQ(after[i].control, before[i].control) << i;
+        EXPECT_TRUE(after[i].pos == before[i].pos) << i;
+        EXPECT_TRUE(same_tree(after[i].tree, before[i].tree)) << i;
+    }
+    // Payloads that same_tree does not compare.
+    const NODE *back = nullptr, *pragma = nullptr, *text = nullptr;
+    for (const BODY_ENTRY& e : after) {
+        if (!e.tree) continue;
+        if (e.tree->opcode == PPRAGMA) pragma = e.tree;
+        if (e.tree->right && e.tree->right->opcode == MINUS) back = e.tree->right->left;
+        if (e.tree->right && e.tree->right->opcode == SCON) text = e.tree->right;
+    }
+    ASSERT_TRUE(back && pragma && text);
+    EXPECT_EQ(back->flags[2], 7);
+    EXPECT_EQ(back->creation_type, u40);
+    EXPECT_EQ(back->type, i16);
+    ASSERT_NE(pragma->x().pragma, nullptr);
+    EXPECT_EQ(pragma->x().pragma->args, (std::vector<std::string>{"4", "unroll"}));
+    EXPECT_EQ(std::string(text->scon_value(), 3), std::string("x\0y", 3));
+    for (BODY_ENTRY& e : before) erase_tree(e.tree);
+    for (BODY_ENTRY& e : after) erase_tree(e.tree);
+}
+
+// Trees far deeper than any recursion could follow are packed and unpacked
+// with work lists.
+TEST_F(Park, DeepTreesPark) {
+    NODE* t = name(a);
+    for (int i = 0; i < 300000; ++i) t = mktree(COMMA, i16, mk_ICON(i, i16), t);
+    stmt(mktree(URETURN, i16, t));
+    park_function();
+    unpark_function();
+    ASSERT_NE(fi.bb_list, nullptr);
+    const NODE* n = fi.bb_list->statements.at(0).tree->left;
+    int depth = 0;
+    for (; n->opcode == COMMA; n = n->right) {
+        EXPECT_EQ(n->left->value, INT65(299999 - depth));
+        if (n->left->value != INT65(299999 - depth)) break;
+        ++depth;
+    }
+    EXPECT_EQ(depth, 300000);
+    EXPECT_EQ(n->symbol, &a);
+}
+
+TEST(SmallVector, StaysOrderedAndIndependentPastItsInlinePart) {
+    small_vector<INT65, 2> v;
+    for (int x : {5, 1, 4, 2, 3}) {
+        const INT65* at = v.begin();
+        while (at != v.end() && *at < INT65(x)) ++at;
+        v.insert(const_cast<INT65*>(at), INT65(x));
+    }
+    ASSERT_EQ(v.size(), 5u);
+    for (int i = 0; i < 5; ++i) EXPECT_EQ(v[static_cast<size_t>(i)], INT65(i + 1));
+    small_vector<INT65, 2> w = v;
+    w.push_back(w.front());  // an element of the vector itself, while it grows
+    EXPECT_EQ(w.back(), INT65(1));
+    EXPECT_EQ(v.size(), 5u);
+    EXPECT_FALSE(v == w);
+    w = v;
+    EXPECT_TRUE(v == w);
+    small_vector<INT65, 2> small;
+    small.push_back(INT65(9));
+    small.swap(w);
+    EXPECT_EQ(small.size(), 5u);
+    EXPECT_EQ(w.size(), 1u);
+    EXPECT_EQ(w[0], INT65(9));
+}
+
+}  // namespace
