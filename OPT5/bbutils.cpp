@@ -410,7 +410,11 @@ void free_liveness(FUNINFO* fi) {
 
 void unbuildcfg() {
     FUNINFO* fi = currfuninfo;
-    std::vector<BODY_ENTRY> body = fi->scopes;
+    size_t n = fi->scopes.size();
+    for (BBLK* b = fi->bb_list; b; b = b->next) n += 1 + b->statements.size();
+    std::vector<BODY_ENTRY> body;
+    body.reserve(n);
+    body = fi->scopes;
     for (BBLK* b : layout_blocks()) {
         BODY_ENTRY label;
         label.kind = BODY_ENTRY::STMT;
