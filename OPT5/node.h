@@ -42,6 +42,33 @@ struct NODE_EXTRA {
     static const NODE_EXTRA none;
 };
 
+// Owns a node's payloads; a copy of the node gets payloads of its own (their
+// owned pointers still shared: copy_tree and copy_node_if_changed make those
+// the copy's own).
+class NODE_EXTRA_OWNER {
+public:
+    NODE_EXTRA_OWNER() = default;
+    NODE_EXTRA_OWNER(const NODE_EXTRA_OWNER& o) : p_(o.p_ ? new NODE_EXTRA(*o.p_) : nullptr) {}
+    NODE_EXTRA_OWNER& operator=(const NODE_EXTRA_OWNER& o) {
+        if (this != &o) reset(o.p_ ? new NODE_EXTRA(*o.p_) : nullptr);
+        return *this;
+    }
+    ~NODE_EXTRA_OWNER() { delete p_; }
+    NODE_EXTRA* get() const { return p_; }
+    NODE_EXTRA* release() {
+        NODE_EXTRA* e = p_;
+        p_ = nullptr;
+        return e;
+    }
+    void reset(NODE_EXTRA* e) {
+        delete p_;
+        p_ = e;
+    }
+
+private:
+    NODE_EXTRA* p_ = nullptr;
+};
+
 class NODE : public BASE_NODE {
 public:
     int opcode = NOP;
@@ -55,41 +82,22 @@ public:
 
     // The rare payloads: `x()` reads them (the defaults when the node has
     // none), `mx()` makes them on first write.
-    const NODE_EXTRA& x() const { return extra_ ? *extra_ : NODE_EXTRA::none; }
+    const NODE_EXTRA& x() const { return extra_.get() ? *extra_.get() : NODE_EXTRA::none; }
     NODE_EXTRA& mx() {
-        if (!extra_) extra_ = new NODE_EXTRA;
-        return *extra_;
+        if (!extra_.get()) extra_.reset(new NODE_EXTRA);
+        return *extra_.get();
     }
-    bool has_extra() const { return extra_ != nullptr; }
+    bool has_extra() const { return extra_.get() != nullptr; }
     // Hands the payloads over to someone else (a parked body), or takes
     // them back.
-    NODE_EXTRA* release_extra() {
-        NODE_EXTRA* e = extra_;
-        extra_ = nullptr;
-        return e;
-    }
-    void adopt_extra(NODE_EXTRA* e) {
-        delete extra_;
-        extra_ = e;
-    }
+    NODE_EXTRA* release_extra() { return extra_.release(); }
+    void adopt_extra(NODE_EXTRA* e) { extra_.reset(e); }
     // Frees the payloads (the owned pointers in them must be released first).
-    void drop_extra() {
-        delete extra_;
-        extra_ = nullptr;
-    }
+    void drop_extra() { extra_.reset(nullptr); }
 
     NODE() = default;
-    // A copy has payloads of its own (their owned pointers still shared;
-    // copy_tree and copy_node_if_changed make those the copy's own).
-    NODE(const NODE& o) : BASE_NODE(o) { copy_fields(o); }
-    NODE& operator=(const NODE& o) {
-        if (this != &o) {
-            drop_extra();
-            copy_fields(o);
-        }
-        return *this;
-    }
-    ~NODE() override { delete extra_; }
+    NODE(const NODE&) = default;
+    NODE& operator=(const NODE&) = default;
 
     I_SYMTAB* name_symbol() const override;
     int field_kind() const override { return x().fld_kind; }
@@ -131,18 +139,7 @@ public:
     bool icon_is_wide() const override;
 
 private:
-    void copy_fields(const NODE& o) {
-        opcode = o.opcode;
-        for (int i = 0; i < 4; ++i) flags[i] = o.flags[i];
-        type = o.type;
-        left = o.left;
-        right = o.right;
-        value = o.value;
-        symbol = o.symbol;
-        creation_type = o.creation_type;
-        extra_ = o.extra_ ? new NODE_EXTRA(*o.extra_) : nullptr;
-    }
-    NODE_EXTRA* extra_ = nullptr;
+    NODE_EXTRA_OWNER extra_;
 };
 
 // Creates a node (from a pool, so that an erased node keeps its ILLOP mark

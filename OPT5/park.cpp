@@ -20,9 +20,8 @@ const char THIS_MODULE[] = "OPT5/park";
 // trees are in preorder, a node before its left then its right operand.  A
 // node's rare payloads are not copied: the packed body owns them while the
 // function is parked.
-enum : unsigned {
-    H_LEFT = 1, H_RIGHT = 2, H_FLAGS = 4, H_VALUE = 8, H_SYMBOL = 16, H_CREATION = 32, H_EXTRA = 64, H_TYPE = 128
-};
+constexpr unsigned H_LEFT = 1, H_RIGHT = 2, H_FLAGS = 4, H_VALUE = 8, H_SYMBOL = 16, H_CREATION = 32, H_EXTRA = 64,
+                   H_TYPE = 128;
 
 struct packer {
     std::vector<unsigned char>& out;
