@@ -45,7 +45,7 @@ void abort_optimizer(const char* reason) {
     if (currfunc_at_abort) currfunc = currfunc_at_abort;
     if (currfunc) {
         std::fprintf(stderr, ">>>>    in function %s()\n", currfunc->name.c_str());
-        if (!currfunc->src_file.empty()) std::fprintf(stderr, ">>>>    in file \"%s\"\n", currfunc->src_file.c_str());
+        if (currfunc->pos.file) std::fprintf(stderr, ">>>>    in file \"%s\"\n", currfunc->pos.file);
     }
     if (reason) std::fprintf(stderr, "\n>>>> %s.\n", reason);
     print_support_message();

@@ -113,11 +113,6 @@ int count_name(const NODE* t, const SYMTAB* sym) {
     return (t->opcode == NAME && t->symbol == sym ? 1 : 0) + count_name(t->left, sym) + count_name(t->right, sym);
 }
 
-std::string decl_text(const SYMTAB* sym) {
-    if (!sym->decl.empty()) return sym->decl;
-    return (sym->type ? sym->type->print() + " " : std::string()) + sym->name;
-}
-
 NODE* converted(NODE* value, TYPE* type) {
     if (!type || !value->type || exact_types(value->type, type)) return value;
     if (value->opcode == ICON && integer_view(type)) {
@@ -614,12 +609,12 @@ void fast_CP(int32_t iterations, int32_t early) {
             }
             if (fs.is_arg) {
                 if (u.assignments == 0 && debugging())
-                    DBG_CHECK(std::fprintf(FDEBUG, "\n\tArgument variable is not re-assigned: %s\n", decl_text(s).c_str()));
+                    DBG_CHECK(std::fprintf(FDEBUG, "\n\tArgument variable is not re-assigned: %s\n", s->declaration().c_str()));
                 continue;
             }
             if (u.assignments == 0) {
                 if (debugging())
-                    DBG_CHECK(std::fprintf(FDEBUG, "\n\tVariable is used but never assigned: %s\n", decl_text(s).c_str()));
+                    DBG_CHECK(std::fprintf(FDEBUG, "\n\tVariable is used but never assigned: %s\n", s->declaration().c_str()));
                 continue;
             }
             if (u.assignments != 1 || !u.only_value) continue;
@@ -636,7 +631,7 @@ void fast_CP(int32_t iterations, int32_t early) {
             }
             if (!constant) continue;
             if (debugging())
-                DBG_CHECK(std::fprintf(FDEBUG, "\n\tGlobally constant assignment: %s = %s\n", decl_text(s).c_str(),
+                DBG_CHECK(std::fprintf(FDEBUG, "\n\tGlobally constant assignment: %s = %s\n", s->declaration().c_str(),
                                        stmt2infix(v).c_str()));
             values[s] = copy_tree(v);
             value_order.push_back(s);

@@ -1,33 +1,34 @@
 #include "OPT5/funinfo.h"
 
-#include <map>
-#include <memory>
+#include <mutex>
 
 #include "OPT5/symtab.h"
+#include "UTIL/slab.h"
 
 namespace {
+// Each function's information hangs off its symbol; the store only owns it.
+// Like the symbols it lives to the end of the run.
 std::mutex table_mutex;
-std::map<SYMTAB*, std::unique_ptr<FUNINFO>>& table() {
-    static std::map<SYMTAB*, std::unique_ptr<FUNINFO>> t;
-    return t;
+slab_store<FUNINFO>& table() {
+    static slab_store<FUNINFO>* t = new slab_store<FUNINFO>;
+    return *t;
 }
 }  // namespace
 
 FUNINFO* make_FUNINFO(SYMTAB* sym) {
+    if (sym->funinfo) return sym->funinfo;
     std::lock_guard<std::mutex> lock(table_mutex);
-    auto& slot = table()[sym];
-    if (!slot) slot = std::make_unique<FUNINFO>(sym);
-    return slot.get();
+    sym->funinfo = table().make(sym);
+    return sym->funinfo;
 }
 
-FUNINFO* find_FUNINFO(SYMTAB* sym) {
-    std::lock_guard<std::mutex> lock(table_mutex);
-    auto it = table().find(sym);
-    return it == table().end() ? nullptr : it->second.get();
-}
+FUNINFO* find_FUNINFO(SYMTAB* sym) { return sym->funinfo; }
 
 void clear_FUNINFO_table() {
     std::lock_guard<std::mutex> lock(table_mutex);
+    table().for_each([](FUNINFO& fi) {
+        if (fi.symbol) fi.symbol->funinfo = nullptr;
+    });
     table().clear();
 }
 

@@ -60,6 +60,7 @@ struct FUNINFO {
     // barrier step), its body is kept packed here and it has no trees.
     std::vector<unsigned char> parked;
     bool is_parked = false;
+    bool unparked_without_cfg = false;  // its statements are back, its flow graph not yet
 
     // The flow graph (after buildcfg): the scope records and local symbols in
     // reading order, the blocks in layout order, the loops and dominators.

@@ -46,21 +46,38 @@ void guarded(F&& work) {
 
 SYMTAB* defining_symbol(SYMTAB* fn) { return fn->is_declaration && fn->definition ? fn->definition : fn; }
 
+// Whether the flags are those of the current function's own option set.
+bool function_options_in_force = false;
+
+// A function with an option set of its own runs under it.
+void apply_function_options() {
+    if (currfuninfo->option_set >= 0 && static_cast<size_t>(currfuninfo->option_set) < all_option_sets.size()) {
+        set_global_flags(&all_option_sets[currfuninfo->option_set]);
+        function_options_in_force = true;
+    }
+}
+
+// Back to the file's flags when a function's set changed them.
+void restore_function_options(bool always) {
+    if (!function_options_in_force && !always) return;
+    restore_global_flags();
+    function_options_in_force = false;
+}
+
 // The last step of each function: writes it and lets go of it.
 void output_function() {
     SYMTAB* fn = currfunc;
-    unpark_function();
+    // Written from its statements; the block listing of the debug stream
+    // needs the flow graph.
+    if (print_debug)
+        unpark_function();
+    else
+        unpark_statements();
     if (!(currfuninfo->flags() & FUN_BODY_NOT_WRITTEN) && write_function_body) write_function_body(fn);
     erase_function_body(currfuninfo);
     currfunc = nullptr;
     currfuninfo = nullptr;
-    restore_global_flags();
-}
-
-// A function with an option set of its own runs under it.
-void apply_function_options() {
-    if (currfuninfo->option_set >= 0 && static_cast<size_t>(currfuninfo->option_set) < all_option_sets.size())
-        set_global_flags(&all_option_sets[currfuninfo->option_set]);
+    restore_function_options(print_debug);  // the debug stream reports it for every function
 }
 
 bool all_step_lists_empty() {
@@ -150,7 +167,7 @@ void (*write_function_body)(SYMTAB*) = write_function;
 
 void build_step_tables() {
     if (functions.empty()) return;
-    if (!output_function_pass) output_function_pass = new pass("output function", output_function);
+    if (!output_function_pass) output_function_pass = new pass("output function", output_function, pass::NEVER);
     for (SYMTAB* sym : functions) {
         steps_table[sym] = std::deque<pass*>(permuted_order.begin(), permuted_order.end());
         OPT_REQUIRE(steps_table[sym].size() == permuted_order.size());
@@ -166,7 +183,9 @@ void run_function_steps(SYMTAB* fn, std::deque<pass*>& passes) {
     currfunc = def;
     OPT_REQUIRE(currfunc == currfuninfo->symbol);
     apply_function_options();
-    unpark_function();
+    // Each step unpacks the function when it first needs it; the debug
+    // stream shows it whole from the start.
+    if (print_debug) unpark_function();
 
     FILE* saved_debug = nullptr;
     bool split = pass_debug_split_odb && print_debug;
@@ -185,7 +204,7 @@ void run_function_steps(SYMTAB* fn, std::deque<pass*>& passes) {
     if (write_opt_info && finfo) std::fprintf(finfo, "\n%s\n", std::string(78, '=').c_str());
     if ((currfuninfo->flags() & FUN_MUST_BE_UNSUPPRESSED) && print_debug && opt_level() >= 3)
         DBG_CHECK(std::fprintf(FDEBUG, "\n!!! %s() (%s) must be unsuppressed !!!\n\n", def->name.c_str(),
-                               def->decl.c_str()));
+                               def->declaration().c_str()));
 
     while (!passes.empty() && !passes.front()->is_barrier()) {
         passes.front()->run();
@@ -193,8 +212,12 @@ void run_function_steps(SYMTAB* fn, std::deque<pass*>& passes) {
     }
 
     OPT_REQUIRE(passes.empty() || passes.front()->is_barrier());
-    // Until the barrier has run for every function, this one waits packed.
-    if (!passes.empty()) park_function();
+    // Until the barrier has run for every function, this one waits packed,
+    // and the next function starts from the file's flags.
+    if (!passes.empty()) {
+        park_function();
+        restore_function_options(false);
+    }
     if (split) {
         if (std::fclose(FDEBUG) != 0) optassert("fclose(FDEBUG) == 0", THIS_MODULE, __LINE__);
         FDEBUG = saved_debug;

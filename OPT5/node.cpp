@@ -3,7 +3,6 @@
 
 #include <cstdio>
 #include <deque>
-#include <sys/mman.h>
 
 #include <atomic>
 #include <cstdlib>
@@ -17,6 +16,7 @@
 #include "OPT5/funinfo.h"
 #include "OPT5/globals.h"
 #include "OPT5/symtab.h"
+#include "UTIL/slab.h"
 
 struct PTENV {
     virtual ~PTENV() = default;
@@ -38,9 +38,7 @@ const char THIS_MODULE[] = "OPT5/bbutils";
 // and erase nodes without locking, and a node erased on one thread is simply
 // reused by that thread.
 struct node_pool {
-    // 2 MiB slabs, aligned so that the kernel can back each by one huge page.
-    static constexpr size_t slab_bytes = size_t{2} << 20;
-    static constexpr size_t slab_nodes = slab_bytes / sizeof(NODE);
+    static constexpr size_t slab_nodes = SLAB_BYTES / sizeof(NODE);
     NODE* free_list = nullptr;  // linked through `right`
     NODE* erased = nullptr;     // linked through `right`, still ILLOP
     NODE* erased_last = nullptr;
@@ -54,10 +52,7 @@ struct node_pool {
             return n;
         }
         if (slab_used == slab_nodes) {
-            void* p = std::aligned_alloc(slab_bytes, slab_bytes);
-            if (!p) throw std::bad_alloc();
-            madvise(p, slab_bytes, MADV_HUGEPAGE);
-            slab = static_cast<NODE*>(p);
+            slab = static_cast<NODE*>(allocate_slab());
             slab_used = 0;
         }
         return new (&slab[slab_used++]) NODE;

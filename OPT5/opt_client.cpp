@@ -16,11 +16,17 @@
 #include "OPT5/node.h"
 #include "OPT5/symtab.h"
 #include "UTIL/cleanup.h"
+#include "UTIL/slab.h"
 
 namespace {
 const char THIS_MODULE[] = "OPT5/opt_client";
 
-std::deque<std::unique_ptr<SYMTAB>> all_symbols;
+// Every symbol read lives to the end of the run; the store is never
+// destroyed, so that leaving the program does not visit each one.
+slab_store<SYMTAB>& all_symbols() {
+    static slab_store<SYMTAB>* store = new slab_store<SYMTAB>;
+    return *store;
+}
 
 NODE* as_node(BASE_NODE* n) { return static_cast<NODE*>(n); }
 }  // namespace
@@ -38,7 +44,7 @@ void OPT_CLIENT::cl_source(const char*) {}
 I_SYMTAB* OPT_CLIENT::cl_symbol_create(char* name, TYPE* type, TYPE* type2, unsigned long size, unsigned long align,
                                        unsigned long b, int c, int d, PSN* pos, unsigned long f, unsigned g,
                                        I_SYMTAB::RETENTION_POLICY retention) {
-    auto sym = std::make_unique<SYMTAB>();
+    SYMTAB* sym = all_symbols().make();
     sym->name = name;
     sym->type = type;
     sym->type2 = type2;
@@ -51,11 +57,10 @@ I_SYMTAB* OPT_CLIENT::cl_symbol_create(char* name, TYPE* type, TYPE* type2, unsi
     sym->value_g = g;
     sym->retention = retention;
     if (pos) sym->pos = *pos;
-    if (pos && pos->file) sym->src_file = pos->file;
-    sym->decl = type ? type->print() + " " + sym->name : sym->name;
-    all_symbols.push_back(std::move(sym));
-    return all_symbols.back().get();
+    return sym;
 }
+
+std::string SYMTAB::declaration() const { return type ? type->declare(name) : name; }
 
 void OPT_CLIENT::cl_symbol_def(I_SYMTAB* sym) {
     // A symbol defined inside a function is written back in the same place.
@@ -229,7 +234,8 @@ void read_ifile_unit() {
 void erase_function_body(FUNINFO* fi) {
     for (BODY_ENTRY& e : fi->body)
         if (e.tree) erase_tree(e.tree);
-    fi->body.clear();
+    spare_body(fi->body);
     fi->eht.clear();
+    fi->unparked_without_cfg = false;
     free_cfg(fi);
 }

@@ -170,17 +170,17 @@ struct unpacker {
     }
 };
 
-// The statement list of the function parked last, kept for the next one
+// The largest statement list let go of lately, kept for the next function
 // read or unparked, so that its storage is not allocated again.
 thread_local std::vector<BODY_ENTRY> spare;
+
+}  // namespace
 
 void spare_body(std::vector<BODY_ENTRY>& body) {
     body.clear();
     if (body.capacity() > spare.capacity()) body.swap(spare);
     std::vector<BODY_ENTRY>().swap(body);
 }
-
-}  // namespace
 
 void take_spare_body(std::vector<BODY_ENTRY>& body) {
     if (!body.empty() || body.capacity() >= spare.capacity()) return;
@@ -191,6 +191,7 @@ void park_function() {
     FUNINFO* fi = currfuninfo;
     if (fi->is_parked) return;
     if (fi->bb_list) unbuildcfg();
+    fi->unparked_without_cfg = false;
     // Packed into a buffer kept from one function to the next, then copied
     // once to a block of the exact size.
     thread_local std::vector<unsigned char> scratch;
@@ -204,7 +205,7 @@ void park_function() {
     recycle_erased_nodes();  // parking happens between steps: no step holds a node
 }
 
-void unpark_function() {
+void unpark_statements() {
     FUNINFO* fi = currfuninfo;
     if (!fi->is_parked) return;
     unpacker u{fi->parked.data(), fi->parked.data() + fi->parked.size()};
@@ -215,5 +216,13 @@ void unpark_function() {
     OPT_REQUIRE(u.at == u.end);
     std::vector<unsigned char>().swap(fi->parked);
     fi->is_parked = false;
+    fi->unparked_without_cfg = true;
+}
+
+void unpark_function() {
+    FUNINFO* fi = currfuninfo;
+    unpark_statements();
+    if (!fi->unparked_without_cfg) return;
+    fi->unparked_without_cfg = false;
     buildcfg();
 }

@@ -2,8 +2,9 @@
 // statements and trees are packed into bytes (a few per node) and the trees
 // are erased, so that a whole unit takes little more memory than its I-file
 // between the barrier steps.  Unparking makes the same trees and statements
-// again and builds the flow graph from them; parking a function that has one
-// first turns its blocks back into statements, as rebuildcfg does.
+// again; steps get the flow graph built from them, writing needs only the
+// statements.  Parking a function that has a flow graph first turns its
+// blocks back into statements, as rebuildcfg does.
 #pragma once
 
 #include <vector>
@@ -12,6 +13,13 @@ struct BODY_ENTRY;
 
 // Both act on the current function (`currfuninfo`).
 void park_function();
+// The statements and their flow graph (also for a function that was left
+// with only its statements).
 void unpark_function();
-// Gives an empty statement list the storage of the last parked one.
+// Only the statement list, as it was parked.
+void unpark_statements();
+// Lets go of a statement list (its trees already erased), keeping its
+// storage for the next function.
+void spare_body(std::vector<BODY_ENTRY>& body);
+// Gives an empty statement list the storage of the last one let go of.
 void take_spare_body(std::vector<BODY_ENTRY>& body);

@@ -14,6 +14,7 @@
 #include "OPT5/mvp.h"
 #include "OPT5/node.h"
 #include "OPT5/funinfo.h"
+#include "OPT5/park.h"
 #include "OPT5/globals.h"
 #include "UTIL/support.h"
 
@@ -52,61 +53,67 @@ void fast_CP_4_0() { fast_CP(4, 0); }
 void fast_CP_4_1() { fast_CP(4, 1); }
 void fast_CP_0_1() { fast_CP(0, 1); }
 
+// One row per step: its name, whether it is a barrier (run once for the
+// unit when every function has reached it), its action, and the lowest
+// optimisation level at which the action works on a function's flow graph.
+// Below that level the function is not unpacked for the step.
+constexpr int NEVER = pass::NEVER;
 struct step {
     const char* name;
     bool barrier;
     void (*action)();
+    int cfg_from;
 };
 
 const step pass_table[] = {
-    {"pass 1 fcp/eda", false, pass_1_fcp_eda},
-    {"pass 1 fast_CP(4,0)", false, fast_CP_4_0},
-    {"value propagation for pass 1", false, no_action},
-    {"analyze globals", true, no_action},
-    {"detect_recursion", true, no_action},
-    {"do_interprocedural_propagation", true, no_action},
-    {"auto_inline_call_sites", true, no_action},
-    {"dump_call_graph_debug", true, no_action},
-    {"collect_clustered_symbols", true, no_action},
-    {"pass 2 header", true, pass_2_header},
-    {"set call-graph order", true, no_action},
-    {"pass 2 inits", false, pass_2_inits},
-    {"stack sharing", false, no_action},
-    {"CPS", false, no_action},
-    {"early LIR", false, no_action},
-    {"early fast_CP(4,1)", false, fast_CP_4_1},
-    {"MVP global assertions", false, no_action},
-    {"intraprocedural MVP", false, intraprocedural_MVP},
-    {"value propagation for SIMD", false, no_action},
-    {"explode auto structs", false, no_action},
-    {"non-DD clone SSA NASSERTs", false, no_action},
-    {"non-DD SSA CP", false, no_action},
-    {"non-DD SSA EDA", false, no_action},
-    {"SSA RP with benign loads", false, no_action},
-    {"expand bitfields", false, no_action},
-    {"fast_CP(0,1)", false, fast_CP_0_1},
-    {"add profile loop annotations", false, no_action},
-    {"CD vectorizations", false, do_cd_vectorization},
-    {"CD ILP", false, do_cd_ilp},
-    {"late fast_CP(4,1)", false, fast_CP_4_1},
-    {"Disclose Vectors", false, no_action},
-    {"global CP", false, no_action},
-    {"late points-to", false, no_action},
-    {"global CSE", false, no_action},
-    {"Pellin rotate loops", false, no_action},
-    {"late rename symbols", false, no_action},
-    {"merge symbols", false, no_action},
-    {"DD restructuring", false, no_action},
-    {"expand cluster refs", false, no_action},
-    {"CSU returning temp", false, no_action},
-    {"superblocks", false, no_action},
-    {"subrange", false, no_action},
-    {"lcp", false, no_action},
-    {"sti-to-cinit", false, no_action},
-    {"lcse", false, no_action},
-    {"propagate increments", false, no_action},
-    {"Disguise Vectors", false, no_action},
-    {"late LIR", false, no_action},
+    {"pass 1 fcp/eda", false, pass_1_fcp_eda, 2},
+    {"pass 1 fast_CP(4,0)", false, fast_CP_4_0, 1},
+    {"value propagation for pass 1", false, no_action, NEVER},
+    {"analyze globals", true, no_action, NEVER},
+    {"detect_recursion", true, no_action, NEVER},
+    {"do_interprocedural_propagation", true, no_action, NEVER},
+    {"auto_inline_call_sites", true, no_action, NEVER},
+    {"dump_call_graph_debug", true, no_action, NEVER},
+    {"collect_clustered_symbols", true, no_action, NEVER},
+    {"pass 2 header", true, pass_2_header, NEVER},
+    {"set call-graph order", true, no_action, NEVER},
+    {"pass 2 inits", false, pass_2_inits, 1},
+    {"stack sharing", false, no_action, NEVER},
+    {"CPS", false, no_action, NEVER},
+    {"early LIR", false, no_action, NEVER},
+    {"early fast_CP(4,1)", false, fast_CP_4_1, 1},
+    {"MVP global assertions", false, no_action, NEVER},
+    {"intraprocedural MVP", false, intraprocedural_MVP, 2},
+    {"value propagation for SIMD", false, no_action, NEVER},
+    {"explode auto structs", false, no_action, NEVER},
+    {"non-DD clone SSA NASSERTs", false, no_action, NEVER},
+    {"non-DD SSA CP", false, no_action, NEVER},
+    {"non-DD SSA EDA", false, no_action, NEVER},
+    {"SSA RP with benign loads", false, no_action, NEVER},
+    {"expand bitfields", false, no_action, NEVER},
+    {"fast_CP(0,1)", false, fast_CP_0_1, 1},
+    {"add profile loop annotations", false, no_action, NEVER},
+    {"CD vectorizations", false, do_cd_vectorization, 2},
+    {"CD ILP", false, do_cd_ilp, 2},
+    {"late fast_CP(4,1)", false, fast_CP_4_1, 1},
+    {"Disclose Vectors", false, no_action, NEVER},
+    {"global CP", false, no_action, NEVER},
+    {"late points-to", false, no_action, NEVER},
+    {"global CSE", false, no_action, NEVER},
+    {"Pellin rotate loops", false, no_action, NEVER},
+    {"late rename symbols", false, no_action, NEVER},
+    {"merge symbols", false, no_action, NEVER},
+    {"DD restructuring", false, no_action, NEVER},
+    {"expand cluster refs", false, no_action, NEVER},
+    {"CSU returning temp", false, no_action, NEVER},
+    {"superblocks", false, no_action, NEVER},
+    {"subrange", false, no_action, NEVER},
+    {"lcp", false, no_action, NEVER},
+    {"sti-to-cinit", false, no_action, NEVER},
+    {"lcse", false, no_action, NEVER},
+    {"propagate increments", false, no_action, NEVER},
+    {"Disguise Vectors", false, no_action, NEVER},
+    {"late LIR", false, no_action, NEVER},
 };
 
 // Reads a forced order: serials separated by commas or blanks.
@@ -174,17 +181,17 @@ void pass::run() {
     // The action may end the function ("output function"); time goes to the
     // function that was current when the step began.
     FUNINFO* fi = currfuninfo;
-    if (print_debug || enable_time_stats) {
-        clock_t start = std::clock();
-        action_();
+    bool timed = print_debug || enable_time_stats;
+    clock_t start = timed ? std::clock() : 0;
+    if (fi && opt_level() >= cfg_from_) unpark_function();
+    action_();
+    if (timed) {
         clock_t end = std::clock();
         if (print_debug)
             DBG_CHECK(std::fprintf(FDEBUG, "(%.1f sec for pass.)\n", static_cast<float>(end - start) / 1000000.0f));
         if (fi) fi->pass_time += end - start;
         seconds_ += static_cast<double>(end - start) / CLOCKS_PER_SEC;
         ++runs_;
-    } else {
-        action_();
     }
     recycle_erased_nodes();
     if (print_debug) {
@@ -196,7 +203,8 @@ void pass::run() {
 
 void setup_passes(bool forced) {
     for (const step& s : pass_table)
-        normal_order_passes.push_back(s.barrier ? new barrier_pass(s.name, s.action) : new pass(s.name, s.action));
+        normal_order_passes.push_back(s.barrier ? new barrier_pass(s.name, s.action)
+                                                : new pass(s.name, s.action, s.cfg_from));
 
     const char* order_text = nullptr;
     const char* source = nullptr;

@@ -46,7 +46,14 @@ public:
     using pass_manager = pass_manager_tag;
     using action_fn = void (*)();
 
-    pass(std::string name, action_fn action) : name_(std::move(name)), action_(action) {}
+    // The step never looks at a function's statements: it may run while the
+    // function is parked.
+    static constexpr int NEVER = 100;
+
+    // `cfg_from`: the lowest optimisation level at which the step works on
+    // the function's flow graph; below it the function may stay parked.
+    pass(std::string name, action_fn action, int cfg_from = 0)
+        : name_(std::move(name)), action_(action), cfg_from_(cfg_from) {}
     virtual ~pass() = default;
     virtual bool is_barrier() const { return false; }
 
@@ -66,13 +73,14 @@ public:
 private:
     std::string name_;
     action_fn action_;
+    int cfg_from_;
     double seconds_ = 0;
     long runs_ = 0;
 };
 
 class barrier_pass : public pass {
 public:
-    barrier_pass(std::string name, void (*action)()) : pass(std::move(name), action) {}
+    barrier_pass(std::string name, void (*action)()) : pass(std::move(name), action, NEVER) {}
     bool is_barrier() const override { return true; }
 };
 

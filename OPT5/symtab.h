@@ -5,9 +5,13 @@
 
 #include "IFILE/if_symbol.h"
 
+struct FUNINFO;
+
 struct SYMTAB : I_SYMTAB {
-    std::string decl;        // printable declaration, e.g. "int f(int)"
-    std::string src_file;    // source file of the definition, empty if unknown
     bool is_declaration = false;
     SYMTAB* definition = nullptr;  // for a declaration: the defining symbol
+    FUNINFO* funinfo = nullptr;    // a function's information (make_FUNINFO)
+
+    // Printable declaration ("int x", "int f(int)"), the bare name without a type.
+    std::string declaration() const;
 };

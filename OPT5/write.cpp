@@ -1,6 +1,6 @@
 // Writing functions and the unit's global data back to the output I-file.
 #include <cstdio>
-#include <set>
+#include <algorithm>
 #include <string>
 
 #include "DEBUG_DISABLE/switches.h"
@@ -175,15 +175,28 @@ void write_func_header() {
                   currfunc->name.c_str());
 }
 
+// The labels that jumps of a function name, gathered statement by statement.
+struct jump_targets {
+    std::vector<int> labels;
+    void add(NODE* tree) {
+        walk_and_modify_tree(tree, [&](NODE*& n) {
+            if (n->opcode == LABEL) labels.push_back(n->value.as<int32_t>());
+        });
+    }
+    void seal() {
+        std::sort(labels.begin(), labels.end());
+        labels.erase(std::unique(labels.begin(), labels.end()), labels.end());
+    }
+    bool contains(int label) const { return std::binary_search(labels.begin(), labels.end(), label); }
+};
+
 // The statements of every block in layout order, each block that some jump
 // names beginning with its label.
 void wrbblocks() {
-    std::set<int> targets;
+    jump_targets targets;
     for (BBLK* b : layout_blocks())
-        for (BODY_ENTRY& e : b->statements)
-            walk_and_modify_tree(e.tree, [&](NODE*& n) {
-                if (n->opcode == LABEL) targets.insert(n->value.as<int32_t>());
-            });
+        for (BODY_ENTRY& e : b->statements) targets.add(e.tree);
+    targets.seal();
     for (BBLK* b : layout_blocks()) {
         if (print_debug && FDEBUG) {
             DBG_CHECK(std::fprintf(FDEBUG, "\n++++(WRBBLOCKS): START NEXT BB, UON=%d, DFN=%d\n", b->label, b->dfn));
@@ -193,8 +206,23 @@ void wrbblocks() {
             for (EDGE* e = b->successors; e; e = e->rest) DBG_CHECK(std::fprintf(FDEBUG, " %d", e->bb->dfn));
             DBG_CHECK(std::fprintf(FDEBUG, "\n\tLOOP DEPTH = %d\n", b->loop ? b->loop->level : 0));
         }
-        if (targets.count(b->label)) o_file->if_write_label(static_cast<unsigned>(b->label));
+        if (targets.contains(b->label)) o_file->if_write_label(static_cast<unsigned>(b->label));
         for (BODY_ENTRY& e : b->statements) wrexpr(e);
+    }
+}
+
+// The same for a function that no step gave a flow graph: its statements in
+// reading order, a label written where some jump names it.  The blocks
+// buildcfg would make begin at the same labels, so the output is the same.
+void wrstatements() {
+    jump_targets targets;
+    for (BODY_ENTRY& e : currfuninfo->body)
+        if (e.kind == BODY_ENTRY::STMT) targets.add(e.tree);
+    targets.seal();
+    for (BODY_ENTRY& e : currfuninfo->body) {
+        if (e.kind != BODY_ENTRY::STMT) continue;
+        if (e.tree->opcode == LABELDEF && !targets.contains(e.tree->value.as<int32_t>())) continue;
+        wrexpr(e);
     }
 }
 
@@ -202,8 +230,11 @@ void wrbblocks() {
 // the end of the locals), then the blocks, then the end of the function.
 void write_func_body() {
     FUNINFO* fi = currfuninfo;
+    // Without a flow graph the records are still among the statements.
+    bool flat = !fi->bb_list;
     const BODY_ENTRY* end = nullptr;
-    for (BODY_ENTRY& e : fi->scopes) {
+    for (BODY_ENTRY& e : flat ? fi->body : fi->scopes) {
+        if (e.kind == BODY_ENTRY::STMT) continue;
         if (e.kind == BODY_ENTRY::SYMBOL) {
             o_file->if_write_symbol(e.sym);
             continue;
@@ -219,7 +250,10 @@ void write_func_body() {
                 DBG_CHECK(std::fprintf(FDEBUG, "\n%c\t'L':\t%s is a leaf function.\n", '^', currfunc->name.c_str()));
         }
     }
-    wrbblocks();
+    if (flat)
+        wrstatements();
+    else
+        wrbblocks();
     if (!fi->eht.empty()) o_file->if_write_func_eht(fi->eht);
     PSN none;
     wrstcr(IR_END_FUNC, end ? const_cast<PSN*>(&end->pos) : &none);

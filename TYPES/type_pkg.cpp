@@ -162,6 +162,21 @@ TYPE_ELEM* TYPE::member(unsigned index) {
     return nullptr;
 }
 
+std::string TYPE::print_parameters() {
+    std::string s;
+    for (TYPE_LIST& l : lists)
+        for (TYPE_ELEM& e : l.elems) {
+            if (e.code != 23) continue;
+            s += (s.empty() ? "" : ", ") + (e.type ? e.type->print() : std::string("?"));
+        }
+    return s;
+}
+
+std::string TYPE::declare(const std::string& name) {
+    if (kind == FUNC_T) return (base ? base->print() : std::string("?")) + " " + name + "(" + print_parameters() + ")";
+    return print() + " " + name;
+}
+
 std::string TYPE::print() {
     static const char* const inames[12] = {"bool", "char", "unsigned char", "signed char", "short", "unsigned short",
                                            "int", "unsigned int", "long", "unsigned long", "long long",
@@ -195,17 +210,7 @@ std::string TYPE::print() {
         return (base ? base->print() : std::string("?")) + "[" + (complete ? std::to_string(count) : "") + "]";
     case VECTOR_T: return (base ? base->print() : std::string("?")) + " vector[" + std::to_string(count) + "]";
     case VPRED_T: return "vpred";
-    case FUNC_T: {
-        std::string s = (base ? base->print() : std::string("?")) + " (";
-        bool first = true;
-        for (TYPE_LIST& l : lists)
-            for (TYPE_ELEM& e : l.elems) {
-                if (e.code != 23) continue;
-                s += (first ? "" : ", ") + (e.type ? e.type->print() : std::string("?"));
-                first = false;
-            }
-        return s + ")";
-    }
+    case FUNC_T: return (base ? base->print() : std::string("?")) + " (" + print_parameters() + ")";
     case ENUM_T: return "enum " + name;
     case STRUCT_T: return "struct " + name;
     case CLASS_T: return "class " + name;

@@ -132,6 +132,11 @@ public:
     TYPE_ELEM* member(unsigned index);
 
     std::string print();
+    // A declaration of `name` with this type: "int x", "int f(int, char)".
+    std::string declare(const std::string& name);
+
+private:
+    std::string print_parameters();  // a function's parameter types, separated by ", "
 };
 
 // Errors of the package.

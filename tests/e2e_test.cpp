@@ -366,6 +366,38 @@ TEST_F(EndToEnd, FunctionOptionSetsAddToTheCommandLine) {
     EXPECT_FALSE(has("bad_out.if"));
 }
 
+// A function's option set ends with the function's own steps: the function
+// after it, even in the stretch before a barrier, runs under the file's flags.
+TEST_F(EndToEnd, FunctionOptionSetDoesNotReachTheNextFunction) {
+    std::string body =
+        "symbol S:\"p\" n:32 n:0 c:0 w:0 n:3 n:0 n:32 c:0 n:0 n:0 P:0 b:0\nend_args P:0\nend_locals P:0\n"
+        "stmt P:1:2:1\nnode b:58 n:1\nnode b:13 n:1\nnode b:2 n:3 R:1:0\nnode b:4 n:1 i:1\n"
+        "stmt P:1:3:1\nnode b:58 n:1\nnode b:13 n:1\nnode b:2 n:3 R:1:0\nnode b:4 n:1 i:2\n"
+        "stmt P:1:4:1\nnode b:118 n:1\nnode b:4 n:1 i:0\nend_func P:0\n";
+    std::string unit =
+        ".header version=-71 cpu=0x258 source=\"t.c\" extra=0\n.section main\nbegin_func P:1:1:1 n:0\n" + body +
+        "begin_func P:1:1:1 n:1\n" + body +
+        ".end\n.section options\noption_set n:1 n:1 S:\"--volatile_all\"\n.end\n.section types\n"
+        "type n:1 b:8 b:1 n:16 n:16 b:0 b:0\ntype n:2 b:22 n:1 b:1 b:0 b:0 b:0\ntype n:3 b:17 n:1 n:32 n:32\n"
+        ".end\n.section files\nsource S:\"t.c\"\n.end\n.section globals\n"
+        "symbol S:\"f\" n:0 n:0 c:0 w:0 n:2 n:0 n:16 c:0 n:0 n:0 P:1:1:1 b:0\n"
+        "symbol S:\"g\" n:0 n:0 c:0 w:0 n:2 n:0 n:16 c:0 n:0 n:0 P:1:1:1 b:0\n.end\n";
+    ASSERT_EQ(assemble(unit, dir / "fg.if"), "");
+    // Dead stores go in "late fast_CP(4,1)", run here before a barrier.
+    Result r = opt5({"-o2", "--forced_passes=29,3", "fg.if", "fg_out.if"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    std::string text = disassemble(dir / "fg_out.if");
+    size_t g_at = text.find("begin_func", text.find("begin_func") + 1);
+    ASSERT_NE(g_at, std::string::npos) << text;
+    auto stores = [&](size_t from, size_t to) {
+        size_t n = 0;
+        for (size_t at = text.find("node b:58 ", from); at < to; at = text.find("node b:58 ", at + 1)) ++n;
+        return n;
+    };
+    EXPECT_EQ(stores(0, g_at), 2u) << text;              // f keeps both stores
+    EXPECT_EQ(stores(g_at, std::string::npos), 1u) << text;  // g loses the dead one
+}
+
 // Label numbers up to 2^30 - 1 are read (and new labels made above them);
 // larger ones are invalid records.
 TEST_F(EndToEnd, LabelNumbersThatCouldOverflowAreRefused) {

@@ -68,8 +68,7 @@ void read_unit() {
         if (comma == std::string::npos) comma = names.size();
         SYMTAB s;
         s.name = names.substr(start, comma - start);
-        s.decl = "int " + s.name + "(void)";
-        s.src_file = input_file_name;
+        s.pos.file = input_file_name.c_str();
         unit.push_back(s);
         start = comma + 1;
     }

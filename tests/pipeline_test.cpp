@@ -19,6 +19,7 @@
 #include "OPT5/globals.h"
 #include "OPT5/pass.h"
 #include "OPT5/symtab.h"
+#include "TYPES/type_pkg.h"
 #include "test_util.h"
 
 namespace {
@@ -55,7 +56,9 @@ protected:
         seen.clear();
         f.name = "f";
         g.name = "g";
-        g.decl = "int g(void)";
+        int_type.subkind = TYPE::IK_INT;
+        g_type.base = &int_type;
+        g.type = &g_type;
         write_function_body = note_written;
     }
     void TearDown() override {
@@ -102,6 +105,7 @@ protected:
         build_step_tables();
         run_function_loop();
     }
+    TYPE int_type{TYPE::INT_T}, g_type{TYPE::FUNC_T};  // int g()
     SYMTAB f, g;
 };
 
@@ -335,7 +339,7 @@ TEST_F(Pipeline, MustBeUnsuppressedNoteAtLevelThree) {
     make_FUNINFO(&g)->set_flags(FUN_MUST_BE_UNSUPPRESSED);
     run_unit({&f, &g});
     std::string text = debug_text();
-    EXPECT_NE(text.find("\n!!! g() (int g(void)) must be unsuppressed !!!\n\n"), std::string::npos);
+    EXPECT_NE(text.find("\n!!! g() (int g()) must be unsuppressed !!!\n\n"), std::string::npos);
     EXPECT_EQ(text.find("!!! f()"), std::string::npos);
 }
 
