@@ -195,7 +195,8 @@ private:
     std::vector<TYPE*> written_types_;
     bool init_started_ = false;
     char stream_buffer_[1 << 18];
-    std::vector<unsigned char> frame_;  // a record being written, whole
+    std::vector<unsigned char> pending_;  // whole records not yet handed to the stream
+    static constexpr size_t PENDING_LIMIT = size_t{1} << 20;
 
     enum { OFF_OPTIONS = 0, OFF_INIT = 1, OFF_TYPES = 2, OFF_FILES = 3, OFF_GLOBALS = 4 };
 
@@ -244,6 +245,7 @@ private:
     void w_typeref(TYPE* t);
     void w_symref(I_SYMTAB* sym);
     void i_flush(int id);
+    void i_drain();  // hands the pending records to the stream
     void i_write_eof();
     void write_header();
     bool write_expr_node(BASE_NODE* node, IF_CLIENT* nodes);

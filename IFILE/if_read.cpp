@@ -76,7 +76,7 @@ I_FILE::~I_FILE() = default;
 // ---------------------------------------------------------------------------
 // Positions and the record frame
 
-long I_FILE::if_tell() { return std::ftell(f_) - start_; }
+long I_FILE::if_tell() { return std::ftell(f_) + static_cast<long>(pending_.size()) - start_; }
 
 void I_FILE::if_seek(long offset) {
     if (std::fseek(f_, start_ + offset, SEEK_SET) != 0) if_invalid_record();
@@ -375,6 +375,7 @@ void I_FILE::if_skip_func() {
 void I_FILE::if_copy_raw(long offset, long length, I_FILE* out) {
     long saved = if_tell();
     if_seek(offset);
+    out->i_drain();  // the raw bytes follow the records written so far
     char chunk[8192];
     while (length > 0) {
         size_t n = static_cast<size_t>(std::min<long>(length, sizeof chunk));

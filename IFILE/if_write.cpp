@@ -95,17 +95,26 @@ void I_FILE::w_symref(I_SYMTAB* sym) {
 }
 
 void I_FILE::i_flush(int id) {
-    // The record goes out in one write: its id, its size, its body (the
-    // stream is this file's own, so it needs no locking).
-    frame_.clear();
-    frame_.push_back(static_cast<unsigned char>(id));
-    if_encode_uint(frame_, out_.size());
-    frame_.insert(frame_.end(), out_.begin(), out_.end());
-    fwrite_unlocked(frame_.data(), 1, frame_.size(), f_);
+    // The record joins the pending bytes: its id, its size, its body.  They
+    // go to the stream a megabyte at a time (the stream is this file's own,
+    // so it needs no locking).
+    pending_.push_back(static_cast<unsigned char>(id));
+    if_encode_uint(pending_, out_.size());
+    pending_.insert(pending_.end(), out_.begin(), out_.end());
     out_.clear();
+    if (pending_.size() >= PENDING_LIMIT) i_drain();
 }
 
-void I_FILE::i_write_eof() { std::fputc(IR_END, f_); }
+void I_FILE::i_drain() {
+    if (pending_.empty()) return;
+    fwrite_unlocked(pending_.data(), 1, pending_.size(), f_);
+    pending_.clear();
+}
+
+void I_FILE::i_write_eof() {
+    pending_.push_back(static_cast<unsigned char>(IR_END));
+    if (pending_.size() >= PENDING_LIMIT) i_drain();
+}
 
 void I_FILE::write_header() {
     w_raw(IF_MAGIC, std::strlen(IF_MAGIC) + 1);
@@ -313,10 +322,13 @@ int I_FILE::if_close(bool named_types, bool abandon) {
         offsets[OFF_GLOBALS] = static_cast<uint32_t>(if_tell());
         for (I_SYMTAB* g : globals) if_write_symbol(g);
         i_write_eof();
+        i_drain();
         if (std::fseek(f_, start_, SEEK_SET) != 0) failed = 1;
         write_header();
+        i_drain();
         if (std::fseek(f_, 0, SEEK_END) != 0) failed = 1;
     }
+    i_drain();
     if (std::fflush(f_) != 0 || std::ferror(f_)) failed = 1;
     if (std::fclose(f_) != 0) failed = 1;
     f_ = nullptr;

@@ -4,15 +4,39 @@
 
 #include <cstdio>
 #include <ctime>
-#include <deque>
 #include <map>
 #include <vector>
 
 class pass;
 struct SYMTAB;
 
-// Steps still to run for each function, front first.
-extern std::map<SYMTAB*, std::deque<pass*>> steps_table;
+// The steps still to run for one function, front first: one block of
+// storage, the steps run so far skipped rather than moved.
+class step_list {
+public:
+    using iterator = std::vector<pass*>::iterator;
+    step_list() = default;
+    template <class It>
+    step_list(It first, It last) {
+        steps_.reserve(static_cast<size_t>(last - first) + 1);  // room for "output function"
+        steps_.assign(first, last);
+    }
+    bool empty() const { return next_ == steps_.size(); }
+    size_t size() const { return steps_.size() - next_; }
+    pass* front() const { return steps_[next_]; }
+    void pop_front() { ++next_; }
+    void push_back(pass* p) { steps_.push_back(p); }
+    iterator begin() { return steps_.begin() + static_cast<std::ptrdiff_t>(next_); }
+    iterator end() { return steps_.end(); }
+    iterator erase(iterator at) { return steps_.erase(at); }
+
+private:
+    std::vector<pass*> steps_;
+    size_t next_ = 0;
+};
+
+// Steps still to run for each function.
+extern std::map<SYMTAB*, step_list> steps_table;
 // Functions whose output must be forced; empty whenever a barrier runs.
 extern std::vector<SYMTAB*> unsuppressed_functions;
 // The last step of every function; created only when the unit has functions.
@@ -29,7 +53,7 @@ extern void (*write_function_body)(SYMTAB* fn);
 // Pieces of the run, also used on their own by the tests.
 void build_step_tables();
 void run_function_loop();
-void run_function_steps(SYMTAB* fn, std::deque<pass*>& passes);
+void run_function_steps(SYMTAB* fn, step_list& passes);
 void print_time_stats(FILE* out, clock_t unit_ticks);
 // Forgets the passes, step tables, functions and function records.
 void reset_driver();

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "IFILE/if_symbol.h"
+#include "OPT5/park.h"
 #include "UTIL/psn.h"
 
 struct SYMTAB;
@@ -58,7 +59,7 @@ struct FUNINFO {
     bool defined = false;  // its body has been read
     // While the function waits for other functions (reading the unit, a
     // barrier step), its body is kept packed here and it has no trees.
-    std::vector<unsigned char> parked;
+    parked_body parked;
     bool is_parked = false;
     bool unparked_without_cfg = false;  // its statements are back, its flow graph not yet
 

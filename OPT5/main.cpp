@@ -81,8 +81,8 @@ void output_function() {
 }
 
 bool all_step_lists_empty() {
-    for (SYMTAB* fn : functions)
-        if (!steps_table[fn].empty()) return false;
+    for (auto& [fn, passes] : steps_table)
+        if (!passes.empty()) return false;
     return true;
 }
 
@@ -159,7 +159,7 @@ void finish_worker_stretch(bool last) {
 
 }  // namespace
 
-std::map<SYMTAB*, std::deque<pass*>> steps_table;
+std::map<SYMTAB*, step_list> steps_table;
 std::vector<SYMTAB*> unsuppressed_functions;
 pass* output_function_pass = nullptr;
 void (*read_input_unit)() = read_ifile_unit;
@@ -168,14 +168,15 @@ void (*write_function_body)(SYMTAB*) = write_function;
 void build_step_tables() {
     if (functions.empty()) return;
     if (!output_function_pass) output_function_pass = new pass("output function", output_function, pass::NEVER);
+    pass* last = max_threads == 0 || print_debug ? output_function_pass : nullptr;
     for (SYMTAB* sym : functions) {
-        steps_table[sym] = std::deque<pass*>(permuted_order.begin(), permuted_order.end());
-        OPT_REQUIRE(steps_table[sym].size() == permuted_order.size());
-        if (max_threads == 0 || print_debug) steps_table[sym].push_back(output_function_pass);
+        step_list& passes = steps_table[sym] = step_list(permuted_order.begin(), permuted_order.end());
+        OPT_REQUIRE(passes.size() == permuted_order.size());
+        if (last) passes.push_back(last);
     }
 }
 
-void run_function_steps(SYMTAB* fn, std::deque<pass*>& passes) {
+void run_function_steps(SYMTAB* fn, step_list& passes) {
     if (passes.empty() || passes.front()->is_barrier()) return;
 
     SYMTAB* def = defining_symbol(fn);
@@ -235,14 +236,11 @@ void run_function_loop() {
         if (last) break;
 
         pass* barrier = steps_table[functions.front()].front();
-        for (SYMTAB* fn : functions) {
-            std::deque<pass*>& passes = steps_table[fn];
-            OPT_REQUIRE(!passes.empty() && barrier == passes.front());
-        }
+        for (auto& [fn, passes] : steps_table) OPT_REQUIRE(!passes.empty() && barrier == passes.front());
         currfunc = nullptr;
         currfuninfo = nullptr;
         barrier->run();
-        for (SYMTAB* fn : functions) steps_table[fn].pop_front();
+        for (auto& [fn, passes] : steps_table) passes.pop_front();
         OPT_REQUIRE(unsuppressed_functions.empty());
     }
 }

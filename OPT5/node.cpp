@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <cstdlib>
+#include <memory>
 #include <new>
 #include <vector>
 
@@ -48,8 +49,8 @@ struct node_pool {
     NODE* allocate() {
         if (NODE* n = free_list) {
             free_list = n->right;
-            *n = NODE();
-            return n;
+            n->~NODE();
+            return new (n) NODE;
         }
         if (slab_used == slab_nodes) {
             slab = static_cast<NODE*>(allocate_slab());
@@ -318,18 +319,22 @@ void erase_tree(NODE* tree) {
     }
 }
 
-void walk_and_modify_tree(NODE* tree, const std::function<void(NODE*&)>& visit) {
-    std::deque<NODE*> work;
-    if (tree) work.push_back(tree);
-    while (!work.empty()) {
-        NODE* n = work.front();
-        work.pop_front();
-        for (NODE** slot : {&n->left, &n->right}) {
-            if (!*slot) continue;
-            visit(*slot);
-            if (*slot) work.push_back(*slot);
-        }
+namespace {
+thread_local std::vector<std::unique_ptr<std::vector<NODE*>>> spare_walk_queues;
+}
+
+walk_queue::walk_queue() {
+    if (spare_walk_queues.empty()) {
+        nodes_ = new std::vector<NODE*>;
+    } else {
+        nodes_ = spare_walk_queues.back().release();
+        spare_walk_queues.pop_back();
     }
+}
+
+walk_queue::~walk_queue() {
+    nodes_->clear();
+    spare_walk_queues.emplace_back(nodes_);
 }
 
 bool same_tree(const NODE* a, const NODE* b) {

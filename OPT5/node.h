@@ -3,6 +3,7 @@
 
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "IFILE/base_node.h"
 #include "OPT5/opcodes.h"
@@ -160,9 +161,38 @@ NODE* copy_node_if_changed(NODE* node, NODE* left, NODE* right);
 NODE* copy_tree(const NODE* tree);
 void erase_node(NODE* node);
 void erase_tree(NODE* tree);
-// Visits every operand slot of the tree, a node before its operands, and
-// lets the callback replace the node in the slot.
-void walk_and_modify_tree(NODE* tree, const std::function<void(NODE*&)>& visit);
+// A work queue for walks; they nest, so each walk takes its own, and the
+// queues are kept from walk to walk on the thread.
+class walk_queue {
+public:
+    walk_queue();
+    ~walk_queue();
+    walk_queue(const walk_queue&) = delete;
+    walk_queue& operator=(const walk_queue&) = delete;
+    std::vector<NODE*>& nodes() { return *nodes_; }
+
+private:
+    std::vector<NODE*>* nodes_;
+};
+
+// Visits every operand slot of the tree, a node before its operands, level
+// by level, and lets the callback replace the node in the slot (the walk
+// goes on into the replacement).
+template <class F>
+void walk_and_modify_tree(NODE* tree, F&& visit) {
+    if (!tree) return;
+    walk_queue queue;
+    std::vector<NODE*>& work = queue.nodes();
+    work.push_back(tree);
+    for (size_t i = 0; i < work.size(); ++i) {
+        NODE* n = work[i];
+        for (NODE** slot : {&n->left, &n->right}) {
+            if (!*slot) continue;
+            visit(*slot);
+            if (*slot) work.push_back(*slot);
+        }
+    }
+}
 // Reading or writing the node touches a volatile object: its type is
 // volatile-qualified or, under --volatile_all, it names an object that is
 // not a local variable (a global, or memory through a pointer).  Such an

@@ -1,6 +1,8 @@
 #include "OPT5/park.h"
 
 #include <cstdint>
+#include <cstring>
+#include <mutex>
 #include <vector>
 
 #include "OPT5/abort.h"
@@ -9,6 +11,7 @@
 #include "OPT5/globals.h"
 #include "OPT5/node.h"
 #include "OPT5/symtab.h"
+#include "UTIL/slab.h"
 
 namespace {
 const char THIS_MODULE[] = "OPT5/park";
@@ -174,7 +177,74 @@ struct unpacker {
 // read or unparked, so that its storage is not allocated again.
 thread_local std::vector<BODY_ENTRY> spare;
 
+// Where parked bodies live.  Each slab begins with the count of bodies in
+// it not yet let go of; slabs are aligned to their size, so a body finds its
+// slab by rounding its address down.
+class park_store {
+public:
+    unsigned char* allocate(size_t n) {
+        if (n > large) return static_cast<unsigned char*>(::operator new(n));
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (!current_ || used_ + n > SLAB_BYTES) {
+            if (free_slabs_.empty()) {
+                current_ = static_cast<unsigned char*>(allocate_slab());
+            } else {
+                current_ = free_slabs_.back();
+                free_slabs_.pop_back();
+            }
+            live(current_) = 0;
+            used_ = head;
+        }
+        unsigned char* p = current_ + used_;
+        used_ += n;
+        ++live(current_);
+        return p;
+    }
+    void release(unsigned char* p, size_t n) {
+        if (n > large) {
+            ::operator delete(p);
+            return;
+        }
+        unsigned char* slab = reinterpret_cast<unsigned char*>(reinterpret_cast<uintptr_t>(p) & ~(SLAB_BYTES - 1));
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (--live(slab) > 0) return;
+        if (slab == current_)
+            used_ = head;
+        else
+            free_slabs_.push_back(slab);
+    }
+
+private:
+    static constexpr size_t head = 64;  // the count, and room to keep bodies aligned
+    static constexpr size_t large = SLAB_BYTES / 4;
+    static size_t& live(unsigned char* slab) { return *reinterpret_cast<size_t*>(slab); }
+
+    std::mutex mutex_;
+    unsigned char* current_ = nullptr;
+    size_t used_ = 0;
+    std::vector<unsigned char*> free_slabs_;
+};
+
+park_store& store() {
+    static park_store* s = new park_store;  // lives to the end of the run, like the bodies in it
+    return *s;
+}
+
 }  // namespace
+
+void parked_body::assign(const unsigned char* bytes, size_t n) {
+    clear();
+    if (n == 0) return;
+    data_ = store().allocate(n);
+    size_ = n;
+    std::memcpy(data_, bytes, n);
+}
+
+void parked_body::clear() {
+    if (data_) store().release(data_, size_);
+    data_ = nullptr;
+    size_ = 0;
+}
 
 void spare_body(std::vector<BODY_ENTRY>& body) {
     body.clear();
@@ -199,7 +269,7 @@ void park_function() {
     packer p{scratch};
     p.uint(fi->body.size());
     for (const BODY_ENTRY& e : fi->body) p.entry(e);
-    fi->parked.assign(scratch.begin(), scratch.end());
+    fi->parked.assign(scratch.data(), scratch.size());
     spare_body(fi->body);
     fi->is_parked = true;
     recycle_erased_nodes();  // parking happens between steps: no step holds a node
@@ -214,7 +284,7 @@ void unpark_statements() {
     fi->body.reserve(n);
     for (size_t i = 0; i < n; ++i) fi->body.push_back(u.entry());
     OPT_REQUIRE(u.at == u.end);
-    std::vector<unsigned char>().swap(fi->parked);
+    fi->parked.clear();
     fi->is_parked = false;
     fi->unparked_without_cfg = true;
 }

@@ -7,9 +7,30 @@
 // blocks back into statements, as rebuildcfg does.
 #pragma once
 
+#include <cstddef>
 #include <vector>
 
 struct BODY_ENTRY;
+
+// The bytes of a parked body.  They live in slabs shared by all parked
+// bodies, one after another, and a slab is used again once every body in it
+// has been let go of; a body too large for that gets a block of its own.
+class parked_body {
+public:
+    parked_body() = default;
+    ~parked_body() { clear(); }
+    parked_body(const parked_body&) = delete;
+    parked_body& operator=(const parked_body&) = delete;
+
+    const unsigned char* data() const { return data_; }
+    size_t size() const { return size_; }
+    void assign(const unsigned char* bytes, size_t n);
+    void clear();
+
+private:
+    unsigned char* data_ = nullptr;
+    size_t size_ = 0;
+};
 
 // Both act on the current function (`currfuninfo`).
 void park_function();

@@ -2,6 +2,7 @@
 // cases, and the fuzzer's own parts.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <set>
 
 #include "difffuzz.h"
@@ -44,6 +45,42 @@ TEST(DiffFuzz, SavedCasesAgreeAtEveryLevel) {
         EXPECT_EQ(c.check(u, every_level), "") << e.path();
     }
     EXPECT_GT(cases, 0);
+}
+
+// The debug listing only watches: with it the functions are unpacked and
+// given their flow graphs before every step and written block by block, and
+// the output must still be the same bytes at every level.
+TEST(DiffFuzz, DebugListingLeavesTheOutputAlone) {
+    TempDir dir;
+    for (uint64_t seed = 1; seed <= 40; seed += 3) {
+        std::vector<minic::MiniFunction> fns;
+        for (uint64_t k = 0; k < 3; ++k) {
+            fns.push_back(difffuzz::generate(seed + k).f);
+            fns.back().name = "f" + std::to_string(k);
+            for (const std::string& g : fns.back().globals)  // the unit's globals are the first function's
+                if (std::find(fns[0].globals.begin(), fns[0].globals.end(), g) == fns[0].globals.end())
+                    fns[0].globals.push_back(g);
+        }
+        ASSERT_EQ(assemble(minic::unit_text(fns), dir.path / "in.if"), "") << seed;
+        // The last order leaves the functions without flow graphs after the
+        // barrier, to be written from statements that blocks were made of.
+        for (std::string order : {"", "--forced_passes=1,3"})
+            for (int level : every_level) {
+                std::vector<std::string> args = {"-o" + std::to_string(level), "in.if"};
+                if (!order.empty()) args.insert(args.begin(), order);
+                std::vector<std::string> listed_args = args;
+                listed_args.insert(listed_args.begin(), "--debug_file=listing.txt");
+                args.push_back("plain.if");
+                listed_args.push_back("listed.if");
+                Result plain = run_program(OPT5_BINARY, args, dir.path);
+                Result listed = run_program(OPT5_BINARY, listed_args, dir.path);
+                ASSERT_EQ(plain.status, 0) << plain.err;
+                ASSERT_EQ(listed.status, 0) << listed.err;
+                EXPECT_FALSE(slurp(dir.path / "listing.txt").empty());
+                EXPECT_EQ(slurp(dir.path / "plain.if"), slurp(dir.path / "listed.if"))
+                    << "seed " << seed << " -o" << level << " " << order;
+            }
+    }
 }
 
 TEST(DiffFuzz, UnitsAreReproducibleAndVaried) {

@@ -1,6 +1,8 @@
 // Parked functions and the small containers behind lean data.
 #include <gtest/gtest.h>
 
+#include <cstring>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -100,12 +102,12 @@ TEST_F(Park, FunctionComesBackWhole) {
     EXPECT_TRUE(fi.is_parked);
     EXPECT_EQ(fi.bb_list, nullptr);
     EXPECT_TRUE(fi.body.empty());
-    EXPECT_FALSE(fi.parked.empty());
+    EXPECT_NE(fi.parked.size(), 0u);
     EXPECT_LT(live_node_count(), live - 20);  // its trees are gone
     park_function();                          // parking twice is harmless
     unpark_function();
     EXPECT_FALSE(fi.is_parked);
-    EXPECT_TRUE(fi.parked.empty());
+    EXPECT_EQ(fi.parked.size(), 0u);
     ASSERT_NE(fi.bb_list, nullptr);
 
     std::vector<BODY_ENTRY> after = statements();
@@ -153,6 +155,35 @@ TEST_F(Park, DeepTreesPark) {
     }
     EXPECT_EQ(depth, 300000);
     EXPECT_EQ(n->symbol, &a);
+}
+
+// Parked bodies share slabs that are used again once emptied: a body must
+// keep its bytes however the bodies around it come and go, small or large.
+TEST(ParkedBody, KeepsItsBytesWhileOthersComeAndGo) {
+    auto bytes = [](size_t n, size_t seed) {
+        std::vector<unsigned char> v(n);
+        for (size_t i = 0; i < n; ++i) v[i] = static_cast<unsigned char>((i * 131 + seed * 7) >> 3);
+        return v;
+    };
+    auto size_of = [](size_t k) { return k % 97 == 0 ? (size_t{3} << 19) + k : 1 + (k * 7919) % 9000; };
+    std::vector<std::unique_ptr<parked_body>> bodies;
+    std::vector<size_t> seeds;
+    size_t next = 0;
+    for (int round = 0; round < 6; ++round) {
+        for (int i = 0; i < 1500; ++i, ++next) {  // several slabs' worth
+            bodies.push_back(std::make_unique<parked_body>());
+            std::vector<unsigned char> v = bytes(size_of(next), next);
+            bodies.back()->assign(v.data(), v.size());
+            seeds.push_back(next);
+        }
+        for (size_t k = round % 2; k < bodies.size(); k += 2) bodies[k]->clear();  // every other one goes
+        for (size_t k = 0; k < bodies.size(); ++k) {
+            if (bodies[k]->size() == 0) continue;
+            std::vector<unsigned char> v = bytes(size_of(seeds[k]), seeds[k]);
+            ASSERT_EQ(bodies[k]->size(), v.size()) << k;
+            ASSERT_EQ(std::memcmp(bodies[k]->data(), v.data(), v.size()), 0) << "body " << k << " round " << round;
+        }
+    }
 }
 
 TEST(SmallVector, StaysOrderedAndIndependentPastItsInlinePart) {
