@@ -188,13 +188,19 @@ private:
     IF_CLIENT* client_ = nullptr;
     TYPE_PKG* pkg_ = nullptr;
     std::map<unsigned, TYPE*> type_map_;
-    std::vector<unsigned char> body_;   // the record being read
+    // Reading: a window onto the file, refilled a megabyte at a time; the
+    // body of the record being read lies in it.
+    std::vector<unsigned char> window_;
+    long window_at_ = 0;  // file offset of window_[0]
+    size_t window_pos_ = 0, window_end_ = 0;
+    static constexpr size_t WINDOW_BYTES = size_t{1} << 20;
+    const unsigned char* body_ = nullptr;
+    size_t body_size_ = 0;
     size_t pos_ = 0;
     std::vector<unsigned char> out_;    // the record being written
     unsigned next_type_id_ = 1;
     std::vector<TYPE*> written_types_;
     bool init_started_ = false;
-    char stream_buffer_[1 << 18];
     std::vector<unsigned char> pending_;  // whole records not yet handed to the stream
     static constexpr size_t PENDING_LIMIT = size_t{1} << 20;
 
@@ -204,6 +210,10 @@ private:
     int read_header(uint64_t& size);
     void read_body(uint64_t size);
     void skip_body(uint64_t size);
+    // Makes n bytes from window_pos_ on available, or fewer at the end of
+    // the file; returns how many there are.
+    size_t window_fill(size_t n);
+    bool window_seek(long file_offset);
     // Primitives on the body being read.
     unsigned r_u8();
     int r_s8();

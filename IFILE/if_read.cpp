@@ -76,34 +76,67 @@ I_FILE::~I_FILE() = default;
 // ---------------------------------------------------------------------------
 // Positions and the record frame
 
-long I_FILE::if_tell() { return std::ftell(f_) + static_cast<long>(pending_.size()) - start_; }
+long I_FILE::if_tell() {
+    if (write_mode_) return std::ftell(f_) + static_cast<long>(pending_.size()) - start_;
+    return window_at_ + static_cast<long>(window_pos_) - start_;
+}
 
 void I_FILE::if_seek(long offset) {
-    if (std::fseek(f_, start_ + offset, SEEK_SET) != 0) if_invalid_record();
+    if (write_mode_ ? std::fseek(f_, start_ + offset, SEEK_SET) != 0 : !window_seek(start_ + offset))
+        if_invalid_record();
+}
+
+bool I_FILE::window_seek(long file_offset) {
+    if (file_offset >= window_at_ && file_offset <= window_at_ + static_cast<long>(window_end_)) {
+        window_pos_ = static_cast<size_t>(file_offset - window_at_);
+        return true;
+    }
+    window_at_ = file_offset;
+    window_pos_ = window_end_ = 0;
+    return std::fseek(f_, file_offset, SEEK_SET) == 0;
+}
+
+size_t I_FILE::window_fill(size_t n) {
+    size_t have = window_end_ - window_pos_;
+    if (have >= n) return have;
+    if (window_pos_ > 0) {  // what is left moves to the front
+        std::memmove(window_.data(), window_.data() + window_pos_, have);
+        window_at_ += static_cast<long>(window_pos_);
+        window_pos_ = 0;
+        window_end_ = have;
+    }
+    // The window grows past its size only for a record larger than it, and
+    // only as far as the file really goes, so a corrupt size can't make us
+    // allocate more than the file holds.
+    for (;;) {
+        if (window_end_ == window_.size()) {
+            if (window_end_ >= n && !window_.empty()) break;
+            window_.resize(window_.size() + WINDOW_BYTES);
+        }
+        size_t got = fread_unlocked(window_.data() + window_end_, 1, window_.size() - window_end_, f_);
+        window_end_ += got;
+        if (got == 0 || window_end_ >= n) break;
+    }
+    return window_end_;
 }
 
 int I_FILE::if_flush() { return std::fflush(f_); }
 
 int I_FILE::read_header(uint64_t& size) {
-    int id = getc_unlocked(f_);
-    if (id == EOF) if_invalid_record();
     size = 0;
+    if (window_fill(11) == 0) if_invalid_record();  // an id and a size of at most ten bytes
+    int id = window_[window_pos_++];
     if (id == IR_END) return id;
-    if (!if_read_uint(f_, size)) if_invalid_record();
+    if (!if_decode_uint(window_.data(), window_end_, window_pos_, size)) if_invalid_record();
     return id;
 }
 
 void I_FILE::read_body(uint64_t size) {
-    body_.clear();
+    if (size > (uint64_t{1} << 40) || window_fill(static_cast<size_t>(size)) < size) if_invalid_record();
+    body_ = window_.data() + window_pos_;
+    body_size_ = static_cast<size_t>(size);
     pos_ = 0;
-    // Grow with what is actually there, so that a corrupt size can't make
-    // us allocate more than the file holds.
-    while (body_.size() < size) {
-        size_t chunk = static_cast<size_t>(std::min<uint64_t>(size - body_.size(), 65536));
-        size_t old = body_.size();
-        body_.resize(old + chunk);
-        if (fread_unlocked(body_.data() + old, 1, chunk, f_) != chunk) if_invalid_record();
-    }
+    window_pos_ += body_size_;
 }
 
 void I_FILE::skip_body(uint64_t size) { read_body(size); }
@@ -112,7 +145,7 @@ void I_FILE::skip_body(uint64_t size) { read_body(size); }
 // Primitives on the record body
 
 unsigned I_FILE::r_u8() {
-    if (pos_ >= body_.size()) if_invalid_record();
+    if (pos_ >= body_size_) if_invalid_record();
     return body_[pos_++];
 }
 
@@ -132,19 +165,19 @@ uint32_t I_FILE::r_u32() {
 
 uint64_t I_FILE::r_uint() {
     uint64_t v;
-    if (!if_decode_uint(body_.data(), body_.size(), pos_, v)) if_invalid_record();
+    if (!if_decode_uint(body_, body_size_, pos_, v)) if_invalid_record();
     return v;
 }
 
 int64_t I_FILE::r_sint() {
     int64_t v;
-    if (!if_decode_sint(body_.data(), body_.size(), pos_, v)) if_invalid_record();
+    if (!if_decode_sint(body_, body_size_, pos_, v)) if_invalid_record();
     return v;
 }
 
 std::string I_FILE::r_string() {
-    const unsigned char* start = body_.data() + pos_;
-    const void* nul = std::memchr(start, 0, body_.size() - pos_);
+    const unsigned char* start = body_ + pos_;
+    const void* nul = std::memchr(start, 0, body_size_ - pos_);
     if (!nul) if_invalid_record();
     size_t n = static_cast<const unsigned char*>(nul) - start;
     std::string s(reinterpret_cast<const char*>(start), n);
@@ -153,8 +186,8 @@ std::string I_FILE::r_string() {
 }
 
 std::string I_FILE::r_string(size_t n) {
-    if (n > body_.size() - pos_) if_invalid_record();
-    std::string s(reinterpret_cast<const char*>(body_.data() + pos_), n);
+    if (n > body_size_ - pos_) if_invalid_record();
+    std::string s(reinterpret_cast<const char*>(body_ + pos_), n);
     pos_ += n;
     return s;
 }
@@ -182,7 +215,7 @@ I_SYMTAB* I_FILE::r_symref() {
 }
 
 void I_FILE::r_end() {
-    if (pos_ != body_.size()) if_invalid_record();
+    if (pos_ != body_size_) if_invalid_record();
 }
 
 TYPE* I_FILE::find_typeref(unsigned id) {
@@ -206,7 +239,6 @@ I_FILE* I_FILE::if_open_basic(FILE* f, IF_CLIENT* client) {
     file->client_ = client;
     file->start_ = std::ftell(f);
     if (file->start_ < 0) file->start_ = 0;
-    std::setvbuf(f, file->stream_buffer_, _IOFBF, sizeof file->stream_buffer_);
     if (!file->if_read_magic()) {
         delete file;
         return nullptr;
@@ -224,29 +256,31 @@ I_FILE* I_FILE::if_open(FILE* f, IF_CLIENT* client) {
 }
 
 bool I_FILE::if_read_magic() {
-    if (std::fseek(f_, start_, SEEK_SET) != 0) return false;
-    int id = std::fgetc(f_);
+    if (!window_seek(start_) || window_fill(11) == 0) return false;
+    int id = window_[window_pos_++];
     if (id != IR_HEADER) return false;
     uint64_t size = 0;
-    if (!if_read_uint(f_, size) || size > 65536) return false;
-    body_.resize(static_cast<size_t>(size));
+    if (!if_decode_uint(window_.data(), window_end_, window_pos_, size) || size > 65536) return false;
+    if (window_fill(static_cast<size_t>(size)) < size) return false;
+    body_ = window_.data() + window_pos_;
+    body_size_ = static_cast<size_t>(size);
     pos_ = 0;
-    if (std::fread(body_.data(), 1, body_.size(), f_) != body_.size()) return false;
+    window_pos_ += body_size_;
     // Check the fixed part by hand: a wrong header is refused, not fatal.
     const size_t magic_len = std::strlen(IF_MAGIC) + 1;
-    if (body_.size() < magic_len + 4 + 20 || std::memcmp(body_.data(), IF_MAGIC, magic_len) != 0) return false;
+    if (body_size_ < magic_len + 4 + 20 || std::memcmp(body_, IF_MAGIC, magic_len) != 0) return false;
     pos_ = magic_len;
     version = r_s16();
     cpu_id = r_s16();
     if (cpu_id != IF_CPU_ID || version < IF_VERSION_MIN || version > IF_VERSION_MAX) return false;
     for (uint32_t& o : offsets) o = r_u32();
-    if (!std::memchr(body_.data() + pos_, 0, body_.size() - pos_)) return false;
+    if (!std::memchr(body_ + pos_, 0, body_size_ - pos_)) return false;
     source = r_string();
     if (version >= -83) {
-        if (body_.size() - pos_ < 4) return false;
+        if (body_size_ - pos_ < 4) return false;
         extra_word = r_u32();
     }
-    if (pos_ != body_.size()) return false;
+    if (pos_ != body_size_) return false;
     icode_cpu_id = cpu_id;
     return client_->cl_magic(version, cpu_id);
 }
@@ -259,14 +293,16 @@ bool I_FILE::if_check_lengths() {
     uint64_t prev_size = 0;
     for (;;) {
         long at = if_tell();
-        int id = std::fgetc(f_);
+        int id = window_fill(11) == 0 ? EOF : window_[window_pos_++];
         uint64_t size = 0;
         if (id == IR_END) {
             if_seek(here);
             return true;
         }
-        bool ok = id != EOF && accepted_by_length_check(id) && if_read_uint(f_, size);
-        if (ok && std::fseek(f_, static_cast<long>(size), SEEK_CUR) != 0) ok = false;
+        bool ok = id != EOF && accepted_by_length_check(id) &&
+                  if_decode_uint(window_.data(), window_end_, window_pos_, size) && size < (uint64_t{1} << 40);
+        // Past the end of the file the next id reads as EOF.
+        if (ok && !window_seek(window_at_ + static_cast<long>(window_pos_) + static_cast<long>(size))) ok = false;
         if (!ok) {
             std::fprintf(stderr, ">>I-file error:@%d,id=%d,sz=%d,prev [@%d,id=%d,sz=%d]\n", static_cast<int>(at), id,
                          static_cast<int>(size), static_cast<int>(prev_at), prev_id, static_cast<int>(prev_size));
@@ -336,7 +372,6 @@ void I_FILE::if_read_file() {
 
 int I_FILE::if_read_record() {
     uint64_t size;
-    long at = if_tell();
     int id = read_header(size);
     if (id == IR_END) return id;
     read_body(size);
@@ -347,7 +382,14 @@ int I_FILE::if_read_record() {
     case 33: case 43: case 60: case 62: case 63: case 91:
         dispatch(id);
         break;
-    default: std::fprintf(stderr, "\n///ERROR @0x%lx\n\n", static_cast<unsigned long>(at)); break;
+    default: {
+        // Where the record began: before its body, its size and its id.
+        std::vector<unsigned char> size_bytes;
+        if_encode_uint(size_bytes, size);
+        long at = if_tell() - static_cast<long>(size + size_bytes.size() + 1);
+        std::fprintf(stderr, "\n///ERROR @0x%lx\n\n", static_cast<unsigned long>(at));
+        break;
+    }
     }
     return id;
 }
@@ -376,11 +418,11 @@ void I_FILE::if_copy_raw(long offset, long length, I_FILE* out) {
     long saved = if_tell();
     if_seek(offset);
     out->i_drain();  // the raw bytes follow the records written so far
-    char chunk[8192];
     while (length > 0) {
-        size_t n = static_cast<size_t>(std::min<long>(length, sizeof chunk));
-        if (std::fread(chunk, 1, n, f_) != n) if_invalid_record();
-        std::fwrite(chunk, 1, n, out->f_);
+        size_t n = std::min(window_fill(WINDOW_BYTES), static_cast<size_t>(length));
+        if (n == 0) if_invalid_record();
+        std::fwrite(window_.data() + window_pos_, 1, n, out->f_);
+        window_pos_ += n;
         length -= static_cast<long>(n);
     }
     if_seek(saved);

@@ -30,7 +30,7 @@ I_FILE* I_FILE::if_create(FILE* f, TYPE_PKG* pkg, const char* src) {
     file->source = src ? src : "";
     file->cpu_id = icode_cpu_id;
     file->out_.reserve(32768);
-    std::setvbuf(f, file->stream_buffer_, _IOFBF, sizeof file->stream_buffer_);
+    file->pending_.reserve(PENDING_LIMIT + 65536);
     file->start_ = 0;
     file->write_header();
     return file;

@@ -10,28 +10,31 @@
 class pass;
 struct SYMTAB;
 
-// The steps still to run for one function, front first: one block of
-// storage, the steps run so far skipped rather than moved.
+// The steps still to run for one function, front first.  Every function
+// starts with the same list: it is shared until a function's list is changed
+// other than by running its front step, and only then copied.
 class step_list {
 public:
     using iterator = std::vector<pass*>::iterator;
     step_list() = default;
-    template <class It>
-    step_list(It first, It last) {
-        steps_.reserve(static_cast<size_t>(last - first) + 1);  // room for "output function"
-        steps_.assign(first, last);
-    }
-    bool empty() const { return next_ == steps_.size(); }
-    size_t size() const { return steps_.size() - next_; }
-    pass* front() const { return steps_[next_]; }
+    explicit step_list(const std::vector<pass*>* shared) : shared_(shared) {}
+    bool empty() const { return next_ == steps().size(); }
+    size_t size() const { return steps().size() - next_; }
+    pass* front() const { return steps()[next_]; }
     void pop_front() { ++next_; }
-    void push_back(pass* p) { steps_.push_back(p); }
-    iterator begin() { return steps_.begin() + static_cast<std::ptrdiff_t>(next_); }
-    iterator end() { return steps_.end(); }
-    iterator erase(iterator at) { return steps_.erase(at); }
+    iterator begin() { return own().begin() + static_cast<std::ptrdiff_t>(next_); }
+    iterator end() { return own().end(); }
+    iterator erase(iterator at) { return own().erase(at); }
 
 private:
-    std::vector<pass*> steps_;
+    const std::vector<pass*>& steps() const { return shared_ ? *shared_ : own_; }
+    std::vector<pass*>& own() {
+        if (shared_) own_ = *shared_;
+        shared_ = nullptr;
+        return own_;
+    }
+    const std::vector<pass*>* shared_ = nullptr;
+    std::vector<pass*> own_;
     size_t next_ = 0;
 };
 

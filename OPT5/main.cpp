@@ -160,6 +160,8 @@ void finish_worker_stretch(bool last) {
 }  // namespace
 
 std::map<SYMTAB*, step_list> steps_table;
+// The list every function's steps start from.
+std::vector<pass*> first_steps;
 std::vector<SYMTAB*> unsuppressed_functions;
 pass* output_function_pass = nullptr;
 void (*read_input_unit)() = read_ifile_unit;
@@ -168,12 +170,11 @@ void (*write_function_body)(SYMTAB*) = write_function;
 void build_step_tables() {
     if (functions.empty()) return;
     if (!output_function_pass) output_function_pass = new pass("output function", output_function, pass::NEVER);
-    pass* last = max_threads == 0 || print_debug ? output_function_pass : nullptr;
-    for (SYMTAB* sym : functions) {
-        step_list& passes = steps_table[sym] = step_list(permuted_order.begin(), permuted_order.end());
-        OPT_REQUIRE(passes.size() == permuted_order.size());
-        if (last) passes.push_back(last);
-    }
+    // Each function's table is a copy of the active list, shared until changed.
+    first_steps = permuted_order;
+    OPT_REQUIRE(first_steps.size() == permuted_order.size());
+    if (max_threads == 0 || print_debug) first_steps.push_back(output_function_pass);
+    for (SYMTAB* sym : functions) steps_table[sym] = step_list(&first_steps);
 }
 
 void run_function_steps(SYMTAB* fn, step_list& passes) {
@@ -266,6 +267,7 @@ void reset_driver() {
     output_function_pass = nullptr;
     destroy_passes();
     steps_table.clear();
+    first_steps.clear();
     unsuppressed_functions.clear();
     functions.clear();
     clear_FUNINFO_table();
