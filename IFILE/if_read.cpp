@@ -552,10 +552,10 @@ void I_FILE::dispatch(int id) {
         I_SYMTAB* sym = globals[index];
         for (;;) {
             BASE_NODE* tree = read_expr_node(true);
-            sym->init_trees.push_back(tree);
+            sym->mx().init_trees.push_back(tree);
             if (client_->cl_node_opcode(tree) == OP_ENDINIT) break;
         }
-        sym->has_init = true;
+        sym->mx().has_init = true;
         break;
     }
     case IR_LDSPEC: break;       // load speculation is worked out again by the optimizer
@@ -762,8 +762,8 @@ void I_FILE::read_pragma(I_SYMTAB* sym) {
     for (uint64_t i = 0; i < count; ++i) p.args.push_back(r_string());
     r_end();
     if (sym) {
-        sym->pragmas.push_back(p);
-        client_->cl_pragma(sym, &sym->pragmas.back());
+        sym->mx().pragmas.push_back(p);
+        client_->cl_pragma(sym, &sym->mx().pragmas.back());
     } else {
         client_->cl_pragma(nullptr, &p);
     }

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "UTIL/psn.h"
+#include "UTIL/rare_payload.h"
 
 class TYPE;
 class BASE_NODE;
@@ -54,16 +55,23 @@ public:
     TYPE* type2 = nullptr;
     PSN pos;
     RETENTION_POLICY retention = RP_DEFAULT;
-    std::vector<PRAGMA> pragmas;  // symbol pragmas, in input order
-
     unsigned index = NO_INDEX;    // position in its table
     bool global = false;
     unsigned char flag_byte = 0;  // bit value 16: references are marked in the function
 
-    // Initializer of a global (init section).
-    bool has_init = false;
-    unsigned long init_offset = 0;
-    std::vector<BASE_NODE*> init_trees;
+    // What few symbols have: `x()` reads it, `mx()` writes it.
+    struct EXTRA {
+        std::vector<PRAGMA> pragmas;  // symbol pragmas, in input order
+        // Initializer of a global (init section).
+        bool has_init = false;
+        unsigned long init_offset = 0;
+        std::vector<BASE_NODE*> init_trees;
+    };
+    const EXTRA& x() const { return extra_.read(); }
+    EXTRA& mx() { return extra_.write(); }
+
+private:
+    rare_payload<EXTRA> extra_;
 };
 
 // An option set of the option section (111).

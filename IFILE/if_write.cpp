@@ -179,13 +179,13 @@ void I_FILE::if_write_symbol(I_SYMTAB* sym) {
     w_typeref(sym->type);
     w_typeref(sym->type2);
     w_uint(sym->align);
-    w_u8(static_cast<unsigned>(sym->pragmas.size()) & 0xFF);
+    w_u8(static_cast<unsigned>(sym->x().pragmas.size()) & 0xFF);
     w_uint(sym->value_f);
     w_uint(sym->value_g);
     w_psn(&sym->pos);
     w_u8(sym->retention);
     i_flush(IR_SYMBOL);
-    for (const PRAGMA& p : sym->pragmas) if_write_pragma(&p);
+    for (const PRAGMA& p : sym->x().pragmas) if_write_pragma(&p);
 }
 
 void I_FILE::if_write_func_eht(const std::vector<EHT_ENTRY>& entries) {
@@ -289,7 +289,7 @@ void I_FILE::if_write_init(I_SYMTAB* sym, const std::vector<BASE_NODE*>& trees, 
         offsets[OFF_INIT] = static_cast<uint32_t>(if_tell());
         init_started_ = true;
     }
-    sym->init_offset = static_cast<unsigned long>(if_tell());
+    sym->mx().init_offset = static_cast<unsigned long>(if_tell());
     w_uint(sym->index);
     i_flush(IR_INIT);
     for (BASE_NODE* t : trees) if_write_tree(t, nodes);

@@ -425,7 +425,7 @@ void remove_unneeded_stores_from_destructor() {
     SYMTAB* fn = currfunc;
     if (!fn) return;
     bool dtor = false;
-    for (const PRAGMA& p : fn->pragmas) dtor |= p.kind == SP_DTOR;
+    for (const PRAGMA& p : fn->x().pragmas) dtor |= p.kind == SP_DTOR;
     if (!dtor) return;
     for (BBLK* b : layout_blocks()) {
         if (b->statements.size() < 2) continue;

@@ -44,8 +44,6 @@ void guarded(F&& work) {
     }
 }
 
-SYMTAB* defining_symbol(SYMTAB* fn) { return fn->is_declaration && fn->definition ? fn->definition : fn; }
-
 // Whether the flags are those of the current function's own option set.
 bool function_options_in_force = false;
 
@@ -113,7 +111,7 @@ void worker_loop() {
             std::rewind(capture);
             size_t got = std::fread(text.data(), 1, text.size(), capture);
             text.resize(got);
-            make_FUNINFO(defining_symbol(fn))->info_text.push_back(std::move(text));
+            make_FUNINFO(fn)->info_text.push_back(std::move(text));
         }
         std::fclose(capture);
         finfo = saved;
@@ -141,7 +139,7 @@ void run_stretch() {
 // "output function", one at a time on this thread.
 void finish_worker_stretch(bool last) {
     for (SYMTAB* fn : functions) {
-        FUNINFO* fi = find_FUNINFO(defining_symbol(fn));
+        FUNINFO* fi = find_FUNINFO(fn);
         if (fi) {
             if (finfo)
                 for (const std::string& text : fi->info_text) std::fputs(text.c_str(), finfo);
@@ -149,7 +147,7 @@ void finish_worker_stretch(bool last) {
         }
         if (last && output_function_pass && !print_debug) {
             // The function's last stretch continues here: no new header.
-            currfuninfo = make_FUNINFO(defining_symbol(fn));
+            currfuninfo = make_FUNINFO(fn);
             currfunc = currfuninfo->symbol;
             apply_function_options();
             output_function_pass->run();
@@ -180,9 +178,8 @@ void build_step_tables() {
 void run_function_steps(SYMTAB* fn, step_list& passes) {
     if (passes.empty() || passes.front()->is_barrier()) return;
 
-    SYMTAB* def = defining_symbol(fn);
-    currfuninfo = make_FUNINFO(def);
-    currfunc = def;
+    currfuninfo = make_FUNINFO(fn);
+    currfunc = fn;
     OPT_REQUIRE(currfunc == currfuninfo->symbol);
     apply_function_options();
     // Each step unpacks the function when it first needs it; the debug
@@ -193,20 +190,20 @@ void run_function_steps(SYMTAB* fn, step_list& passes) {
     bool split = pass_debug_split_odb && print_debug;
     if (split) {
         // The first stretch starts the function's file, later ones add to it.
-        std::string name = debug_file_name + "." + def->name;
+        std::string name = debug_file_name + "." + fn->name;
         saved_debug = open_debug_file(name.c_str(), currfuninfo->split_debug_started);
         currfuninfo->split_debug_started = true;
     }
     if (print_debug) {
         DBG_CHECK(std::fprintf(FDEBUG, "\n\n==================== FUNCTION %s() ====================\n",
-                               def->name.c_str()));
+                               fn->name.c_str()));
         dump_FUNINFO(FDEBUG, currfuninfo);
         DBG_FLUSH();
     }
     if (write_opt_info && finfo) std::fprintf(finfo, "\n%s\n", std::string(78, '=').c_str());
     if ((currfuninfo->flags() & FUN_MUST_BE_UNSUPPRESSED) && print_debug && opt_level() >= 3)
-        DBG_CHECK(std::fprintf(FDEBUG, "\n!!! %s() (%s) must be unsuppressed !!!\n\n", def->name.c_str(),
-                               def->declaration().c_str()));
+        DBG_CHECK(std::fprintf(FDEBUG, "\n!!! %s() (%s) must be unsuppressed !!!\n\n", fn->name.c_str(),
+                               fn->declaration().c_str()));
 
     while (!passes.empty() && !passes.front()->is_barrier()) {
         passes.front()->run();
@@ -250,7 +247,7 @@ void print_time_stats(FILE* out, clock_t unit_ticks) {
     std::fprintf(out, "\nTime for whole compilation unit:  %.2f secs\n", static_cast<double>(unit_ticks) / 1e6);
     std::vector<FUNINFO*> infos;
     for (SYMTAB* fn : functions)
-        if (FUNINFO* fi = find_FUNINFO(defining_symbol(fn))) infos.push_back(fi);
+        if (FUNINFO* fi = find_FUNINFO(fn)) infos.push_back(fi);
     std::stable_sort(infos.begin(), infos.end(),
                      [](FUNINFO* a, FUNINFO* b) { return a->pass_time > b->pass_time; });
     int64_t in_functions = 0;

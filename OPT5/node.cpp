@@ -25,8 +25,6 @@ struct PTENV {
 
 void delete_PTENV(PTENV* env) { delete env; }
 
-const NODE_EXTRA NODE_EXTRA::none;
-
 namespace {
 const char THIS_MODULE[] = "OPT5/bbutils";
 

@@ -8,6 +8,7 @@
 #include "IFILE/base_node.h"
 #include "OPT5/opcodes.h"
 #include "TYPES/type_pkg.h"
+#include "UTIL/rare_payload.h"
 #include "XINT/int65.h"
 
 struct SYMTAB;
@@ -39,35 +40,6 @@ struct NODE_EXTRA {
     double unset_double = -1.0;
     NODE_SIDE* side = nullptr;   // owned
     PTENV* ptenv = nullptr;      // owned
-
-    static const NODE_EXTRA none;
-};
-
-// Owns a node's payloads; a copy of the node gets payloads of its own (their
-// owned pointers still shared: copy_tree and copy_node_if_changed make those
-// the copy's own).
-class NODE_EXTRA_OWNER {
-public:
-    NODE_EXTRA_OWNER() = default;
-    NODE_EXTRA_OWNER(const NODE_EXTRA_OWNER& o) : p_(o.p_ ? new NODE_EXTRA(*o.p_) : nullptr) {}
-    NODE_EXTRA_OWNER& operator=(const NODE_EXTRA_OWNER& o) {
-        if (this != &o) reset(o.p_ ? new NODE_EXTRA(*o.p_) : nullptr);
-        return *this;
-    }
-    ~NODE_EXTRA_OWNER() { delete p_; }
-    NODE_EXTRA* get() const { return p_; }
-    NODE_EXTRA* release() {
-        NODE_EXTRA* e = p_;
-        p_ = nullptr;
-        return e;
-    }
-    void reset(NODE_EXTRA* e) {
-        delete p_;
-        p_ = e;
-    }
-
-private:
-    NODE_EXTRA* p_ = nullptr;
 };
 
 class NODE : public BASE_NODE {
@@ -83,12 +55,9 @@ public:
 
     // The rare payloads: `x()` reads them (the defaults when the node has
     // none), `mx()` makes them on first write.
-    const NODE_EXTRA& x() const { return extra_.get() ? *extra_.get() : NODE_EXTRA::none; }
-    NODE_EXTRA& mx() {
-        if (!extra_.get()) extra_.reset(new NODE_EXTRA);
-        return *extra_.get();
-    }
-    bool has_extra() const { return extra_.get() != nullptr; }
+    const NODE_EXTRA& x() const { return extra_.read(); }
+    NODE_EXTRA& mx() { return extra_.write(); }
+    bool has_extra() const { return extra_.present(); }
     // Hands the payloads over to someone else (a parked body), or takes
     // them back.
     NODE_EXTRA* release_extra() { return extra_.release(); }
@@ -140,7 +109,10 @@ public:
     bool icon_is_wide() const override;
 
 private:
-    NODE_EXTRA_OWNER extra_;
+    // A copy of the node gets payloads of its own (their owned pointers
+    // still shared: copy_tree and copy_node_if_changed make those the
+    // copy's own).
+    rare_payload<NODE_EXTRA> extra_;
 };
 
 // Creates a node (from a pool, so that an erased node keeps its ILLOP mark

@@ -8,8 +8,6 @@
 struct FUNINFO;
 
 struct SYMTAB : I_SYMTAB {
-    bool is_declaration = false;
-    SYMTAB* definition = nullptr;  // for a declaration: the defining symbol
     FUNINFO* funinfo = nullptr;    // a function's information (make_FUNINFO)
 
     // Printable declaration ("int x", "int f(int)"), the bare name without a type.

@@ -297,9 +297,9 @@ void write_function(SYMTAB* fn) {
 void write_global_data() {
     if (!o_file) return;
     for (I_SYMTAB* g : o_file->globals) {
-        if (!g->has_init) continue;
+        if (!g->x().has_init) continue;
         std::vector<BASE_NODE*> trees;
-        for (BASE_NODE*& t : g->init_trees) {
+        for (BASE_NODE*& t : g->mx().init_trees) {
             t = insert_mandatory_casts(static_cast<NODE*>(t));
             trees.push_back(t);
         }
@@ -309,13 +309,13 @@ void write_global_data() {
     DBG_CHECK(std::fprintf(FDEBUG, "-- variable -- size -- offset/class\n"));
     for (I_SYMTAB* g : o_file->globals) {
         std::string type = g->type ? g->type->print() : "";
-        const char* cls = g->has_init ? "initialized" : "external";
+        const char* cls = g->x().has_init ? "initialized" : "external";
         DBG_CHECK(std::fprintf(FDEBUG, "%c   %-11.32s %2lu\t%4d   %2d  %#6x  %2u %-16s %13s\n",
                                g->type && g->type->stripped()->kind == TYPE::FUNC_T ? 'F' : 'D', g->name.c_str(),
                                g->size >> 4, static_cast<int>(g->value_b), g->value_c,
                                static_cast<unsigned>(g->value_d) & 0xFFFF, static_cast<unsigned>(g->align >> 4),
                                type.c_str(), cls));
-        for (const PRAGMA& p : g->pragmas) {
+        for (const PRAGMA& p : g->x().pragmas) {
             const char* arg = p.args.empty() ? "" : p.args[0].c_str();
             switch (p.kind) {
             case SP_SOURCE_LANGUAGE: DBG_CHECK(std::fprintf(FDEBUG, "\t  Symbol pragma: SOURCE LANGUAGE = '%s'\n", arg)); break;

@@ -36,7 +36,7 @@ public:
         return symbols.back().get();
     }
     void cl_symbol_def(I_SYMTAB* s) override {
-        events.push_back("symbol " + s->name + " pragmas " + std::to_string(s->pragmas.size()));
+        events.push_back("symbol " + s->name + " pragmas " + std::to_string(s->x().pragmas.size()));
     }
     void cl_pragma(I_SYMTAB* s, PRAGMA* p) override {
         events.push_back("pragma " + std::to_string(p->kind) + (s ? " of " + s->name : ""));
