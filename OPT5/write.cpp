@@ -14,6 +14,9 @@
 #include "OPT5/symtab.h"
 
 namespace {
+// An assignment between integers of different widths gets its conversion
+// spelled out (below).
+void mandatory_cast(NODE*& n);
 const char THIS_MODULE[] = "OPT5/write";
 
 const char* control_mnemonic(int kind) {
@@ -160,11 +163,15 @@ void wrexpr(BODY_ENTRY& e) {
     case LABELDEF: o_file->if_write_label(t->value.as<uint32_t>()); return;
     default: break;
     }
-    e.tree = t = insert_mandatory_casts(t);
-    if (!currfuninfo->has_edge_profile)
-        walk_and_modify_tree(t, [](NODE*& slot) {
-            if (slot->opcode == EPVAL) slot->mx().edge_profile = 0xFFFFFFFFu;
-        });
+    // One walk spells out the conversions and, in a function without an
+    // edge profile, marks its profile values unset.
+    bool unset_profile = !currfuninfo->has_edge_profile;
+    mandatory_cast(t);
+    walk_and_modify_tree(t, [&](NODE*& slot) {
+        mandatory_cast(slot);
+        if (unset_profile && slot->opcode == EPVAL) slot->mx().edge_profile = 0xFFFFFFFFu;
+    });
+    e.tree = t;
     if (print_debug && FDEBUG) DBG_CHECK(std::fprintf(FDEBUG, ".%ld\n", static_cast<long>(e.pos.line)));
     o_file->if_write_expr(t, &e.pos, &opt_client);
 }
