@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -190,7 +191,8 @@ private:
     std::map<unsigned, TYPE*> type_map_;
     // Reading: a window onto the file, refilled a megabyte at a time; the
     // body of the record being read lies in it.
-    std::vector<unsigned char> window_;
+    std::unique_ptr<unsigned char[]> window_;
+    size_t window_size_ = 0;
     long window_at_ = 0;  // file offset of window_[0]
     size_t window_pos_ = 0, window_end_ = 0;
     static constexpr size_t WINDOW_BYTES = size_t{1} << 20;

@@ -100,7 +100,7 @@ size_t I_FILE::window_fill(size_t n) {
     size_t have = window_end_ - window_pos_;
     if (have >= n) return have;
     if (window_pos_ > 0) {  // what is left moves to the front
-        std::memmove(window_.data(), window_.data() + window_pos_, have);
+        std::memmove(window_.get(), window_.get() + window_pos_, have);
         window_at_ += static_cast<long>(window_pos_);
         window_pos_ = 0;
         window_end_ = have;
@@ -109,11 +109,15 @@ size_t I_FILE::window_fill(size_t n) {
     // only as far as the file really goes, so a corrupt size can't make us
     // allocate more than the file holds.
     for (;;) {
-        if (window_end_ == window_.size()) {
-            if (window_end_ >= n && !window_.empty()) break;
-            window_.resize(window_.size() + WINDOW_BYTES);
+        if (window_end_ == window_size_) {
+            if (window_end_ >= n && window_size_ > 0) break;
+            // Not cleared: only what the file fills is ever read.
+            std::unique_ptr<unsigned char[]> larger(new unsigned char[window_size_ + WINDOW_BYTES]);
+            if (window_end_ > 0) std::memcpy(larger.get(), window_.get(), window_end_);
+            window_ = std::move(larger);
+            window_size_ += WINDOW_BYTES;
         }
-        size_t got = fread_unlocked(window_.data() + window_end_, 1, window_.size() - window_end_, f_);
+        size_t got = fread_unlocked(window_.get() + window_end_, 1, window_size_ - window_end_, f_);
         window_end_ += got;
         if (got == 0 || window_end_ >= n) break;
     }
@@ -127,13 +131,13 @@ int I_FILE::read_header(uint64_t& size) {
     if (window_fill(11) == 0) if_invalid_record();  // an id and a size of at most ten bytes
     int id = window_[window_pos_++];
     if (id == IR_END) return id;
-    if (!if_decode_uint(window_.data(), window_end_, window_pos_, size)) if_invalid_record();
+    if (!if_decode_uint(window_.get(), window_end_, window_pos_, size)) if_invalid_record();
     return id;
 }
 
 void I_FILE::read_body(uint64_t size) {
     if (size > (uint64_t{1} << 40) || window_fill(static_cast<size_t>(size)) < size) if_invalid_record();
-    body_ = window_.data() + window_pos_;
+    body_ = window_.get() + window_pos_;
     body_size_ = static_cast<size_t>(size);
     pos_ = 0;
     window_pos_ += body_size_;
@@ -260,9 +264,9 @@ bool I_FILE::if_read_magic() {
     int id = window_[window_pos_++];
     if (id != IR_HEADER) return false;
     uint64_t size = 0;
-    if (!if_decode_uint(window_.data(), window_end_, window_pos_, size) || size > 65536) return false;
+    if (!if_decode_uint(window_.get(), window_end_, window_pos_, size) || size > 65536) return false;
     if (window_fill(static_cast<size_t>(size)) < size) return false;
-    body_ = window_.data() + window_pos_;
+    body_ = window_.get() + window_pos_;
     body_size_ = static_cast<size_t>(size);
     pos_ = 0;
     window_pos_ += body_size_;
@@ -300,7 +304,7 @@ bool I_FILE::if_check_lengths() {
             return true;
         }
         bool ok = id != EOF && accepted_by_length_check(id) &&
-                  if_decode_uint(window_.data(), window_end_, window_pos_, size) && size < (uint64_t{1} << 40);
+                  if_decode_uint(window_.get(), window_end_, window_pos_, size) && size < (uint64_t{1} << 40);
         // Past the end of the file the next id reads as EOF.
         if (ok && !window_seek(window_at_ + static_cast<long>(window_pos_) + static_cast<long>(size))) ok = false;
         if (!ok) {
@@ -421,7 +425,7 @@ void I_FILE::if_copy_raw(long offset, long length, I_FILE* out) {
     while (length > 0) {
         size_t n = std::min(window_fill(WINDOW_BYTES), static_cast<size_t>(length));
         if (n == 0) if_invalid_record();
-        std::fwrite(window_.data() + window_pos_, 1, n, out->f_);
+        std::fwrite(window_.get() + window_pos_, 1, n, out->f_);
         window_pos_ += n;
         length -= static_cast<long>(n);
     }
