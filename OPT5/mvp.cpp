@@ -1,9 +1,12 @@
 // Integer metavalues and their propagation over the SSA form.
 #include "OPT5/mvp.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <deque>
+#include <numeric>
 #include <optional>
+#include <vector>
 
 #include "OPT5/abort.h"
 #include "OPT5/bbutils.h"
@@ -23,6 +26,8 @@ INT65 abs65(INT65 v) { return v.is_negative() ? -v : v; }
 INT65 gcd65(INT65 a, INT65 b) {
     a = abs65(a);
     b = abs65(b);
+    if (!a.is_negative() && !b.is_negative())  // both below 2^64: in machine words
+        return INT65(static_cast<unsigned long long>(std::gcd(a.low_word(), b.low_word())));
     while (!b.is_zero()) {
         INT65 r = a % b;
         a = b;
@@ -123,11 +128,7 @@ size_t mvpIntegers::size() const {
 bool mvpIntegers::contains_integer_value(INT65 v) const {
     if (state_ == BOTTOM) return true;
     if (state_ == TOP) return false;
-    if (exact_) {
-        for (const INT65& x : values_)
-            if (x == v) return true;
-        return false;
-    }
+    if (exact_) return std::binary_search(values_.begin(), values_.end(), v);
     return v >= lo_ && v <= hi_ && ((v - lo_) % stride_).is_zero();
 }
 
@@ -340,13 +341,59 @@ void mvpIntegers::meet_mvpIntegers_metavalues(const mvpIntegers& other) {
         return;
     }
     if (other.exact_) {
-        for (const INT65& v : other.values_) merge_constant_integer_value(v);
+        if (merge_exact_set(other) < 0)
+            for (const INT65& v : other.values_) merge_constant_integer_value(v);
     } else {
         merge_constant_integer_range(other.lo_, other.hi_, other.stride_);
     }
 }
 
+// Two exact sets whose union stays exact, joined in one pass over both
+// sorted lists, with the known bits updated for each new value as
+// merge_constant_integer_value would: the number of values added, or -1
+// when the union is not of that kind (nothing changed then).
+int mvpIntegers::merge_exact_set(const mvpIntegers& other) {
+    if (!other.exact_ || other.state_ != VALUE || (state_ != TOP && !(state_ == VALUE && exact_))) return -1;
+    const bool was_top = state_ == TOP;
+    thread_local std::vector<INT65> merged;
+    merged.clear();
+    const INT65 *a = values_.begin(), *a_end = was_top ? a : values_.end();
+    const INT65 *b = other.values_.begin(), *b_end = other.values_.end();
+    int added = 0;
+    while (a != a_end || b != b_end) {
+        if (b == b_end || (a != a_end && *a < *b)) {
+            merged.push_back(*a++);
+        } else if (a != a_end && *a == *b) {
+            merged.push_back(*a++);
+            ++b;
+        } else {
+            merged.push_back(*b++);
+            ++added;
+        }
+        if (merged.size() > MAX_EXACT) return -1;
+    }
+    if (added == 0) return 0;
+    bool first = was_top || values_.empty();
+    for (const INT65* v = other.values_.begin(); v != b_end; ++v) {
+        if (!was_top && std::binary_search(values_.begin(), values_.end(), *v)) continue;
+        if (first) {
+            ones_ = may_ = *v;
+            first = false;
+        } else {
+            ones_ = ones_ & *v;
+            may_ = may_ | *v;
+        }
+    }
+    ones_valid_ = may_valid_ = true;
+    state_ = VALUE;
+    exact_ = true;
+    values_.clear();
+    for (const INT65& v : merged) values_.push_back(v);
+    return added;
+}
+
 bool mvpIntegers::meet_and_note_change(const mvpIntegers& other) {
+    if (int added = merge_exact_set(other); added >= 0) return added > 0;
     mvpIntegers before = *this;
     meet_mvpIntegers_metavalues(other);
     return !(before == *this);
@@ -631,16 +678,17 @@ void ssa_integers_mvp::set_mv_for_definition(const SSA_DEFINITION* def, const mv
     *pMetavalue = mv;
 }
 
-mvpIntegers ssa_integers_mvp::eval_reaching_definition(const NODE* use) {
-    SSA_DEFINITION* def = ssa_.reaching_definition(use);
-    if (!def) optassert("!\"Invalid reaching definition!\"", THIS_MODULE, __LINE__);
-    mvpIntegers mv = value_of(def);
+ssa_integers_mvp::USE_PATH ssa_integers_mvp::find_use_path(const NODE* use) const {
+    USE_PATH path;
+    path.def = ssa_.reaching_definition(use);
+    if (!path.def) optassert("!\"Invalid reaching definition!\"", THIS_MODULE, __LINE__);
+    const SSA_DEFINITION* def = path.def;
     // Tests on the way from the definition narrow the value: while the use's
     // block has a single predecessor that ends in a test of the same value,
     // the test came out the way that leads here.
     auto at = ssa_.use_block.find(use);
     BBLK* cur = at == ssa_.use_block.end() ? nullptr : at->second;
-    for (int steps = 0; cur && cur != def->bb && steps < 16 && mv.is_exact() + mv.is_inexact(); ++steps) {
+    for (int steps = 0; cur && cur != def->bb && steps < 16; ++steps) {
         if (!cur->predecessors || cur->predecessors->rest) break;
         BBLK* pred = cur->predecessors->bb;
         if (pred == cur || pred->statements.empty()) {
@@ -654,11 +702,27 @@ mvpIntegers ssa_integers_mvp::eval_reaching_definition(const NODE* use) {
             bool falls_here = pred->next == cur;
             if (jumps_here != falls_here && test->left && test->left->opcode == NAME &&
                 ssa_.reaching_definition(test->left) == def)
-                mv.refine(test, jumps_here, test->left);
+                path.tests.emplace_back(test, jumps_here);
         }
         cur = pred;
     }
-    return mv;
+    return path;
+}
+
+mvpIntegers ssa_integers_mvp::eval_reaching_definition(const NODE* use) {
+    // Once the value is neither exact nor a range, no test narrows it.
+    auto narrowed = [&](const USE_PATH& path) {
+        mvpIntegers mv = value_of(path.def);
+        for (const auto& [test, holds] : path.tests) {
+            if (!mv.is_exact() && !mv.is_inexact()) break;
+            mv.refine(test, holds, test->left);
+        }
+        return mv;
+    };
+    if (!propagating_) return narrowed(find_use_path(use));  // the trees may be changing
+    auto at = use_paths_.find(use);
+    if (at == use_paths_.end()) at = use_paths_.emplace(use, find_use_path(use)).first;
+    return narrowed(at->second);
 }
 
 mvpIntegers ssa_integers_mvp::eval_expression(const NODE* tree) { return eval_expr(tree); }
@@ -764,6 +828,14 @@ int ssa_integers_mvp::do_integer_value_propagation() {
     if (print_debug && FDEBUG)
         DBG_CHECK(std::fputs("\n\n\t\t\t-------- ENTERING 'ssa_integers_mvp' ---------------\n", FDEBUG));
     initialize_ssa_integer_mvp();
+    propagating_ = true;
+    struct DONE {
+        ssa_integers_mvp& m;
+        ~DONE() {
+            m.propagating_ = false;
+            m.use_paths_.clear();
+        }
+    } done{*this};
     // A value that keeps growing after this many changes takes its type's
     // whole range, and one that changes still goes to bottom, where nothing
     // changes any more: every definition changes a bounded number of times,

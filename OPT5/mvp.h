@@ -5,6 +5,8 @@
 #pragma once
 
 #include <cstddef>
+#include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "UTIL/small_vector.h"
@@ -82,6 +84,8 @@ public:
     void print(FILE* out) const;
 
 private:
+    int merge_exact_set(const mvpIntegers& other);
+
     enum STATE { TOP, VALUE, BOTTOM } state_ = TOP;
     bool exact_ = true;
     small_vector<INT65, 4> values_;  // ascending, exact sets
@@ -124,6 +128,18 @@ private:
 
     // A definition's value, read while evaluating another (the edge is kept).
     mvpIntegers value_of(const SSA_DEFINITION* def);
+
+    // What a use reads: its reaching definition and the tests on the way
+    // from there that narrow the value (the test, and whether it held).
+    // They depend on the trees and the form alone, so while propagating,
+    // when no tree changes, each use's are found once.
+    struct USE_PATH {
+        SSA_DEFINITION* def = nullptr;
+        std::vector<std::pair<const NODE*, bool>> tests;
+    };
+    USE_PATH find_use_path(const NODE* use) const;
+    std::unordered_map<const NODE*, USE_PATH> use_paths_;
+    bool propagating_ = false;
 };
 
 // The "intraprocedural MVP" step: SSA, integer propagation, and a pass of

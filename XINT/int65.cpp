@@ -49,8 +49,6 @@ bool INT65::checked_shl(const INT65& a, unsigned amount, INT65* out) {
     return !__builtin_mul_overflow(value(a), static_cast<s128>(1) << amount, &p) && store_if_fits(p, out);
 }
 
-INT65 INT65::operator-() const { return from_bits(~bits(*this) + 1); }
-INT65 INT65::operator+(const INT65& o) const { return from_bits(bits(*this) + bits(o)); }
 INT65 INT65::operator*(const INT65& o) const { return from_bits(bits(*this) * bits(o)); }
 
 INT65 INT65::operator/(const INT65& o) const {
@@ -65,7 +63,6 @@ INT65 INT65::operator%(const INT65& o) const {
     return from_bits(static_cast<u128>(value(*this) % d));
 }
 
-bool INT65::operator<(const INT65& o) const { return value(*this) < value(o); }
 
 INT65 INT65::operator<<(const INT65& amount) const {
     if (amount.is_negative()) return *this >> -amount;

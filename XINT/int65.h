@@ -30,9 +30,14 @@ public:
     bool is_negative() const { return sign_ != 0; }
     bool is_zero() const { return sign_ == 0 && low_ == 0; }
 
-    INT65 operator-() const;
+    // Two's complement on 65 bits: the sign word holds bit 64 (0 or -1).
+    INT65 operator-() const { return INT65::from_words(~sign_, ~low_) + INT65(1); }
     INT65 operator~() const { return from_words(~sign_, ~low_); }
-    INT65 operator+(const INT65& o) const;
+    INT65 operator+(const INT65& o) const {
+        uint64_t low = low_ + o.low_;
+        unsigned bit64 = (static_cast<unsigned>(sign_) + static_cast<unsigned>(o.sign_) + (low < low_ ? 1u : 0u)) & 1u;
+        return from_words(bit64 ? -1 : 0, low);
+    }
     INT65 operator-(const INT65& o) const { return *this + (-o); }
     INT65 operator*(const INT65& o) const;
     // Division truncates toward zero; dividing by zero is the caller's error.
@@ -57,7 +62,7 @@ public:
 
     bool operator==(const INT65& o) const { return sign_ == o.sign_ && low_ == o.low_; }
     bool operator!=(const INT65& o) const { return !(*this == o); }
-    bool operator<(const INT65& o) const;
+    bool operator<(const INT65& o) const { return sign_ != o.sign_ ? sign_ < o.sign_ : low_ < o.low_; }
     bool operator>(const INT65& o) const { return o < *this; }
     bool operator<=(const INT65& o) const { return !(o < *this); }
     bool operator>=(const INT65& o) const { return !(*this < o); }

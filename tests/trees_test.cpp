@@ -32,6 +32,34 @@ TEST(Int65, WrapsModuloTwoToThe65) {
     EXPECT_EQ(umax.to_string(), "18446744073709551615");
 }
 
+// Sums, negations, differences and order agree with 128-bit arithmetic
+// wrapped to 65 bits, on values near every edge.
+TEST(Int65, ArithmeticAgreesWithWideIntegers) {
+    using s128 = __int128;
+    const s128 span = static_cast<s128>(1) << 65, half = static_cast<s128>(1) << 64;
+    auto wrap = [&](s128 v) {
+        v %= span;
+        if (v < -half) v += span;
+        if (v >= half) v -= span;
+        return v;
+    };
+    auto of = [&](s128 v) {
+        v = wrap(v);
+        return INT65::from_words(v < 0 ? -1 : 0, static_cast<uint64_t>(v));
+    };
+    std::vector<s128> edges = {0, 1, -1, 2, -2, INT64_MAX, INT64_MIN, static_cast<s128>(UINT64_MAX), -half,
+                               half - 1, -half + 1, static_cast<s128>(INT64_MAX) + 1, 12345, -98765};
+    for (s128 a : edges)
+        for (s128 b : edges) {
+            INT65 x = of(a), y = of(b);
+            EXPECT_EQ(x + y, of(a + b));
+            EXPECT_EQ(x - y, of(a - b));
+            EXPECT_EQ(-x, of(-a));
+            EXPECT_EQ(x < y, wrap(a) < wrap(b));
+            EXPECT_EQ(x <= y, wrap(a) <= wrap(b));
+        }
+}
+
 TEST(Int65, Shifts) {
     INT65 one(1);
     EXPECT_EQ(one << INT65(0), one);
