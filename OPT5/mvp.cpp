@@ -658,11 +658,12 @@ void ssa_integers_mvp::initialize_ssa_integer_mvp() {
     evaluated_.assign(ssa_.defs.size(), 0);
 }
 
-mvpIntegers ssa_integers_mvp::get_mv_for_definition(const SSA_DEFINITION* def) const {
-    return def ? mvs_.at(static_cast<size_t>(def->id)) : mvpIntegers();
+const mvpIntegers& ssa_integers_mvp::get_mv_for_definition(const SSA_DEFINITION* def) const {
+    static const mvpIntegers top{};
+    return def ? mvs_.at(static_cast<size_t>(def->id)) : top;
 }
 
-mvpIntegers ssa_integers_mvp::value_of(const SSA_DEFINITION* def) {
+const mvpIntegers& ssa_integers_mvp::value_of(const SSA_DEFINITION* def) {
     // What an evaluation reads depends on the trees and the form alone, so
     // the first evaluation of each definition finds all its edges.
     if (def && evaluating_ >= 0 && !evaluated_[static_cast<size_t>(evaluating_)]) {
@@ -815,7 +816,7 @@ mvpIntegers ssa_integers_mvp::eval_SSA_operation(const SSA_DEFINITION* def) {
     case SSA_DEFINITION::PHI:
         for (const SSA_DEFINITION* o : def->operands) {
             if (!o) continue;  // from a block that is never reached
-            mvpIntegers m = value_of(o);
+            const mvpIntegers& m = value_of(o);
             if (mv.is_at_top()) mv = m;
             else mv.meet_mvpIntegers_metavalues(m);
         }

@@ -109,7 +109,8 @@ public:
     // number of definitions bound.
     int do_integer_value_propagation();
 
-    mvpIntegers get_mv_for_definition(const SSA_DEFINITION* def) const;
+    // Valid until the next binding is set.
+    const mvpIntegers& get_mv_for_definition(const SSA_DEFINITION* def) const;
     void set_mv_for_definition(const SSA_DEFINITION* def, const mvpIntegers& mv);
     // The metavalue of an expression under the current bindings.
     mvpIntegers eval_expression(const NODE* tree);
@@ -127,7 +128,7 @@ private:
     int evaluating_ = -1;                  // the definition being evaluated
 
     // A definition's value, read while evaluating another (the edge is kept).
-    mvpIntegers value_of(const SSA_DEFINITION* def);
+    const mvpIntegers& value_of(const SSA_DEFINITION* def);
 
     // What a use reads: its reaching definition and the tests on the way
     // from there that narrow the value (the test, and whether it held).

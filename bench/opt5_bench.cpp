@@ -292,7 +292,7 @@ int main(int argc, char** argv) {
     };
 
     std::printf("optimizer: %s\n", opt5.c_str());
-    std::printf("CPU seconds of one run each; MB/s = input MB / CPU s; x cp = opt5 CPU / cp CPU of the same file;\n"
+    std::printf("CPU seconds, the best of three runs; MB/s = input MB / CPU s; x cp = opt5 CPU / cp CPU of the same file;\n"
                 "RSS/B = peak resident set / input bytes.\n\n");
     std::printf("%-20s %10s", "unit", "bytes");
     for (const std::string& l : levels) std::printf(" | -o%-2s %7s %7s %6s %6s", l.c_str(), "s", "MB/s", "x cp", "RSS/B");
@@ -332,7 +332,12 @@ int main(int argc, char** argv) {
             std::printf("%-20s %10.0f", (name + " " + shape.unit.substr(0, 1)).c_str(), bytes);
             std::fflush(stdout);
             for (const std::string& l : levels) {
-                Run r = run({opt5, "-o" + l, file.string(), (dir / "out.if").string()}, dir / "opt5.err");
+                // The best of three runs, as for cp: a busy machine only adds time.
+                Run r;
+                for (int k = 0; k < 3 && (k == 0 || r.ok); ++k) {
+                    Run t = run({opt5, "-o" + l, file.string(), (dir / "out.if").string()}, dir / "opt5.err");
+                    if (k == 0 || !t.ok || t.seconds < r.seconds) r = t;
+                }
                 if (!r.ok) {
                     failed = true;
                     std::printf(" | -o%-2s %7s %7s %6s %6s", l.c_str(), "FAIL", "", "", "");
