@@ -48,6 +48,7 @@ struct LOOPIV {
 
 struct LOOP {
     struct LOOP* parent = nullptr;
+    std::vector<struct LOOP*> inner;  // the loops directly inside, in order of discovery
     struct LOOP* link = nullptr;
     struct LOOP* counterpart = nullptr;
     EDGE* contents = nullptr;   // every block of the loop, inner loops' blocks included

@@ -18,6 +18,7 @@
 #include <functional>
 #include <map>
 #include <set>
+#include <unordered_map>
 
 #include "DEBUG_DISABLE/switches.h"
 #include "OPT5/abort.h"
@@ -631,11 +632,18 @@ void do_cd_vectorization() {
     std::vector<int> uids;
     for (struct LOOP* l : inner) uids.push_back(l->uid);
     bool changed = false;
+    // The loops by uid (the last of equal ones), found again after each
+    // change of the hierarchy.
+    std::unordered_map<int, struct LOOP*> by_uid;
+    auto index_loops = [&] {
+        by_uid.clear();
+        for (struct LOOP* x : fi->loops) by_uid[x->uid] = x;
+    };
+    index_loops();
     for (int uid : uids) {
-        struct LOOP* l = nullptr;
-        for (struct LOOP* x : fi->loops)
-            if (x->uid == uid) l = x;
-        if (!l) continue;
+        auto found = by_uid.find(uid);
+        if (found == by_uid.end()) continue;
+        struct LOOP* l = found->second;
         debug("\n---------- Preparing inner loop #%d ----------\n", uid);
         debug("\n------- ENTERING 'vectorize_CFG_regions' -----------\n");
         EDGE* entries = copy_edge_list(l->head->predecessors);
@@ -649,6 +657,7 @@ void do_cd_vectorization() {
             if (done) {
                 changed = true;
                 build_loop_hierarchy(false, false, false, 0);
+                index_loops();
             }
         }
         debug("\n------- EXITING 'vectorize_CFG_regions' -----------\n");

@@ -253,20 +253,15 @@ void assign_loop_levels(struct LOOP* loop, int level) {
         abort_optimizer();
     }
     loop->level = static_cast<int16_t>(level);
-    for (struct LOOP* inner : currfuninfo->loops)
-        if (inner->parent == loop) assign_loop_levels(inner, level + 1);
+    for (struct LOOP* inner : loop->inner) assign_loop_levels(inner, level + 1);
     if (loop->contents && loop->contents->bb->dfn > loop->head->dfn) sort_edge_list(loop->contents);
 }
 
-bool loop_is_innermost(const struct LOOP* loop) {
-    for (struct LOOP* l : currfuninfo->loops)
-        if (l->parent == loop) return false;
-    return true;
-}
+bool loop_is_innermost(const struct LOOP* loop) { return loop->inner.empty(); }
 
 void build_list_of_innermost_loop_headers(const struct LOOP* loop, std::vector<BBLK*>& list) {
-    for (struct LOOP* l : currfuninfo->loops)
-        if ((loop == nullptr || l->parent == loop) && loop_is_innermost(l)) list.push_back(l->head);
+    for (struct LOOP* l : loop ? loop->inner : currfuninfo->loops)
+        if (loop_is_innermost(l)) list.push_back(l->head);
         else if (l->parent == loop) build_list_of_innermost_loop_headers(l, list);
 }
 
@@ -374,6 +369,8 @@ void build_loop_hierarchy(bool value_ranges, bool, bool, int normalise) {
         dump_loops();
         return;
     }
+    for (struct LOOP* l : currfuninfo->loops)
+        if (l->parent) l->parent->inner.push_back(l);
     for (struct LOOP* l : currfuninfo->loops)
         if (!l->parent) assign_loop_levels(l, 1);
     for (struct LOOP* l : currfuninfo->loops) {
