@@ -11,6 +11,7 @@
 #include <functional>
 #include <map>
 #include <set>
+#include <unordered_set>
 #include <unordered_map>
 
 #include "BITVEC/bitvec.h"
@@ -208,6 +209,20 @@ NODE* peel_for_effect(NODE* t) {
 }
 
 bool sym_appears_in_tree(const SYMTAB* sym, const NODE* tree) { return count_name(tree, sym) > 0; }
+
+bool names_any(const NODE* tree, const std::unordered_set<const SYMTAB*>& syms) {
+    std::vector<const NODE*> work;
+    if (tree) work.push_back(tree);
+    while (!work.empty()) {
+        const NODE* n = work.back();
+        work.pop_back();
+        if (n->opcode == LABEL || n->opcode == FIELD) continue;
+        if (n->opcode == NAME && syms.count(n->symbol)) return true;
+        if (n->left) work.push_back(n->left);
+        if (n->right) work.push_back(n->right);
+    }
+    return false;
+}
 
 bool sym_appears_in_bb(const SYMTAB* sym, const BBLK* bb) {
     for (const BODY_ENTRY& e : bb->statements)
@@ -643,11 +658,12 @@ void fast_CP(int32_t iterations, int32_t early) {
         // table), unless switched off: then every statement is visited.
         std::set<std::pair<BBLK*, size_t>> where;
         bool use_revsymtab = !pass_disable_fcprevsymtab;
-        if (use_revsymtab)
+        if (use_revsymtab && !fresh.empty()) {
+            std::unordered_set<const SYMTAB*> named(fresh.begin(), fresh.end());
             for (BBLK* b : layout_blocks())
                 for (size_t k = 0; k < b->statements.size(); ++k)
-                    for (const SYMTAB* s : fresh)
-                        if (sym_appears_in_tree(s, b->statements[k].tree)) where.insert({b, k});
+                    if (names_any(b->statements[k].tree, named)) where.insert({b, k});
+        }
         bool changed = false;
         for (BBLK* b : layout_blocks()) {
             bool block_changed = false;
