@@ -83,16 +83,18 @@ int tracked(const NODE* n) {
 
 // Uses and certain kills of one statement.  A kill under a conditional
 // operator is not certain and is not counted.
-void scan_uses_kills(const NODE* t, bool conditional, BITVEC* uses, BITVEC* kills) {
+// The tracked variables a statement reads, and those it surely assigns (not
+// under a condition), as indices.
+void scan_uses_kills(const NODE* t, bool conditional, std::vector<int>& uses, std::vector<int>& kills) {
     if (!t || t->opcode == LABEL || t->opcode == FIELD) return;
     int i = tracked(t);
     if (i >= 0) {
-        uses->set(static_cast<size_t>(i));
+        uses.push_back(i);
         return;
     }
     if (t->opcode == ASG && tracked(t->left) >= 0) {
         scan_uses_kills(t->right, conditional, uses, kills);
-        if (!conditional) kills->set(static_cast<size_t>(tracked(t->left)));
+        if (!conditional) kills.push_back(tracked(t->left));
         return;
     }
     bool cond_right = t->opcode == QUEST || t->opcode == ANDAND || t->opcode == OROR;
@@ -100,12 +102,15 @@ void scan_uses_kills(const NODE* t, bool conditional, BITVEC* uses, BITVEC* kill
     scan_uses_kills(t->right, conditional || cond_right, uses, kills);
 }
 
-// live = (live - kills) | uses, the effect of one statement seen backwards.
+// live = (live - kills) | uses, the effect of one statement seen backwards;
+// only the bits the statement names are touched.
 void step_back(BITVEC& live, const NODE* stmt) {
-    BITVEC uses(live.size()), kills(live.size());
-    scan_uses_kills(stmt, false, &uses, &kills);
-    live.subtract(kills);
-    live.union_with(uses);
+    thread_local std::vector<int> uses, kills;
+    uses.clear();
+    kills.clear();
+    scan_uses_kills(stmt, false, uses, kills);
+    for (int k : kills) live.reset(static_cast<size_t>(k));
+    for (int u : uses) live.set(static_cast<size_t>(u));
 }
 
 int count_name(const NODE* t, const SYMTAB* sym) {
