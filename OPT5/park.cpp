@@ -68,9 +68,11 @@ struct packer {
         if (h & H_EXTRA) raw(n->release_extra());
     }
 
-    // Packs the tree and erases it (its payloads now belong to the bytes).
+    // Packs the tree and erases it in the same walk (its payloads now belong
+    // to the bytes).
     void tree(NODE* root) {
-        std::vector<NODE*> work{root};
+        thread_local std::vector<NODE*> work;
+        work.assign(1, root);
         while (!work.empty()) {
             NODE* n = work.back();
             work.pop_back();
@@ -78,8 +80,8 @@ struct packer {
             node(n);
             if (n->right) work.push_back(n->right);
             if (n->left) work.push_back(n->left);
+            erase_node(n);
         }
-        erase_tree(root);
     }
 
     void entry(const BODY_ENTRY& e) {
@@ -147,7 +149,8 @@ struct unpacker {
 
     NODE* tree() {
         NODE* root = nullptr;
-        std::vector<NODE**> slots{&root};
+        thread_local std::vector<NODE**> slots;
+        slots.assign(1, &root);
         while (!slots.empty()) {
             NODE** slot = slots.back();
             slots.pop_back();
