@@ -2,7 +2,6 @@
 #include "OPT5/simp.h"
 
 #include <cstdio>
-#include <deque>
 
 #include <atomic>
 #include <cstdlib>

@@ -1,7 +1,6 @@
 // Expression-tree nodes.
 #pragma once
 
-#include <functional>
 #include <string>
 #include <vector>
 

@@ -3,8 +3,6 @@
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
-#include <deque>
-#include <memory>
 
 #include "DIAG/diag.h"
 #include "OPT5/abort.h"
