@@ -46,8 +46,8 @@ public:
     using pass_manager = pass_manager_tag;
     using action_fn = void (*)();
 
-    // The step never looks at a function's statements: it may run while the
-    // function is parked.
+    // At no level is the function unpacked for the step: it works on no
+    // function, or unpacks what it needs itself ("output function").
     static constexpr int NEVER = 100;
 
     // `cfg_from`: the lowest optimisation level at which the step works on
