@@ -62,9 +62,15 @@ protected:
         std::vector<MD_TOKEN> toks = md_token_array(lexed);
         rb.reset(parse_md_tokens(toks.data(), true, &error));
         ASSERT_TRUE(rb) << error;
+        saved = md_rule_base;
         md_rule_base = rb.get();
     }
-    void TearDown() override { md_rule_base = nullptr; }
+    // The rule base in use before (this one is gone with the test).
+    void TearDown() override {
+        md_rule_base = saved;
+        if (saved) build_rule_tables(saved);
+    }
+    RULE_BASE* saved = nullptr;
     DFG access(int op, int lanes) {
         DFG d;
         d.op = op;

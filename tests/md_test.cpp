@@ -9,6 +9,7 @@
 #include <memory>
 
 #include "OPT5/md_parse.h"
+#include "OPT5/matcher.h"
 #include "OPT5/md_rules.h"
 #include "OPT5/opcodes.h"
 #include "test_util.h"
@@ -20,8 +21,16 @@ const char header[] = "OPTIMIZER MACHINE DESCRIPTION : \"T\"\nTARGETS : BRV\nEND
 
 class Md : public ::testing::Test {
 protected:
-    void SetUp() override { init_opcode_tables(); }
-    void TearDown() override { md_rule_base = nullptr; }
+    void SetUp() override {
+        init_opcode_tables();
+        saved = md_rule_base;
+    }
+    // The rule base in use before (the tests' own are gone with them).
+    void TearDown() override {
+        md_rule_base = saved;
+        if (saved) build_rule_tables(saved);
+    }
+    RULE_BASE* saved = nullptr;
 
     // Parses description text; null with `error` set on a syntax error.
     std::unique_ptr<RULE_BASE> parse(const std::string& text, bool prune = true) {
