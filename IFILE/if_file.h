@@ -210,6 +210,9 @@ private:
 
     // Record frame.
     int read_header(uint64_t& size);
+    // The next `size` bytes become the body being read; false when the file
+    // ends first.
+    bool take_body(uint64_t size);
     void read_body(uint64_t size);
     void skip_body(uint64_t size);
     // Makes n bytes from window_pos_ on available, or fewer at the end of

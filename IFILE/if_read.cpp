@@ -135,12 +135,17 @@ int I_FILE::read_header(uint64_t& size) {
     return id;
 }
 
-void I_FILE::read_body(uint64_t size) {
-    if (size > (uint64_t{1} << 40) || window_fill(static_cast<size_t>(size)) < size) if_invalid_record();
+bool I_FILE::take_body(uint64_t size) {
+    if (size > (uint64_t{1} << 40) || window_fill(static_cast<size_t>(size)) < size) return false;
     body_ = window_.get() + window_pos_;
     body_size_ = static_cast<size_t>(size);
     pos_ = 0;
     window_pos_ += body_size_;
+    return true;
+}
+
+void I_FILE::read_body(uint64_t size) {
+    if (!take_body(size)) if_invalid_record();
 }
 
 void I_FILE::skip_body(uint64_t size) { read_body(size); }
@@ -264,12 +269,8 @@ bool I_FILE::if_read_magic() {
     int id = window_[window_pos_++];
     if (id != IR_HEADER) return false;
     uint64_t size = 0;
-    if (!if_decode_uint(window_.get(), window_end_, window_pos_, size) || size > 65536) return false;
-    if (window_fill(static_cast<size_t>(size)) < size) return false;
-    body_ = window_.get() + window_pos_;
-    body_size_ = static_cast<size_t>(size);
-    pos_ = 0;
-    window_pos_ += body_size_;
+    if (!if_decode_uint(window_.get(), window_end_, window_pos_, size) || size > 65536 || !take_body(size))
+        return false;
     // Check the fixed part by hand: a wrong header is refused, not fatal.
     const size_t magic_len = std::strlen(IF_MAGIC) + 1;
     if (body_size_ < magic_len + 4 + 20 || std::memcmp(body_, IF_MAGIC, magic_len) != 0) return false;

@@ -213,20 +213,27 @@ NODE* peel_for_effect(NODE* t) {
     return l ? l : r;
 }
 
-bool sym_appears_in_tree(const SYMTAB* sym, const NODE* tree) { return count_name(tree, sym) > 0; }
-
-bool names_any(const NODE* tree, const std::unordered_set<const SYMTAB*>& syms) {
+namespace {
+// Whether the tree names a symbol `matches` accepts (not counting labels and
+// fields); the walk stops at the first.
+template <class P>
+bool names_matching(const NODE* tree, P matches) {
     std::vector<const NODE*> work;
     if (tree) work.push_back(tree);
     while (!work.empty()) {
         const NODE* n = work.back();
         work.pop_back();
         if (n->opcode == LABEL || n->opcode == FIELD) continue;
-        if (n->opcode == NAME && syms.count(n->symbol)) return true;
+        if (n->opcode == NAME && matches(n->symbol)) return true;
         if (n->left) work.push_back(n->left);
         if (n->right) work.push_back(n->right);
     }
     return false;
+}
+}  // namespace
+
+bool sym_appears_in_tree(const SYMTAB* sym, const NODE* tree) {
+    return names_matching(tree, [&](const SYMTAB* s) { return s == sym; });
 }
 
 bool sym_appears_in_bb(const SYMTAB* sym, const BBLK* bb) {
@@ -667,7 +674,8 @@ void fast_CP(int32_t iterations, int32_t early) {
             std::unordered_set<const SYMTAB*> named(fresh.begin(), fresh.end());
             for (BBLK* b : layout_blocks())
                 for (size_t k = 0; k < b->statements.size(); ++k)
-                    if (names_any(b->statements[k].tree, named)) where.insert({b, k});
+                    if (names_matching(b->statements[k].tree, [&](const SYMTAB* s) { return named.count(s) > 0; }))
+                        where.insert({b, k});
         }
         bool changed = false;
         for (BBLK* b : layout_blocks()) {

@@ -4,7 +4,6 @@
 
 #include <cstdint>
 #include <set>
-#include <unordered_set>
 #include <vector>
 
 #include "OPT5/bbutils.h"
@@ -36,8 +35,6 @@ bool is_op_assign(int op);
 // The side effects of a tree (null when it has none); the rest is freed.
 NODE* peel_for_effect(NODE* tree);
 bool sym_appears_in_tree(const SYMTAB* sym, const NODE* tree);
-// Whether the tree names any of the symbols (not counting labels and fields).
-bool names_any(const NODE* tree, const std::unordered_set<const SYMTAB*>& syms);
 bool sym_appears_in_bb(const SYMTAB* sym, const BBLK* bb);
 
 // The symbols whose address the current function takes.

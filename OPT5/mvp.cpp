@@ -359,6 +359,9 @@ int mvpIntegers::merge_exact_set(const mvpIntegers& other) {
     merged.clear();
     const INT65 *a = values_.begin(), *a_end = was_top ? a : values_.end();
     const INT65 *b = other.values_.begin(), *b_end = other.values_.end();
+    // The known bits as each new value, in ascending order, would leave them.
+    INT65 ones = ones_, may = may_;
+    bool first = was_top || values_.empty();
     int added = 0;
     while (a != a_end || b != b_end) {
         if (b == b_end || (a != a_end && *a < *b)) {
@@ -367,23 +370,21 @@ int mvpIntegers::merge_exact_set(const mvpIntegers& other) {
             merged.push_back(*a++);
             ++b;
         } else {
+            if (first) {
+                ones = may = *b;
+                first = false;
+            } else {
+                ones = ones & *b;
+                may = may | *b;
+            }
             merged.push_back(*b++);
             ++added;
         }
         if (merged.size() > MAX_EXACT) return -1;
     }
     if (added == 0) return 0;
-    bool first = was_top || values_.empty();
-    for (const INT65* v = other.values_.begin(); v != b_end; ++v) {
-        if (!was_top && std::binary_search(values_.begin(), values_.end(), *v)) continue;
-        if (first) {
-            ones_ = may_ = *v;
-            first = false;
-        } else {
-            ones_ = ones_ & *v;
-            may_ = may_ | *v;
-        }
-    }
+    ones_ = ones;
+    may_ = may;
     ones_valid_ = may_valid_ = true;
     state_ = VALUE;
     exact_ = true;

@@ -173,7 +173,7 @@ bool is_volatile_access(const NODE* n);
 bool same_tree(const NODE* a, const NODE* b);
 // Nodes currently allocated and not erased (for leak checks in tests).
 size_t live_node_count();
-// Lets the nodes erased so far be made again.  Called between steps, when no
-// step holds a pointer into a tree (with worker threads, each would need a
-// pool of its own: another thread's step may still be running).
+// Lets the nodes this thread erased so far be made again.  Called between
+// steps, when no step holds a pointer into a tree (each thread has a pool of
+// its own, so another thread's step is never disturbed).
 void recycle_erased_nodes();

@@ -183,7 +183,7 @@ void pass::run() {
     FUNINFO* fi = currfuninfo;
     bool timed = print_debug || enable_time_stats;
     clock_t start = timed ? std::clock() : 0;
-    if (fi && opt_level() >= cfg_from_) unpark_function();
+    if (fi && cfg_from_ != NEVER && opt_level() >= cfg_from_) unpark_function();
     action_();
     if (timed) {
         clock_t end = std::clock();

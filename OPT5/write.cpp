@@ -14,10 +14,18 @@
 #include "OPT5/symtab.h"
 
 namespace {
-// An assignment between integers of different widths gets its conversion
-// spelled out (below).
-void mandatory_cast(NODE*& n);
 const char THIS_MODULE[] = "OPT5/write";
+
+// An assignment between integers of different widths gets its conversion
+// spelled out; ISP2CHAR goes back to PCONV, its I-file form.
+void mandatory_cast(NODE*& n) {
+    if (n->opcode == ISP2CHAR) n->opcode = PCONV;
+    if (n->opcode != ASG || !n->left || !n->right || !n->left->type || !n->right->type) return;
+    TYPE* to = n->left->type->stripped();
+    TYPE* from = n->right->type->stripped();
+    if (to->is_integral() && from->is_integral() && to->size != from->size)
+        n->right = mktree(SCONV, n->left->type, n->right);
+}
 
 const char* control_mnemonic(int kind) {
     switch (kind) {
@@ -266,19 +274,6 @@ void write_func_body() {
     wrstcr(IR_END_FUNC, end ? const_cast<PSN*>(&end->pos) : &none);
 }
 
-}  // namespace
-
-namespace {
-// An assignment between integers of different widths gets its conversion
-// spelled out; ISP2CHAR goes back to PCONV, its I-file form.
-void mandatory_cast(NODE*& n) {
-    if (n->opcode == ISP2CHAR) n->opcode = PCONV;
-    if (n->opcode != ASG || !n->left || !n->right || !n->left->type || !n->right->type) return;
-    TYPE* to = n->left->type->stripped();
-    TYPE* from = n->right->type->stripped();
-    if (to->is_integral() && from->is_integral() && to->size != from->size)
-        n->right = mktree(SCONV, n->left->type, n->right);
-}
 }  // namespace
 
 NODE* insert_mandatory_casts(NODE* tree) {
