@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <deque>
 #include <functional>
 #include <map>
 #include <set>
@@ -24,6 +25,7 @@
 #include "OPT5/simp.h"
 #include "OPT5/symtab.h"
 #include "TYPES/type_pkg.h"
+#include "UTIL/ptr_map.h"
 
 namespace {
 const char THIS_MODULE[] = "OPT5/copyprop";
@@ -81,10 +83,8 @@ int tracked(const NODE* n) {
     return lva_index(n->symbol);
 }
 
-// Uses and certain kills of one statement.  A kill under a conditional
-// operator is not certain and is not counted.
 // The tracked variables a statement reads, and those it surely assigns (not
-// under a condition), as indices.
+// under a condition: such a kill is not certain), as indices.
 void scan_uses_kills(const NODE* t, bool conditional, std::vector<int>& uses, std::vector<int>& kills) {
     if (!t || t->opcode == LABEL || t->opcode == FIELD) return;
     int i = tracked(t);
@@ -168,11 +168,10 @@ std::set<const SYMTAB*> address_taken_symbols() {
     while (!work.empty()) {
         auto [n, under] = work.back();
         work.pop_back();
-        if (!n) continue;
         if (under && n->opcode == NAME && n->symbol) out.insert(n->symbol);
         bool below = under || n->opcode == UAND;
-        work.push_back({n->left, below});
-        work.push_back({n->right, below});
+        if (n->left) work.push_back({n->left, below});
+        if (n->right) work.push_back({n->right, below});
     }
     return out;
 }
@@ -190,8 +189,8 @@ int lva_sym_count() { return currfuninfo ? static_cast<int>(currfuninfo->lva_sym
 
 int lva_index(const SYMTAB* sym) {
     if (!currfuninfo) return -1;
-    auto it = currfuninfo->lva_map.find(sym);
-    return it == currfuninfo->lva_map.end() ? -1 : it->second;
+    const int* at = currfuninfo->lva_map.find(sym);
+    return at ? *at : -1;
 }
 
 NODE* peel_for_effect(NODE* t) {
@@ -249,18 +248,49 @@ void find_live_variables(bool record, bool loops) {
     size_t n = fi->lva_syms.size();
     free_liveness(fi);
     std::vector<BBLK*> blocks = layout_blocks();
-    for (BBLK* b : blocks) b->live_in = new BITVEC(n);
-    bool changed = true;
-    while (changed) {
-        changed = false;
-        for (auto it = blocks.rbegin(); it != blocks.rend(); ++it) {
-            BBLK* b = *it;
-            BITVEC live(n);
-            for (EDGE* e = b->successors; e; e = e->rest) live.union_with(*e->bb->live_in);
-            for (auto s = b->statements.rbegin(); s != b->statements.rend(); ++s) step_back(live, s->tree);
-            if (!(live == *b->live_in)) {
-                *b->live_in = live;
-                changed = true;
+    size_t nb = blocks.size();
+    // What a block does, seen backwards, is live_in = gen | (live_out - kill):
+    // one walk of its statements finds gen and kill, and the equations are
+    // then solved with operations on whole sets.
+    std::vector<BITVEC> gen(nb, BITVEC(n)), kill(nb, BITVEC(n));
+    ptr_map<BBLK*, size_t> index;
+    index.reserve(nb);
+    std::vector<int> uses, kills;
+    for (size_t i = 0; i < nb; ++i) {
+        index[blocks[i]] = i;
+        for (auto s = blocks[i]->statements.rbegin(); s != blocks[i]->statements.rend(); ++s) {
+            uses.clear();
+            kills.clear();
+            scan_uses_kills(s->tree, false, uses, kills);
+            for (int k : kills) {
+                gen[i].reset(static_cast<size_t>(k));
+                kill[i].set(static_cast<size_t>(k));
+            }
+            for (int u : uses) gen[i].set(static_cast<size_t>(u));
+        }
+        blocks[i]->live_in = new BITVEC(gen[i]);
+    }
+    // A block is looked at again when a successor's live-in set grew.
+    std::deque<size_t> work;
+    std::vector<char> queued(nb, 1);
+    for (size_t i = nb; i-- > 0;) work.push_back(i);
+    BITVEC live(n);
+    while (!work.empty()) {
+        size_t i = work.front();
+        work.pop_front();
+        queued[i] = 0;
+        BBLK* b = blocks[i];
+        live.clear_all();
+        for (EDGE* e = b->successors; e; e = e->rest) live.union_with(*e->bb->live_in);
+        live.subtract(kill[i]);
+        live.union_with(gen[i]);
+        if (live == *b->live_in) continue;
+        *b->live_in = live;
+        for (EDGE* p = b->predecessors; p; p = p->rest) {
+            const size_t* at = index.find(p->bb);
+            if (at && !queued[*at]) {
+                queued[*at] = 1;
+                work.push_back(*at);
             }
         }
     }

@@ -12,6 +12,7 @@
 #include "IFILE/if_symbol.h"
 #include "OPT5/park.h"
 #include "UTIL/psn.h"
+#include "UTIL/ptr_map.h"
 
 struct SYMTAB;
 class NODE;
@@ -81,7 +82,7 @@ struct FUNINFO {
 
     // Variables whose liveness is tracked, by their index in the live sets.
     std::vector<SYMTAB*> lva_syms;
-    std::unordered_map<const SYMTAB*, int> lva_map;
+    ptr_map<const SYMTAB*, int> lva_map;
     bool wants_dead_assign_elim = false;  // copy propagation left dead assignments
     bool unroll_completely = false;       // complete unrolling gets the full size budget
 

@@ -400,6 +400,19 @@ bool mvpIntegers::meet_and_note_change(const mvpIntegers& other) {
     return !(before == *this);
 }
 
+void mvpIntegers::widen(const mvpIntegers& before, TYPE* type) {
+    INT65 tlo, thi;
+    if (state_ != VALUE || before.state_ != VALUE || !type_bounds(type, tlo, thi)) return;
+    bool lower = minimum() < before.minimum(), higher = maximum() > before.maximum();
+    if (!lower && !higher) return;
+    convert_exact_to_inexact();
+    if (lower && lo_ > tlo) lo_ = lo_ - ((lo_ - tlo) / stride_) * stride_;
+    if (higher && hi_ < thi) hi_ = thi;
+    normalise_range();
+    reset_known_bits();
+    recompute_known_bits();
+}
+
 void mvpIntegers::refine(const NODE* test, bool holds, const NODE* var_use) {
     if (state_ != VALUE || !test || !var_use) return;
     int op = test->opcode;
@@ -688,8 +701,7 @@ ssa_integers_mvp::USE_PATH ssa_integers_mvp::find_use_path(const NODE* use) cons
     // Tests on the way from the definition narrow the value: while the use's
     // block has a single predecessor that ends in a test of the same value,
     // the test came out the way that leads here.
-    auto at = ssa_.use_block.find(use);
-    BBLK* cur = at == ssa_.use_block.end() ? nullptr : at->second;
+    BBLK* cur = ssa_.use_block(use);
     for (int steps = 0; cur && cur != def->bb && steps < 16; ++steps) {
         if (!cur->predecessors || cur->predecessors->rest) break;
         BBLK* pred = cur->predecessors->bb;
@@ -722,9 +734,9 @@ mvpIntegers ssa_integers_mvp::eval_reaching_definition(const NODE* use) {
         return mv;
     };
     if (!propagating_) return narrowed(find_use_path(use));  // the trees may be changing
-    auto at = use_paths_.find(use);
-    if (at == use_paths_.end()) at = use_paths_.emplace(use, find_use_path(use)).first;
-    return narrowed(at->second);
+    const USE_PATH* path = use_paths_.find(use);
+    if (!path) path = &(use_paths_[use] = find_use_path(use));
+    return narrowed(*path);
 }
 
 mvpIntegers ssa_integers_mvp::eval_expression(const NODE* tree) { return eval_expr(tree); }
@@ -741,8 +753,7 @@ mvpIntegers ssa_integers_mvp::eval_expr(const NODE* tree) {
         return mv;
     case ASG: case PLUSASG: case MINUSASG: case MULTASG: case DIVASG: case MODASG: case ANDBASG: case ORBASG:
     case XORBASG: case SLLASG: case SRLASG: {
-        auto d = ssa_.node_def.find(tree);
-        if (d != ssa_.node_def.end()) return value_of(d->second);
+        if (SSA_DEFINITION* const* d = ssa_.node_def.find(tree)) return value_of(*d);
         if (op == ASG) {
             mvpIntegers r = eval_expr(tree->right);
             mv.eval_cast_operation(tree->type, r);
@@ -838,34 +849,51 @@ int ssa_integers_mvp::do_integer_value_propagation() {
             m.use_paths_.clear();
         }
     } done{*this};
-    // A value that keeps growing after this many changes takes its type's
-    // whole range, and one that changes still goes to bottom, where nothing
+    // Every cycle of the form passes through a phi: one that keeps growing
+    // after a few changes is widened (its moving bounds go to the ends of
+    // its type), and the narrowing below finds the loop's bounds again.  Any
+    // other value that still grows takes its type's whole range after many
+    // changes, and one that changes after that goes to bottom, where nothing
     // changes any more: every definition changes a bounded number of times,
     // so every loop settles.
-    const int widen_after = 40, give_up_after = 2 * widen_after;
+    const int widen_phi_after = 6, widen_after = 40, give_up_after = 2 * widen_after;
     // A worklist over the def-use edges: a definition is evaluated again only
     // when one that it reads has changed.  The edges are recorded as the
     // evaluations read the definitions.
     std::deque<int> work;
     std::vector<char> queued(ssa_.defs.size(), 1);
-    for (auto& d : ssa_.defs) work.push_back(d->id);
+    auto queue_users = [&](int id) {
+        for (int user : users_[static_cast<size_t>(id)])
+            if (!queued[static_cast<size_t>(user)]) {
+                queued[static_cast<size_t>(user)] = 1;
+                work.push_back(user);
+            }
+    };
+    std::vector<int> widened;
+    for (auto& d : ssa_.defs) work.push_back(d.id);
     while (!work.empty()) {
         int id = work.front();
         work.pop_front();
         queued[static_cast<size_t>(id)] = 0;
-        const SSA_DEFINITION* d = ssa_.defs[static_cast<size_t>(id)].get();
+        const SSA_DEFINITION* d = &ssa_.defs[static_cast<size_t>(id)];
         evaluating_ = id;
         mvpIntegers mv = eval_SSA_operation(d);
         evaluating_ = -1;
         evaluated_[static_cast<size_t>(id)] = 1;
         if (mv.is_at_top()) continue;
         mvpIntegers& cur = mvs_[static_cast<size_t>(id)];
+        int& n = changes_[static_cast<size_t>(id)];
         if (cur.is_at_top()) {
             set_mv_for_definition(d, mv);
+        } else if (d->kind == SSA_DEFINITION::PHI && n + 1 >= widen_phi_after && n < widen_after) {
+            mvpIntegers before = cur;
+            if (!cur.meet_and_note_change(mv)) continue;
+            ++n;
+            cur.widen(before, d->var->type);
+            if (widened.empty() || widened.back() != id) widened.push_back(id);
         } else {
             if (!cur.meet_and_note_change(mv)) continue;
-            int n = ++changes_[static_cast<size_t>(id)];
-            if (n > give_up_after) {
+            if (++n > give_up_after) {
                 cur.set_bottom();
             } else if (n > widen_after) {
                 mvpIntegers whole;
@@ -873,19 +901,38 @@ int ssa_integers_mvp::do_integer_value_propagation() {
                 cur.meet_mvpIntegers_metavalues(whole);
             }
         }
-        for (int user : users_[static_cast<size_t>(id)])
-            if (!queued[static_cast<size_t>(user)]) {
-                queued[static_cast<size_t>(user)] = 1;
-                work.push_back(user);
-            }
+        queue_users(id);
+    }
+    // Narrowing: evaluated on values that hold, a definition gets values
+    // that hold, so a widened value may be replaced by what its evaluation
+    // gives now, as long as that is smaller.  A loop's tests narrow the uses
+    // in it, and so the values its phi receives.  Each definition shrinks a
+    // bounded number of times.
+    const int narrow_at_most = 4;
+    std::fill(changes_.begin(), changes_.end(), 0);
+    for (int id : widened) {
+        queued[static_cast<size_t>(id)] = 1;
+        work.push_back(id);
+        queue_users(id);
+    }
+    while (!work.empty()) {
+        int id = work.front();
+        work.pop_front();
+        queued[static_cast<size_t>(id)] = 0;
+        mvpIntegers mv = eval_SSA_operation(&ssa_.defs[static_cast<size_t>(id)]);
+        mvpIntegers& cur = mvs_[static_cast<size_t>(id)];
+        if (mv.is_at_top() || mv == cur || !mv.is_subset_of(cur)) continue;
+        if (++changes_[static_cast<size_t>(id)] > narrow_at_most) continue;
+        cur = std::move(mv);
+        queue_users(id);
     }
     int bound = 0;
     for (auto& d : ssa_.defs) {
-        const mvpIntegers& mv = mvs_[static_cast<size_t>(d->id)];
+        const mvpIntegers& mv = mvs_[static_cast<size_t>(d.id)];
         if (mv.is_at_top()) continue;
         ++bound;
         if (print_debug && FDEBUG) {
-            DBG_CHECK(std::fprintf(FDEBUG, "\t%s#%d = ", d->var->name.c_str(), d->id));
+            DBG_CHECK(std::fprintf(FDEBUG, "\t%s#%d = ", d.var->name.c_str(), d.id));
             mv.print(FDEBUG);
             DBG_CHECK(std::fputc('\n', FDEBUG));
         }

@@ -5,10 +5,10 @@
 #pragma once
 
 #include <cstddef>
-#include <unordered_map>
 #include <utility>
 #include <vector>
 
+#include "UTIL/ptr_map.h"
 #include "UTIL/small_vector.h"
 #include "XINT/int65.h"
 
@@ -54,6 +54,9 @@ public:
 
     void meet_mvpIntegers_metavalues(const mvpIntegers& other);
     bool meet_and_note_change(const mvpIntegers& other);
+    // A value that keeps growing, `before` being what it was: each bound
+    // that moved since goes to the end of `type`, the stride stays.
+    void widen(const mvpIntegers& before, TYPE* type);
     // Narrows the value with the fact that `test` (a comparison of the
     // variable `var_use` with a constant, or its inversion) holds.
     void refine(const NODE* test, bool holds, const NODE* var_use);
@@ -105,8 +108,8 @@ public:
     explicit ssa_integers_mvp(SSA_FORM& ssa);
     void initialize_ssa_integer_mvp();
     // Propagates until no metavalue changes (a worklist over def-use edges,
-    // each definition widened after a bounded number of changes); returns the
-    // number of definitions bound.
+    // each definition widened after a bounded number of changes), then
+    // narrows what was widened; returns the number of definitions bound.
     int do_integer_value_propagation();
 
     // Valid until the next binding is set.
@@ -139,7 +142,7 @@ private:
         std::vector<std::pair<const NODE*, bool>> tests;
     };
     USE_PATH find_use_path(const NODE* use) const;
-    std::unordered_map<const NODE*, USE_PATH> use_paths_;
+    ptr_map<const NODE*, USE_PATH> use_paths_;
     bool propagating_ = false;
 };
 

@@ -1097,6 +1097,7 @@ NODE* simp_node(NODE* n, struct LOOP* loop) {
                 if (c.is_zero()) return replace_by_constant(n, INT65(0), n->type);
                 INT65 z = find_known_zeros(n->left, n->type) & full;
                 if (((c | z) & full) == full) return retype(keep_operand(n, n->left), n->type);
+                if ((c & ~z).is_zero()) return replace_by_constant(n, INT65(0), n->type);
             } else if (c.is_zero()) {
                 return retype(keep_operand(n, n->left), n->type);
             } else if (op == ORB && c == full) {

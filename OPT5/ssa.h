@@ -2,14 +2,15 @@
 // definition of a tracked integer variable (the entry value, an assignment,
 // a phi at a join) is a record, and every use (a NAME node) points to the
 // definition that reaches it.  The trees themselves are not changed, so
-// taking the form down again only frees the records.
+// taking the form down again only frees the records.  Phis are placed only
+// where the variable is live.
 #pragma once
 
-#include <memory>
-#include <unordered_map>
+#include <deque>
 #include <vector>
 
 #include "OPT5/bbutils.h"
+#include "UTIL/ptr_map.h"
 
 class NODE;
 struct SYMTAB;
@@ -25,15 +26,18 @@ struct SSA_DEFINITION {
 };
 
 struct SSA_FORM {
-    std::vector<std::unique_ptr<SSA_DEFINITION>> defs;  // by id
-    std::unordered_map<const NODE*, SSA_DEFINITION*> use_def;  // NAME node -> reaching definition
-    std::unordered_map<const NODE*, SSA_DEFINITION*> node_def; // assigning node -> its definition
-    std::unordered_map<const NODE*, BBLK*> use_block;   // NAME node -> the block of its statement
+    std::deque<SSA_DEFINITION> defs;  // by id
+    struct USE {
+        SSA_DEFINITION* def = nullptr;  // the reaching definition
+        BBLK* bb = nullptr;             // the block of the use's statement
+    };
+    ptr_map<const NODE*, USE> uses;                   // NAME nodes
+    ptr_map<const NODE*, SSA_DEFINITION*> node_def;  // assigning node -> its definition
     std::vector<const SYMTAB*> vars;
 
     SSA_DEFINITION* reaching_definition(const NODE* use) const;
+    BBLK* use_block(const NODE* use) const;
 };
 
-// Builds the form over the current function's tracked integer variables.
 SSA_FORM* construct_SSA_form();
 void deconstruct_SSA_form(SSA_FORM* ssa);

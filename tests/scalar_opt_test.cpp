@@ -155,6 +155,26 @@ TEST_F(ScalarOpt, ValueRangesDecideTestsInLoops) {
     same_meaning(samples);
 }
 
+TEST_F(ScalarOpt, LongLoopsKeepTheirBoundsAndStrides) {
+    // i takes 500 values, many more than a value set holds or propagation
+    // follows one by one: it is widened, and the loop's test brings its
+    // bounds back, so i > 4000 never holds.  Its stride of 4 stays, so
+    // i & 3 is 0.  After the loop i is 2000 and nothing else.
+    MiniFunction f{"f", {"a", "b"}, {"s", "i"}};
+    f.body = {"(= s 0)", "(= i 0)", "L1:", "(if (>= i 2000) 2)", "(if (> i 4000) 3)", "(if (!= (& i 3) 0) 3)",
+              "(+= s (& i 3))", "(+= s a)", "(+= i 4)", "(goto 1)", "L2:", "(if (!= i 2000) 3)", "(ret (+ s i))",
+              "L3:", "(ret -1)"};
+    optimize(f);
+    std::vector<std::string> st = statements();
+    for (const std::string& s : st) {
+        EXPECT_EQ(s.find("4000"), std::string::npos) << s;
+        EXPECT_EQ(s.find("& 3"), std::string::npos) << s;
+        EXPECT_EQ(s.find("!= 2000"), std::string::npos) << s;
+        EXPECT_EQ(s.find("-1"), std::string::npos) << s;
+    }
+    same_meaning(samples);
+}
+
 TEST_F(ScalarOpt, DeadAssignmentsGoEvenWithoutPropagation) {
     // Only "fast_CP(0,1)": no value is propagated, but what is never read goes.
     MiniFunction f{"f", {"a", "b"}, {"x", "y"}};

@@ -275,6 +275,38 @@ TEST(Metavalues, EvaluationWrapsAndRefines) {
     EXPECT_EQ(n, 2);
 }
 
+TEST(Metavalues, WideningMovesOnlyTheBoundsThatGrew) {
+    init_opcode_tables();
+    if (!type_pkg) init_types();
+    TYPE* i16 = type_pkg->mk_int(TYPE::IK_INT, true);
+    mvpIntegers before, grown;
+    for (int v : {10, 16, 22}) before.merge_constant_integer_value(INT65(v));
+    grown = before;
+    grown.merge_constant_integer_value(INT65(28));
+    mvpIntegers w = grown;
+    w.widen(before, i16);
+    // Upward only, in steps of 6 from 10: the last such value under 32768.
+    EXPECT_TRUE(w.is_inexact());
+    EXPECT_EQ(w.minimum(), INT65(10));
+    EXPECT_EQ(w.maximum(), INT65(32764));
+    EXPECT_EQ(w.stride(), INT65(6));
+    EXPECT_TRUE(grown.is_subset_of(w));
+    // Downward only, to the first such value at or over -32768.
+    grown = before;
+    grown.merge_constant_integer_value(INT65(4));
+    w = grown;
+    w.widen(before, i16);
+    EXPECT_EQ(w.minimum(), INT65(-32768));  // 4 - 5462 * 6
+    EXPECT_EQ(w.maximum(), INT65(22));
+    EXPECT_TRUE(w.contains_integer_value(INT65(-2)));
+    // A value that grew inside its bounds keeps them.
+    grown = before;
+    grown.merge_constant_integer_value(INT65(13));
+    w = grown;
+    w.widen(before, i16);
+    EXPECT_TRUE(w == grown);
+}
+
 TEST(Metavalues, ArithmeticPastSixtyFiveBitsGivesTheWholeType) {
     init_opcode_tables();
     if (!type_pkg) init_types();
