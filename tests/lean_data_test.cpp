@@ -13,6 +13,7 @@
 #include "OPT5/opcodes.h"
 #include "OPT5/park.h"
 #include "OPT5/symtab.h"
+#include "UTIL/ptr_map.h"
 #include "UTIL/small_vector.h"
 #include "XINT/int65.h"
 
@@ -208,6 +209,32 @@ TEST(SmallVector, StaysOrderedAndIndependentPastItsInlinePart) {
     EXPECT_EQ(small.size(), 5u);
     EXPECT_EQ(w.size(), 1u);
     EXPECT_EQ(w[0], INT65(9));
+}
+
+TEST(PtrMap, FindsEveryKeyThroughGrowthAndCollisions) {
+    // Keys 16 bytes apart, as nodes of one slab are, and values that move
+    // when the table grows.
+    std::vector<char> storage(16 * 5000);
+    ptr_map<const char*, std::vector<int>> m;
+    EXPECT_EQ(m.find(storage.data()), nullptr);
+    for (int i = 0; i < 5000; i += 2) m[&storage[16 * static_cast<size_t>(i)]].push_back(i);
+    EXPECT_EQ(m.size(), 2500u);
+    for (int i = 0; i < 5000; ++i) {
+        const std::vector<int>* v = m.find(&storage[16 * static_cast<size_t>(i)]);
+        if (i % 2) {
+            EXPECT_EQ(v, nullptr) << i;
+        } else {
+            ASSERT_NE(v, nullptr) << i;
+            EXPECT_EQ(*v, std::vector<int>{i});
+        }
+    }
+    m[storage.data()].push_back(-1);  // an existing key: the same entry
+    EXPECT_EQ(m.size(), 2500u);
+    EXPECT_EQ(*m.find(storage.data()), (std::vector<int>{0, -1}));
+    EXPECT_EQ(m.find(nullptr), nullptr);
+    m.clear();
+    EXPECT_TRUE(m.empty());
+    EXPECT_EQ(m.find(storage.data()), nullptr);
 }
 
 }  // namespace
