@@ -10,7 +10,9 @@
 #include "OPT5/abort.h"
 #include "OPT5/cmdline.h"
 #include "OPT5/cdvect.h"
+#include "OPT5/copy_propagation.h"
 #include "OPT5/copyprop.h"
+#include "OPT5/ddbloop.h"
 #include "OPT5/mvp.h"
 #include "OPT5/node.h"
 #include "OPT5/funinfo.h"
@@ -52,6 +54,15 @@ void pass_1_fcp_eda() {
 void fast_CP_4_0() { fast_CP(4, 0); }
 void fast_CP_4_1() { fast_CP(4, 1); }
 void fast_CP_0_1() { fast_CP(0, 1); }
+void global_CP() {
+    if (opt_level() < 2) return;
+    unbuild_loop_hierarchy();
+    copyprop(1);
+}
+void lcp() {
+    if (opt_level() < 1) return;
+    copyprop(1);
+}
 
 // One row per step: its name, whether it is a barrier (run once for the
 // unit when every function has reached it), its action, and the lowest
@@ -97,7 +108,7 @@ const step pass_table[] = {
     {"CD ILP", false, do_cd_ilp, 2},
     {"late fast_CP(4,1)", false, fast_CP_4_1, 1},
     {"Disclose Vectors", false, no_action, NEVER},
-    {"global CP", false, no_action, NEVER},
+    {"global CP", false, global_CP, 2},
     {"late points-to", false, no_action, NEVER},
     {"global CSE", false, no_action, NEVER},
     {"Pellin rotate loops", false, no_action, NEVER},
@@ -108,7 +119,7 @@ const step pass_table[] = {
     {"CSU returning temp", false, no_action, NEVER},
     {"superblocks", false, no_action, NEVER},
     {"subrange", false, no_action, NEVER},
-    {"lcp", false, no_action, NEVER},
+    {"lcp", false, lcp, 1},
     {"sti-to-cinit", false, no_action, NEVER},
     {"lcse", false, no_action, NEVER},
     {"propagate increments", false, no_action, NEVER},

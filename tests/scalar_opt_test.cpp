@@ -175,6 +175,27 @@ TEST_F(ScalarOpt, LongLoopsKeepTheirBoundsAndStrides) {
     same_meaning(samples);
 }
 
+TEST_F(ScalarOpt, CopiesReachReadsOnEveryPathUntilEitherSideChanges) {
+    // x = y reaches both arms of the test, so x is read as y there; after
+    // y changes, the return must still read x.  A copy that only one arm
+    // makes reaches nothing past the join.
+    MiniFunction f{"f", {"a", "b"}, {"s", "x", "y", "z"}};
+    f.body = {"(= y (+ a 1))", "(= x y)",        "(= z b)",         "(if (< a 0) 1)", "(= s (* x 3))",
+              "(= z y)",       "(goto 2)",       "L1:",             "(= s (+ x 3))",  "L2:",
+              "(= s (+ s z))", "(= y (* b 5))",  "(ret (+ (+ s x) y))"};
+    optimize(f, {"-o2", "--debug_file=dbg.txt"});
+    std::vector<std::string> st = statements();
+    auto has = [&](const std::string& s) { return std::find(st.begin(), st.end(), s) != st.end(); };
+    EXPECT_TRUE(has("(s = (y * 3))")) << output;
+    EXPECT_TRUE(has("(s = (y + 3))")) << output;
+    EXPECT_TRUE(has("(s = (s + z))")) << output;
+    bool return_reads_x = false;
+    for (const std::string& s : st) return_reads_x |= s.rfind("URETURN", 0) == 0 && s.find('x') != std::string::npos;
+    EXPECT_TRUE(return_reads_x) << output;
+    EXPECT_NE(slurp(dir.path / "dbg.txt").find("Copy propagation: "), std::string::npos);
+    same_meaning(samples);
+}
+
 TEST_F(ScalarOpt, DeadAssignmentsGoEvenWithoutPropagation) {
     // Only "fast_CP(0,1)": no value is propagated, but what is never read goes.
     MiniFunction f{"f", {"a", "b"}, {"x", "y"}};

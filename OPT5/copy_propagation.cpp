@@ -1,0 +1,212 @@
+#include "OPT5/copy_propagation.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <deque>
+#include <set>
+#include <vector>
+
+#include "BITVEC/bitvec.h"
+#include "OPT5/abort.h"
+#include "OPT5/bbutils.h"
+#include "OPT5/copyprop.h"
+#include "OPT5/funinfo.h"
+#include "OPT5/globals.h"
+#include "OPT5/node.h"
+#include "OPT5/symtab.h"
+#include "TYPES/type_pkg.h"
+#include "UTIL/ptr_map.h"
+
+namespace {
+const char THIS_MODULE[] = "OPT5/copy_propagation";
+
+// The sets are copies x blocks bits; past this many bits only the first
+// copies are followed, so that a huge function costs bounded memory.
+constexpr size_t MAX_SET_BITS = size_t{1} << 26;
+
+bool assigns(int op) { return op == ASG || is_op_assign(op); }
+
+struct COPY {
+    const SYMTAB* to;
+    const SYMTAB* from;
+};
+
+class COPY_PROPAGATION {
+public:
+    int run(bool global) {
+        FUNINFO* fi = currfuninfo;
+        if (!fi || !fi->bb_list) return 0;
+        taken_ = address_taken_symbols();
+        blocks_ = layout_blocks();
+        if (!find_copies()) return 0;
+        size_t nb = blocks_.size(), nc = copies_.size();
+        std::vector<BITVEC> gen(nb, BITVEC(nc)), kill(nb, BITVEC(nc));
+        for (size_t i = 0; i < nb; ++i)
+            for (BODY_ENTRY& e : blocks_[i]->statements) step(e.tree, gen[i], &kill[i]);
+        std::vector<BITVEC> in(nb, BITVEC(nc));
+        if (global) solve(gen, kill, in);
+        int rewritten = 0;
+        for (size_t i = 0; i < nb; ++i) {
+            BITVEC avail = in[i];
+            for (BODY_ENTRY& e : blocks_[i]->statements) {
+                rewritten += rewrite_reads(e.tree, avail);
+                step(e.tree, avail, nullptr);
+            }
+        }
+        if (print_debug && FDEBUG)
+            DBG_CHECK(std::fprintf(FDEBUG, "Copy propagation: %d of %zu copies' reads rewritten in %s()\n", rewritten,
+                                   nc, currfunc ? currfunc->name.c_str() : ""));
+        return rewritten;
+    }
+
+private:
+    std::set<const SYMTAB*> taken_;
+    std::vector<BBLK*> blocks_;
+    std::vector<COPY> copies_;
+    ptr_map<const NODE*, int> copy_of_;                   // a copy statement's tree -> its number
+    ptr_map<const SYMTAB*, std::vector<int>> involving_;  // a variable -> the copies that name it
+
+    const SYMTAB* private_name(const NODE* n) const {
+        if (!n || n->opcode != NAME || !n->symbol || !n->type || !n->symbol->type) return nullptr;
+        if (!exact_types(n->type, n->symbol->type) || !is_private_variable(n->symbol, taken_)) return nullptr;
+        TYPE* t = n->symbol->type->stripped();
+        return t->is_scalar() && t->kind != TYPE::VECTOR_T ? n->symbol : nullptr;
+    }
+
+    // Numbers the copies; false when there is none to follow (or the
+    // function holds inline assembly, which may name any variable).
+    bool find_copies() {
+        size_t limit = std::max<size_t>(1, MAX_SET_BITS / std::max<size_t>(1, blocks_.size()));
+        for (BBLK* b : blocks_)
+            for (BODY_ENTRY& e : b->statements) {
+                const NODE* t = e.tree;
+                if (!t) continue;
+                if (t->opcode == ASM) return false;
+                if (t->opcode != ASG || copies_.size() >= limit) continue;
+                const SYMTAB* to = private_name(t->left);
+                const SYMTAB* from = private_name(t->right);
+                if (!to || !from || to == from || !exact_types(t->left->type, t->right->type)) continue;
+                int c = static_cast<int>(copies_.size());
+                copies_.push_back({to, from});
+                copy_of_[t] = c;
+                involving_[to].push_back(c);
+                involving_[from].push_back(c);
+            }
+        return !copies_.empty();
+    }
+
+    // The private variables a statement assigns; `embedded` gets those
+    // assigned anywhere but by the statement's own top-level assignment.
+    template <class F>
+    void for_each_assigned(const NODE* stmt, F&& f) const {
+        std::vector<const NODE*> work{stmt};
+        while (!work.empty()) {
+            const NODE* n = work.back();
+            work.pop_back();
+            if (!n || n->opcode == LABEL || n->opcode == FIELD) continue;
+            if (assigns(n->opcode))
+                if (const SYMTAB* v = private_name(n->left)) f(v, n != stmt);
+            work.push_back(n->left);
+            work.push_back(n->right);
+        }
+    }
+
+    // The statement's effect on the available copies: those naming a
+    // variable it assigns end, and a copy statement starts its own.
+    void step(const NODE* stmt, BITVEC& avail, BITVEC* kill) const {
+        if (!stmt) return;
+        for_each_assigned(stmt, [&](const SYMTAB* v, bool) {
+            if (const std::vector<int>* cs = involving_.find(v))
+                for (int c : *cs) {
+                    avail.reset(static_cast<size_t>(c));
+                    if (kill) kill->set(static_cast<size_t>(c));
+                }
+        });
+        if (const int* c = copy_of_.find(stmt)) avail.set(static_cast<size_t>(*c));
+    }
+
+    // Available on entry to a block: what every predecessor passes on
+    // (nothing at the entry, or at a block nothing reaches).
+    void solve(const std::vector<BITVEC>& gen, const std::vector<BITVEC>& kill, std::vector<BITVEC>& in) const {
+        size_t nb = blocks_.size();
+        ptr_map<BBLK*, size_t> index;
+        for (size_t i = 0; i < nb; ++i) index[blocks_[i]] = i;
+        std::vector<BITVEC> out(nb, BITVEC(copies_.size()));
+        for (size_t i = 0; i < nb; ++i) {
+            out[i].set_all();
+            out[i].subtract(kill[i]);
+            out[i].union_with(gen[i]);
+        }
+        std::deque<size_t> work;
+        std::vector<char> queued(nb, 1);
+        for (size_t i = 0; i < nb; ++i) work.push_back(i);
+        while (!work.empty()) {
+            size_t i = work.front();
+            work.pop_front();
+            queued[i] = 0;
+            BBLK* b = blocks_[i];
+            BITVEC avail(copies_.size());
+            if (i != 0 && b->predecessors) {
+                avail.set_all();
+                for (EDGE* p = b->predecessors; p; p = p->rest) {
+                    const size_t* at = index.find(p->bb);
+                    if (at) avail.intersect_with(out[*at]);
+                    else avail.clear_all();
+                }
+            }
+            in[i] = avail;
+            avail.subtract(kill[i]);
+            avail.union_with(gen[i]);
+            if (avail == out[i]) continue;
+            out[i] = avail;
+            for (EDGE* s = b->successors; s; s = s->rest) {
+                const size_t* at = index.find(s->bb);
+                if (at && !queued[*at]) {
+                    queued[*at] = 1;
+                    work.push_back(*at);
+                }
+            }
+        }
+    }
+
+    // Reads of x become reads of y where the copy x = y is available and
+    // the statement assigns neither inside (its top-level assignment is
+    // made after its operands are read).
+    int rewrite_reads(NODE* stmt, const BITVEC& avail) const {
+        if (!stmt || !avail.any()) return 0;
+        std::set<const SYMTAB*> embedded;
+        for_each_assigned(stmt, [&](const SYMTAB* v, bool inside) {
+            if (inside) embedded.insert(v);
+        });
+        int n = 0;
+        std::vector<std::pair<NODE*, bool>> work{{stmt, false}};  // node, an assigned place
+        while (!work.empty()) {
+            auto [t, place] = work.back();
+            work.pop_back();
+            if (!t || t->opcode == LABEL || t->opcode == FIELD) continue;
+            if (t->opcode == NAME) {
+                const SYMTAB* x = place ? nullptr : private_name(t);
+                const std::vector<int>* cs = x ? involving_.find(x) : nullptr;
+                if (!cs || embedded.count(x)) continue;
+                for (int c : *cs) {
+                    const COPY& copy = copies_[static_cast<size_t>(c)];
+                    if (copy.to != x || !avail.test(static_cast<size_t>(c)) || embedded.count(copy.from)) continue;
+                    t->symbol = const_cast<SYMTAB*>(copy.from);
+                    ++n;
+                    break;
+                }
+                continue;
+            }
+            work.push_back({t->left, assigns(t->opcode)});
+            work.push_back({t->right, false});
+        }
+        return n;
+    }
+};
+
+}  // namespace
+
+int copyprop(int global) {
+    COPY_PROPAGATION cp;
+    return cp.run(global != 0);
+}
