@@ -911,8 +911,10 @@ int ssa_integers_mvp::do_integer_value_propagation() {
     const int narrow_at_most = 4;
     std::fill(changes_.begin(), changes_.end(), 0);
     for (int id : widened) {
-        queued[static_cast<size_t>(id)] = 1;
-        work.push_back(id);
+        if (!queued[static_cast<size_t>(id)]) {
+            queued[static_cast<size_t>(id)] = 1;
+            work.push_back(id);
+        }
         queue_users(id);
     }
     while (!work.empty()) {
