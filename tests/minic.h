@@ -15,7 +15,8 @@
 // > >= u< u<= u> u>= && || ?: , and the compound assignments += -= *= /= %=
 // &= |= ^= <<= >>=; conv-int conv-u conv-long conv-ulong conv-x conv-ux;
 // deref (*p), addr (&g, &local), (call ext e) (the external function
-// "ext", see Program::call_ext); statements (if c L) (goto L) (ret e) and
+// "ext", see Program::call_ext), (call f e...) (a function of the unit, any
+// number of arguments; the interpreter below knows only ext); statements (if c L) (goto L) (ret e) and
 // labels "L<n>:".
 #pragma once
 
@@ -86,6 +87,7 @@ struct MiniFunction {
     std::vector<std::string> args, locals;
     std::vector<std::string> body;
     std::vector<std::string> globals;
+    std::vector<std::string> externs;  // functions called but not defined here
 
     std::string text() const;
 };
@@ -109,6 +111,7 @@ inline std::vector<std::string> tokenize(const std::string& s) {
 struct Emitter {
     std::map<std::string, std::pair<int, int>> syms;  // name -> index, type
     std::map<std::string, std::pair<int, int>> globals;  // name -> global index, array type
+    std::map<std::string, int> functions;                 // name -> global index
     std::vector<std::string> toks;
     size_t at = 0;
     std::string out;
@@ -192,10 +195,19 @@ struct Emitter {
             type = conversions.at(op);
             head = "node b:104 n:" + std::to_string(type) + "\n";
         } else if (op == "call") {
-            if (toks.at(at++) != "ext") throw std::runtime_error("only ext is called");
-            out += "node b:2 n:4 R:0:0\n";  // ext, the first global
-            expr();
-            head = "node b:70 n:1 n:1 n:0\n";
+            std::string callee = toks.at(at++);
+            auto fn = callee == "ext" ? functions.end() : functions.find(callee);
+            if (callee != "ext" && fn == functions.end()) throw std::runtime_error("unknown function " + callee);
+            out += "node b:2 n:4 R:0:" + std::to_string(callee == "ext" ? 0 : fn->second) + "\n";
+            // Arguments: one hangs from the call itself, more from a chain of
+            // PCOMMA nodes, the first argument on the left.
+            int n = 0;
+            for (; toks.at(at) != ")"; ++n) {
+                size_t arg = out.size();
+                expr();
+                if (toks.at(at) != ")") out.insert(arg, "node b:57 n:1\n");
+            }
+            head = n == 0 ? "node b:72 n:1 n:0\n" : "node b:70 n:1 n:" + std::to_string(n) + " n:0\n";
         } else if (op == "?:") {
             expr();
             size_t colon = out.size();
@@ -228,8 +240,9 @@ inline std::string symbol_record(const std::string& name, int type) {
            " c:0 n:0 n:0 P:0 b:0\n";
 }
 
-// A unit of several functions (the arrays of the first are the unit's).  The
-// global symbols: "ext" first (index 0), then the functions, then the arrays.
+// A unit of several functions (the arrays and externs of the first are the
+// unit's).  The global symbols: "ext" first (index 0), then the functions,
+// the arrays, and the external functions.
 inline std::string unit_text(const std::vector<MiniFunction>& fns) {
     const std::vector<std::string>& globals = fns.front().globals;
     int first_array = static_cast<int>(fns.size()) + 1;
@@ -243,6 +256,9 @@ inline std::string unit_text(const std::vector<MiniFunction>& fns) {
         for (const std::string& d : f.locals) e.syms[name_of_decl(d)] = {index++, type_of_decl(d)};
         for (size_t g = 0; g < globals.size(); ++g)
             e.globals[name_of_decl(globals[g])] = {static_cast<int>(g) + first_array, global_type(globals[g])};
+        for (size_t k = 0; k < fns.size(); ++k) e.functions[fns[k].name] = static_cast<int>(k) + 1;
+        for (size_t k = 0; k < fns.front().externs.size(); ++k)
+            e.functions[fns.front().externs[k]] = first_array + static_cast<int>(globals.size() + k);
         s += "begin_func P:1:1:1 n:" + std::to_string(fi + 1) + "\n";
         for (const std::string& d : f.args) s += symbol_record(name_of_decl(d), type_of_decl(d));
         s += "end_args P:0\n";
@@ -269,6 +285,8 @@ inline std::string unit_text(const std::vector<MiniFunction>& fns) {
     for (const std::string& g : globals)
         s += "symbol S:\"" + name_of_decl(g) + "\" n:1600 n:0 c:0 w:0 n:" + std::to_string(global_type(g)) +
              " n:0 n:16 c:0 n:0 n:0 P:0 b:0\n";
+    for (const std::string& x : fns.front().externs)
+        s += "symbol S:\"" + x + "\" n:0 n:0 c:0 w:0 n:4 n:0 n:16 c:0 n:0 n:0 P:0 b:0\n";
     s += ".end\n";
     return s;
 }

@@ -1,0 +1,142 @@
+// ifrun: units written as prefix expressions (minic.h) are assembled and
+// run, in this process through the library and end to end through the tool.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "minic.h"
+#include "test_util.h"
+#include "tools/ifrun/ifrun.h"
+
+namespace {
+
+using minic::MiniFunction;
+
+class IfRun : public ::testing::Test {
+protected:
+    std::unique_ptr<IFRUN_UNIT> load(const std::vector<MiniFunction>& fns, const std::string& name = "u.if") {
+        EXPECT_EQ(assemble(minic::unit_text(fns), dir.path / name), "");
+        std::string error;
+        std::unique_ptr<IFRUN_UNIT> unit = IFRUN_UNIT::load((dir.path / name).string(), error);
+        EXPECT_TRUE(unit) << error;
+        return unit;
+    }
+    IFRUN_RESULT run(const std::vector<MiniFunction>& fns, const std::string& entry, std::vector<int64_t> args = {}) {
+        std::unique_ptr<IFRUN_UNIT> unit = load(fns);
+        IFRUN_OPTIONS o;
+        o.entry = entry;
+        o.args = std::move(args);
+        o.step_limit = 200000;
+        return unit ? unit->run(o) : IFRUN_RESULT{};
+    }
+    TempDir dir;
+};
+
+// fact(n) recursively; mix(a, b, c) tells its arguments apart; main calls
+// both and prints a digit.
+std::vector<MiniFunction> calls_unit() {
+    MiniFunction main_fn{"main", {}, {"r"}};
+    main_fn.externs = {"putchar"};
+    main_fn.body = {"(= r (+ (call fact 7) (call mix 1 2 3)))", "(call putchar (+ 48 (% r 10)))", "(ret r)"};
+    MiniFunction fact{"fact", {"n"}, {}};
+    fact.body = {"(if (> n 1) 1)", "(ret 1)", "L1:", "(ret (* n (call fact (- n 1))))"};
+    MiniFunction mix{"mix", {"a", "b", "c"}, {}};
+    mix.body = {"(ret (+ (+ (* a 100) (* b 10)) c))"};
+    return {main_fn, fact, mix};
+}
+
+TEST_F(IfRun, CallsRecurseAndBindArgumentsInOrder) {
+    IFRUN_RESULT r = run(calls_unit(), "main");
+    ASSERT_TRUE(r.ok) << r.error;
+    EXPECT_EQ(r.value, 5040 + 123);
+    EXPECT_EQ(r.output, "3");
+    EXPECT_EQ(run(calls_unit(), "mix", {4, 5, 6}).value, 456);
+    // Seven calls of fact, one of mix, one of putchar; every function counted.
+    EXPECT_EQ(r.per_opcode["CALL"], 9u);
+    EXPECT_GT(r.per_function["fact"], r.per_function["mix"]);
+    EXPECT_EQ(r.per_function.count("main"), 1u);
+}
+
+TEST_F(IfRun, ArithmeticWrapsAtEachTypesWidth) {
+    MiniFunction f{"f", {"a", "u:b", "x:c", "ul:d"}, {"s"}};
+    // a + 1 wraps at 16 bits signed, b * 2 at 16 bits unsigned, c + c at 40
+    // bits, d at 32 bits unsigned; unsigned division and shifts.
+    f.body = {"(= s (+ a 1))", "(if (!= s -32768) 1)", "(if (!= (conv-int (* b 2u)) -2) 1)",
+              "(if (!= (conv-int (>> (+ c c) 39)) -1) 1)", "(if (!= (conv-int (>> (+ d 1#ul) 16)) 0) 1)",
+              "(if (!= (conv-int (/ b 16u)) 4095) 1)", "(ret 7)", "L1:", "(ret 0)"};
+    IFRUN_RESULT r = run({f}, "f", {32767, 65535, (int64_t{1} << 39) - 1, 4294967295});
+    ASSERT_TRUE(r.ok) << r.error;
+    EXPECT_EQ(r.value, 7);
+}
+
+TEST_F(IfRun, WhatTheProgramDoesWrongStopsTheRunWithWhereItHappened) {
+    MiniFunction f{"f", {"a"}, {"x", "y", "p:p"}};
+    f.globals = {"g"};
+    f.body = {"(if (== a 0) 1)", "(if (== a 1) 2)", "(if (== a 2) 3)", "(if (== a 3) 4)", "(ret (/ 10 (- a 4)))",
+              "L1:", "(ret (+ x 1))",  // x was never written
+              "L2:", "(= p (+ g 100))", "(ret (deref p))",  // one past the array
+              "L3:", "(ret (call ext 1))",                  // not in the unit
+              "L4:", "(goto 4)"};                           // forever
+    struct CASE {
+        int64_t a;
+        std::string message;
+    };
+    for (const CASE& c : {CASE{0, "a read of 'x' before anything was stored there"},
+                          CASE{1, "a load from outside every object"}, CASE{2, "a call of 'ext', which the unit does not define"},
+                          CASE{3, "the step limit of 200000 operations is reached"}, CASE{4, "division by zero"}}) {
+        IFRUN_RESULT r = run({f}, "f", {c.a});
+        EXPECT_FALSE(r.ok) << c.a;
+        EXPECT_NE(r.error.find(c.message), std::string::npos) << r.error;
+        EXPECT_EQ(r.error.rfind("in 'f', t.c, line ", 0), 0u) << r.error;
+    }
+    // The array itself is there to be read: globals start as zeros.
+    MiniFunction g{"g", {"i"}, {}};
+    g.globals = {"arr"};
+    g.body = {"(= (deref (+ arr 5)) 9)", "(ret (+ (deref (+ arr i)) (deref (+ arr 99))))"};
+    EXPECT_EQ(run({g}, "g", {5}).value, 9);
+    EXPECT_FALSE(run({g}, "g", {-1}).ok);
+}
+
+TEST_F(IfRun, OptimizedUnitsComputeTheSameWithFewerOperations) {
+    // A loop over a global array with a copy and a constant the optimizer
+    // folds away; run before and after opt5 at every level.
+    MiniFunction f{"f", {"n"}, {"i", "s", "t", "k"}};
+    f.globals = {"g"};
+    f.body = {"(= k 3)", "(= s 0)", "(= i 0)", "L1:", "(if (>= i 64) 2)", "(= t i)", "(= (deref (+ g t)) (* t k))",
+              "(+= s (deref (+ g i)))", "(+= i 1)", "(goto 1)", "L2:", "(ret (+ s n))"};
+    ASSERT_EQ(assemble(minic::unit_text({f}), dir.path / "in.if"), "");
+    std::string error;
+    IFRUN_OPTIONS o;
+    o.entry = "f";
+    o.args = {5};
+    IFRUN_RESULT before = IFRUN_UNIT::load((dir.path / "in.if").string(), error)->run(o);
+    ASSERT_TRUE(before.ok) << before.error;
+    EXPECT_EQ(before.value, 3 * (63 * 64 / 2) + 5);
+    for (std::string level : {"0", "1", "2", "3", "4"}) {
+        Result opt = run_program(OPT5_BINARY, {"-o" + level, "in.if", "out" + level + ".if"}, dir.path);
+        ASSERT_TRUE(opt.exited && opt.status == 0) << opt.err;
+        std::unique_ptr<IFRUN_UNIT> u = IFRUN_UNIT::load((dir.path / ("out" + level + ".if")).string(), error);
+        ASSERT_TRUE(u) << error;
+        IFRUN_RESULT after = u->run(o);
+        ASSERT_TRUE(after.ok) << level << ": " << after.error;
+        EXPECT_EQ(after.value, before.value) << level;
+        if (level == "2") EXPECT_LT(after.operations, before.operations);
+    }
+}
+
+TEST_F(IfRun, TheToolReportsStatusOutputAndStatistics) {
+    ASSERT_EQ(assemble(minic::unit_text(calls_unit()), dir.path / "u.if"), "");
+    Result r = run_program(IFRUN_BINARY, {"u.if", "--stats"}, dir.path);
+    EXPECT_TRUE(r.exited);
+    EXPECT_EQ(r.status, (5040 + 123) & 0xFF);
+    EXPECT_EQ(r.out, "3");
+    EXPECT_NE(r.err.find("operations: "), std::string::npos) << r.err;
+    EXPECT_NE(r.err.find("function fact"), std::string::npos) << r.err;
+    Result bad = run_program(IFRUN_BINARY, {"u.if", "--entry", "nothing"}, dir.path);
+    EXPECT_EQ(bad.status, 1);
+    EXPECT_NE(bad.err.find("the unit defines no function 'nothing'"), std::string::npos) << bad.err;
+    Result args = run_program(IFRUN_BINARY, {"u.if", "--entry", "mix", "2", "0", "7"}, dir.path);
+    EXPECT_EQ(args.status, 207);
+}
+
+}  // namespace

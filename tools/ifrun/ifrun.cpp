@@ -1,0 +1,765 @@
+#include "tools/ifrun/ifrun.h"
+
+#include <cinttypes>
+#include <cstdio>
+#include <deque>
+
+#include "IFILE/if_file.h"
+#include "OPT5/node.h"
+#include "OPT5/opcodes.h"
+#include "OPT5/opt_client.h"
+#include "OPT5/symtab.h"
+#include "TYPES/type_pkg.h"
+#include "UTIL/ptr_map.h"
+
+namespace {
+
+// Where things live: globals and string constants from GLOBAL_BASE, the
+// frames of calls from STACK_BASE up; address 0 is no object.  Objects are
+// kept one unit apart, so that running off the end of one is caught.
+constexpr uint64_t GLOBAL_BASE = 0x100;
+constexpr uint64_t STACK_BASE = 0x40000000;
+constexpr uint64_t STACK_UNITS = uint64_t{1} << 22;
+constexpr int MAX_CALL_DEPTH = 10000;
+constexpr unsigned MAX_LANES = 16;
+
+struct RUN_ERROR {
+    std::string message;
+};
+[[noreturn]] void fail(const std::string& message) { throw RUN_ERROR{message}; }
+
+struct STMT {
+    const NODE* tree = nullptr;  // null: inline assembly, which cannot be run
+    PSN pos;
+};
+
+struct FUNC {
+    SYMTAB* sym = nullptr;
+    std::vector<SYMTAB*> params, locals;
+    std::vector<STMT> stmts;
+    std::map<int64_t, size_t> labels;   // label id -> index of the statement after it
+    ptr_map<const SYMTAB*, uint64_t> offset;  // parameter or local -> units from the frame's start
+    uint64_t frame_units = 0;
+    uint64_t operations = 0;  // counted while a run is in it
+};
+
+// Builds the unit's functions from the reader's records; the trees are the
+// optimizer's own nodes.
+class LOADER : public NODE_CLIENT {
+public:
+    std::deque<SYMTAB> symbols;
+    std::deque<FUNC> funcs;
+    FUNC* cur = nullptr;
+    bool in_args = false;
+
+    bool cl_magic(int, int) override { return true; }
+    void cl_source(const char*) override {}
+    I_SYMTAB* cl_symbol_create(char* name, TYPE* type, TYPE* type2, unsigned long size, unsigned long align,
+                               unsigned long b, int c, int d, PSN* pos, unsigned long f, unsigned g,
+                               I_SYMTAB::RETENTION_POLICY retention) override {
+        SYMTAB& s = symbols.emplace_back();
+        s.name = name;
+        s.type = type;
+        s.type2 = type2;
+        s.size = size;
+        s.align = align;
+        s.value_b = b;
+        s.value_c = c;
+        s.value_d = d;
+        s.value_f = f;
+        s.value_g = g;
+        s.retention = retention;
+        if (pos) s.pos = *pos;
+        return &s;
+    }
+    void cl_symbol_def(I_SYMTAB* sym) override {
+        if (cur && !sym->global) (in_args ? cur->params : cur->locals).push_back(static_cast<SYMTAB*>(sym));
+    }
+    void cl_pragma(I_SYMTAB*, PRAGMA*) override {}
+    void cl_merge_type_defs() override {}
+    void cl_preprocess_statics() override {}
+    void cl_begin_func(I_SYMTAB* fn, PSN*) override {
+        cur = &funcs.emplace_back();
+        cur->sym = static_cast<SYMTAB*>(fn);
+        in_args = true;
+    }
+    void cl_end_args(PSN*) override { in_args = false; }
+    void cl_end_locals(PSN*) override {}
+    void cl_begin_block(PSN*) override {}
+    void cl_end_block(PSN*) override {}
+    void cl_end_func(PSN*) override { cur = nullptr; }
+    void cl_label(unsigned id) override {
+        if (cur) cur->labels[id] = cur->stmts.size();
+    }
+    void cl_expr(BASE_NODE* tree, PSN* pos) override {
+        if (cur) cur->stmts.push_back({static_cast<NODE*>(tree), pos ? *pos : PSN{}});
+    }
+    void cl_inline_asm(char*, PSN* pos) override {
+        if (cur) cur->stmts.push_back({nullptr, pos ? *pos : PSN{}});
+    }
+    void cl_comment(char*) override {}
+    void cl_func_info(int) override {}
+    void cl_func_eht(EHT_ENTRY*, unsigned) override {}
+    void cl_loop_def(unsigned, unsigned, unsigned, unsigned, unsigned, unsigned) override {}
+    void cl_loop_header(unsigned, I_SYMTAB*, unsigned) override {}
+    void cl_dd_vector(const std::vector<long long>&) override {}
+    void cl_dd_edge(unsigned, unsigned, unsigned) override {}
+    void cl_mbank(unsigned, unsigned, unsigned, unsigned, unsigned) override {}
+    void cl_ir_end_func(PSN*) override {}
+};
+
+uint64_t units_of_bits(uint64_t bits) { return (bits + 15) / 16; }
+
+// Integer view of a scalar type: its width and signedness.
+struct SCALAR {
+    unsigned bits = 16;
+    bool is_signed = true;
+};
+
+SCALAR scalar_of(TYPE* type) {
+    TYPE* t = type ? type->stripped() : nullptr;
+    if (!t) fail("a value without a type");
+    switch (t->kind) {
+    case TYPE::INT_T:
+    case TYPE::ENUM_T: return {static_cast<unsigned>(t->size), t->is_signed()};
+    case TYPE::PTR_T: return {static_cast<unsigned>(t->size ? t->size : 32), false};
+    case TYPE::ARRAY_T: return {32, false};  // an array's value is its address
+    case TYPE::FLOAT_T: fail("floating-point values are not supported yet");
+    default: fail("a value of this type cannot be computed (type kind " + std::to_string(t->kind) + ")");
+    }
+}
+
+int64_t wrap(int64_t v, SCALAR s) {
+    if (s.bits >= 64 || s.bits == 0) return v;
+    uint64_t mask = (uint64_t{1} << s.bits) - 1;
+    uint64_t u = static_cast<uint64_t>(v) & mask;
+    if (s.is_signed && (u >> (s.bits - 1))) u |= ~mask;
+    return static_cast<int64_t>(u);
+}
+
+uint64_t as_unsigned(int64_t v, SCALAR s) {
+    return s.bits >= 64 ? static_cast<uint64_t>(v) : static_cast<uint64_t>(v) & ((uint64_t{1} << s.bits) - 1);
+}
+
+bool is_vector(TYPE* type) { return type && type->stripped()->kind == TYPE::VECTOR_T; }
+
+class UNIT : public IFRUN_UNIT {
+public:
+    LOADER loader;
+    std::unique_ptr<I_FILE> file;
+    ptr_map<const SYMTAB*, FUNC*> func_of;
+    ptr_map<const SYMTAB*, uint64_t> global_at;
+    ptr_map<const NODE*, uint64_t> string_at;  // SCON node -> its characters
+    std::vector<uint16_t> globals_mem;
+    std::vector<uint8_t> globals_set;  // 0: no object, 1: unset, 2: set
+    std::map<std::string, FUNC*> by_name;
+
+    IFRUN_RESULT run(const IFRUN_OPTIONS& options) override;
+
+    // Lays out the globals and string constants and gives them their data.
+    void lay_out(I_FILE* file) {
+        uint64_t next = GLOBAL_BASE;
+        for (I_SYMTAB* g : file->globals) {
+            SYMTAB* s = static_cast<SYMTAB*>(g);
+            TYPE* t = s->type ? s->type->stripped() : nullptr;
+            if (!t || t->kind == TYPE::FUNC_T) continue;
+            uint64_t units = std::max<uint64_t>(1, units_of_bits(s->size ? s->size : t->size));
+            global_at[s] = next;
+            next += units + 1;
+        }
+        for (FUNC& f : loader.funcs)
+            for (const STMT& st : f.stmts) next = place_strings(st.tree, next);
+        globals_mem.assign(next - GLOBAL_BASE, 0);
+        globals_set.assign(next - GLOBAL_BASE, 0);
+        for (I_SYMTAB* g : file->globals) {
+            SYMTAB* s = static_cast<SYMTAB*>(g);
+            const uint64_t* at = global_at.find(s);
+            if (!at) continue;
+            uint64_t units = std::max<uint64_t>(1, units_of_bits(s->size ? s->size : s->type->stripped()->size));
+            for (uint64_t u = 0; u < units; ++u) globals_set[*at - GLOBAL_BASE + u] = 2;
+            if (s->x().has_init) initialize(*at, units, s->x().init_trees);
+        }
+        for (auto& f : loader.funcs) {
+            uint64_t off = 0;
+            for (std::vector<SYMTAB*>* list : {&f.params, &f.locals})
+                for (SYMTAB* s : *list) {
+                    TYPE* t = s->type ? s->type->stripped() : nullptr;
+                    uint64_t units = std::max<uint64_t>(1, units_of_bits(s->size ? s->size : (t ? t->size : 16)));
+                    f.offset[s] = off;
+                    off += units + 1;
+                }
+            f.frame_units = off;
+            func_of[f.sym] = &f;
+            by_name[f.sym->name] = &f;
+        }
+    }
+
+    uint64_t place_strings(const NODE* t, uint64_t next) {
+        std::vector<const NODE*> work{t};
+        while (!work.empty()) {
+            const NODE* n = work.back();
+            work.pop_back();
+            if (!n) continue;
+            if (n->opcode == SCON && !string_at.find(n)) {
+                string_at[n] = next;
+                next += n->x().text_length + 2;  // the characters, the terminating zero, the gap
+            }
+            work.push_back(n->left);
+            work.push_back(n->right);
+        }
+        return next;
+    }
+
+    void write_strings() {
+        for (FUNC& f : loader.funcs)
+            for (const STMT& st : f.stmts) {
+                std::vector<const NODE*> work{st.tree};
+                while (!work.empty()) {
+                    const NODE* n = work.back();
+                    work.pop_back();
+                    if (!n) continue;
+                    if (n->opcode == SCON) {
+                        uint64_t at = *string_at.find(n) - GLOBAL_BASE;
+                        const std::string& s = n->x().text;
+                        for (size_t i = 0; i <= n->x().text_length; ++i) {
+                            globals_mem[at + i] = i < n->x().text_length && i < s.size() ? static_cast<unsigned char>(s[i]) : 0;
+                            globals_set[at + i] = 2;
+                        }
+                    }
+                    work.push_back(n->left);
+                    work.push_back(n->right);
+                }
+            }
+    }
+
+    // An initializer: its trees fill the object from its start, each
+    // constant taking its type's units; SKIP leaves its count of units zero.
+    void initialize(uint64_t at, uint64_t units, const std::vector<BASE_NODE*>& trees) {
+        uint64_t off = 0;
+        for (BASE_NODE* b : trees) {
+            const NODE* n = static_cast<const NODE*>(b);
+            if (n->opcode == ENDINIT) break;
+            if (n->opcode == SKIP) {
+                off += n->value.as<uint64_t>();
+                continue;
+            }
+            if (n->opcode != ICON && n->opcode != LCON) fail("an initializer holds a form that cannot be run yet");
+            SCALAR s = scalar_of(n->type);
+            uint64_t u = units_of_bits(s.bits);
+            if (off + u > units) fail("an initializer runs past its object");
+            int64_t v = n->value.as<int64_t>();
+            for (uint64_t k = 0; k < u; ++k) globals_mem[at - GLOBAL_BASE + off + k] = static_cast<uint16_t>(v >> (16 * k));
+            off += u;
+        }
+    }
+};
+
+// One run of a unit.
+class MACHINE {
+public:
+    MACHINE(UNIT& unit, const IFRUN_OPTIONS& options, IFRUN_RESULT& result)
+        : unit_(unit), options_(options), result_(result) {
+        mem_ = unit.globals_mem;
+        set_ = unit.globals_set;
+    }
+
+    int64_t call(FUNC& f, const std::vector<int64_t>& args) {
+        if (static_cast<int>(frames_.size()) >= MAX_CALL_DEPTH)
+            fail("calls nested deeper than " + std::to_string(MAX_CALL_DEPTH));
+        uint64_t base = frames_.empty() ? STACK_BASE : frames_.back().base + frames_.back().func->frame_units + 1;
+        if (base + f.frame_units >= STACK_BASE + STACK_UNITS) fail("the stack is full");
+        uint64_t need = base + f.frame_units - STACK_BASE;
+        if (stack_.size() < need) {
+            stack_.resize(need, 0);
+            stack_set_.resize(need, 0);
+        }
+        std::fill(stack_set_.begin() + static_cast<long>(base - STACK_BASE), stack_set_.begin() + static_cast<long>(need), 0);
+        for (std::vector<SYMTAB*>* list : {&f.params, &f.locals})
+            for (SYMTAB* s : *list) {
+                uint64_t at = base + *f.offset.find(s);
+                uint64_t units = std::max<uint64_t>(1, units_of_bits(s->size ? s->size : s->type->stripped()->size));
+                for (uint64_t u = 0; u < units; ++u) stack_set_[at - STACK_BASE + u] = 1;
+            }
+        frames_.push_back({&f, base, 0});
+        if (args.size() != f.params.size() && !(f.params.empty() && args.empty()))
+            fail("'" + f.sym->name + "' takes " + std::to_string(f.params.size()) + " arguments, called with " +
+                 std::to_string(args.size()));
+        for (size_t i = 0; i < args.size(); ++i) {
+            SYMTAB* p = f.params[i];
+            store(base + *f.offset.find(p), wrap(args[i], scalar_of(p->type)), p->type);
+        }
+        int64_t value = execute(f);
+        frames_.pop_back();
+        return value;
+    }
+
+    std::string where() const {
+        if (frames_.empty()) return "";
+        const FRAME& fr = frames_.back();
+        std::string s = "in '" + fr.func->sym->name + "'";
+        if (fr.pc < fr.func->stmts.size()) {
+            const PSN& p = fr.func->stmts[fr.pc].pos;
+            if (p.file) s += std::string(", ") + p.file;
+            s += ", line " + std::to_string(p.line);
+        }
+        return s;
+    }
+
+private:
+    struct FRAME {
+        FUNC* func;
+        uint64_t base;
+        size_t pc;
+    };
+    UNIT& unit_;
+    const IFRUN_OPTIONS& options_;
+    IFRUN_RESULT& result_;
+    std::vector<uint16_t> mem_, stack_;
+    std::vector<uint8_t> set_, stack_set_;
+    std::deque<FRAME> frames_;  // a frame stays put while calls made from it come and go
+
+    void count(int opcode) {
+        if (++result_.operations > options_.step_limit)
+            fail("the step limit of " + std::to_string(options_.step_limit) + " operations is reached");
+        ++per_opcode_[opcode];
+        ++frames_.back().func->operations;
+    }
+
+public:
+    uint64_t per_opcode_[NUM_OPCODES] = {};
+
+private:
+    // The cells of `units` units at `address`, checked.
+    uint16_t* cells(uint64_t address, uint64_t units, bool write, std::vector<uint8_t>** state, uint64_t* index) {
+        std::vector<uint16_t>* m = nullptr;
+        if (address >= GLOBAL_BASE && address + units <= GLOBAL_BASE + mem_.size()) {
+            m = &mem_;
+            *state = &set_;
+            *index = address - GLOBAL_BASE;
+        } else if (address >= STACK_BASE && !frames_.empty() && address + units <= STACK_BASE + stack_.size()) {
+            m = &stack_;
+            *state = &stack_set_;
+            *index = address - STACK_BASE;
+        } else {
+            fail(std::string(write ? "a store to" : "a load from") + (address == 0 ? " a null pointer" : " outside every object") +
+                 " (address 0x" + hex(address) + ")");
+        }
+        for (uint64_t u = 0; u < units; ++u) {
+            uint8_t s = (**state)[*index + u];
+            if (s == 0)
+                fail(std::string(write ? "a store to" : "a load from") + " outside every object (address 0x" + hex(address) + ")");
+            if (!write && s == 1) fail("a read of " + name_at(address) + " before anything was stored there");
+        }
+        return m->data() + *index;
+    }
+
+    static std::string hex(uint64_t v) {
+        char b[32];
+        std::snprintf(b, sizeof b, "%" PRIx64, v);
+        return b;
+    }
+
+    std::string name_at(uint64_t address) const {
+        if (!frames_.empty()) {
+            const FRAME& fr = frames_.back();
+            for (std::vector<SYMTAB*>* list : {&fr.func->params, &fr.func->locals})
+                for (SYMTAB* s : *list)
+                    if (fr.base + *fr.func->offset.find(s) == address) return "'" + s->name + "'";
+        }
+        return "address 0x" + hex(address);
+    }
+
+    int64_t load(uint64_t address, TYPE* type) {
+        SCALAR s = scalar_of(type);
+        uint64_t units = units_of_bits(s.bits), index;
+        std::vector<uint8_t>* state;
+        uint16_t* c = cells(address, units, false, &state, &index);
+        uint64_t v = 0;
+        for (uint64_t k = 0; k < units && k < 4; ++k) v |= static_cast<uint64_t>(c[k]) << (16 * k);
+        return wrap(static_cast<int64_t>(v), s);
+    }
+
+    void store(uint64_t address, int64_t value, TYPE* type) {
+        SCALAR s = scalar_of(type);
+        uint64_t units = units_of_bits(s.bits), index;
+        std::vector<uint8_t>* state;
+        uint16_t* c = cells(address, units, true, &state, &index);
+        for (uint64_t k = 0; k < units; ++k) {
+            c[k] = k < 4 ? static_cast<uint16_t>(static_cast<uint64_t>(value) >> (16 * k)) : 0;
+            (*state)[index + k] = 2;
+        }
+    }
+
+    uint64_t address_of_symbol(const SYMTAB* s) {
+        if (const uint64_t* g = unit_.global_at.find(s)) return *g;
+        const FRAME& fr = frames_.back();
+        if (const uint64_t* off = fr.func->offset.find(s)) return fr.base + *off;
+        fail("'" + s->name + "' has no storage here");
+    }
+
+    // The address an lvalue names.
+    uint64_t address_of(const NODE* n) {
+        switch (n->opcode) {
+        case NAME: return address_of_symbol(n->symbol);
+        case UMULT: return static_cast<uint64_t>(eval(n->left));
+        default: fail(std::string("an assignment to a ") + node_operator_name[n->opcode] + " node");
+        }
+    }
+
+    static bool aggregate(TYPE* t) {
+        TYPE* s = t ? t->stripped() : nullptr;
+        return s && (s->kind == TYPE::ARRAY_T || s->kind == TYPE::STRUCT_T || s->kind == TYPE::UNION_T);
+    }
+
+    int64_t divide(int op, int64_t a, int64_t b, TYPE* type) {
+        SCALAR s = scalar_of(type);
+        if (b == 0) fail("division by zero");
+        if (!s.is_signed) {
+            uint64_t ua = as_unsigned(a, s), ub = as_unsigned(b, s);
+            return wrap(static_cast<int64_t>(op == DIV ? ua / ub : ua % ub), s);
+        }
+        if (b == -1) return wrap(op == DIV ? static_cast<int64_t>(0 - static_cast<uint64_t>(a)) : 0, s);
+        return wrap(op == DIV ? a / b : a % b, s);
+    }
+
+    int64_t shift(int op, int64_t a, int64_t c, TYPE* operand_type, TYPE* type) {
+        SCALAR s = scalar_of(operand_type);
+        if (c < 0 || c >= static_cast<int64_t>(s.bits))
+            fail("a shift by " + std::to_string(c) + " of a " + std::to_string(s.bits) + "-bit value");
+        if (op == SLL) return wrap(static_cast<int64_t>(static_cast<uint64_t>(a) << c), scalar_of(type));
+        if (!s.is_signed) return wrap(static_cast<int64_t>(as_unsigned(a, s) >> c), scalar_of(type));
+        return wrap(a >> c, scalar_of(type));
+    }
+
+    int64_t arith(int op, int64_t a, int64_t b, const NODE* n, TYPE* left_type) {
+        SCALAR s = scalar_of(n->type);
+        switch (op) {
+        case PLUS: return wrap(static_cast<int64_t>(static_cast<uint64_t>(a) + static_cast<uint64_t>(b)), s);
+        case MINUS: return wrap(static_cast<int64_t>(static_cast<uint64_t>(a) - static_cast<uint64_t>(b)), s);
+        case MULT: return wrap(static_cast<int64_t>(static_cast<uint64_t>(a) * static_cast<uint64_t>(b)), s);
+        case DIV:
+        case MOD: return divide(op, a, b, n->type);
+        case ANDB: return wrap(a & b, s);
+        case ORB: return wrap(a | b, s);
+        case XORB: return wrap(a ^ b, s);
+        case SLL:
+        case SRL: return shift(op, a, b, left_type, n->type);
+        default: fail(std::string("operator ") + node_operator_name[op]);
+        }
+    }
+
+    static int base_op(int op) {
+        switch (op) {
+        case PLUSASG: case PLUSPLUS: return PLUS;
+        case MINUSASG: case MINMIN: return MINUS;
+        case MULTASG: return MULT;
+        case DIVASG: return DIV;
+        case MODASG: return MOD;
+        case ANDBASG: return ANDB;
+        case ORBASG: return ORB;
+        case XORBASG: return XORB;
+        case SLLASG: return SLL;
+        case SRLASG: return SRL;
+        default: return NOP;
+        }
+    }
+
+    bool compare(int op, int64_t a, int64_t b, TYPE* operand_type) {
+        SCALAR s = scalar_of(operand_type);
+        if (op >= ULE || !s.is_signed) {
+            uint64_t ua = as_unsigned(a, s), ub = as_unsigned(b, s);
+            switch (op) {
+            case EQ: return ua == ub;
+            case NEQ: return ua != ub;
+            case LE: case ULE: return ua <= ub;
+            case LT: case ULT: return ua < ub;
+            case GE: case UGE: return ua >= ub;
+            default: return ua > ub;
+            }
+        }
+        switch (op) {
+        case EQ: return a == b;
+        case NEQ: return a != b;
+        case LE: return a <= b;
+        case LT: return a < b;
+        case GE: return a >= b;
+        default: return a > b;
+        }
+    }
+
+    // Vectors: lane by lane over elements laid out one after another.
+    unsigned lanes_of(TYPE* t) {
+        TYPE* v = t->stripped();
+        if (v->count == 0 || v->count > MAX_LANES) fail("a vector of " + std::to_string(v->count) + " lanes");
+        return static_cast<unsigned>(v->count);
+    }
+    void eval_vector(const NODE* n, int64_t* out) {
+        count(n->opcode);
+        TYPE* elem = n->type->stripped()->base;
+        unsigned lanes = lanes_of(n->type);
+        switch (n->opcode) {
+        case UMULT: {
+            uint64_t at = static_cast<uint64_t>(eval(n->left));
+            uint64_t step = units_of_bits(scalar_of(elem).bits);
+            for (unsigned l = 0; l < lanes; ++l) out[l] = load(at + l * step, elem);
+            return;
+        }
+        case PLUS: case MINUS: case MULT: case ANDB: case ORB: case XORB: {
+            int64_t a[MAX_LANES], b[MAX_LANES];
+            eval_vector(n->left, a);
+            eval_vector(n->right, b);
+            SCALAR s = scalar_of(elem);
+            for (unsigned l = 0; l < lanes; ++l) {
+                uint64_t x = static_cast<uint64_t>(a[l]), y = static_cast<uint64_t>(b[l]);
+                uint64_t r = n->opcode == PLUS ? x + y : n->opcode == MINUS ? x - y : n->opcode == MULT ? x * y
+                           : n->opcode == ANDB ? (x & y) : n->opcode == ORB ? (x | y) : (x ^ y);
+                out[l] = wrap(static_cast<int64_t>(r), s);
+            }
+            return;
+        }
+        default: fail(std::string("the vector operator ") + node_operator_name[n->opcode]);
+        }
+    }
+
+    std::vector<int64_t> arguments(const NODE* call, std::vector<TYPE*>* types) {
+        std::vector<const NODE*> list;
+        if (call->opcode == CALL) {
+            uint64_t n = call->value.as<uint64_t>();
+            const NODE* a = call->right;
+            for (uint64_t k = 1; k < n && a && a->opcode == PCOMMA; ++k) {
+                list.push_back(a->left);
+                a = a->right;
+            }
+            if (a) list.push_back(a);
+        }
+        std::vector<int64_t> values;
+        for (const NODE* a : list) {
+            values.push_back(aggregate(a->type) ? static_cast<int64_t>(address_of(a)) : eval(a));
+            if (types) types->push_back(a->type);
+        }
+        return values;
+    }
+
+    int64_t call_node(const NODE* n) {
+        const NODE* f = n->left;
+        const SYMTAB* callee = f && f->opcode == NAME ? f->symbol : nullptr;
+        if (f && f->opcode == UAND && f->left && f->left->opcode == NAME) callee = f->left->symbol;
+        if (!callee) fail("a call through a pointer (not supported yet)");
+        std::vector<TYPE*> types;
+        std::vector<int64_t> args = arguments(n, &types);
+        if (FUNC* const* def = unit_.func_of.find(callee)) {
+            TYPE* ft = callee->type ? callee->type->stripped() : nullptr;
+            int64_t r = call(**def, args);
+            TYPE* rt = ft && ft->base ? ft->base->stripped() : nullptr;
+            return rt && rt->kind != TYPE::VOID_T ? wrap(r, scalar_of(rt)) : 0;
+        }
+        return builtin(callee->name, args, types);
+    }
+
+    std::string string_at(uint64_t address) {
+        std::string s;
+        for (;;) {
+            int64_t c = load(address++, char_type());
+            if (c == 0) return s;
+            s += static_cast<char>(c);
+        }
+    }
+    TYPE* char_type() { return type_pkg->mk_int(TYPE::IK_CHAR, true); }
+
+    int64_t builtin(const std::string& name, const std::vector<int64_t>& args, const std::vector<TYPE*>& types) {
+        if (name == "putchar" && args.size() == 1) {
+            result_.output += static_cast<char>(args[0]);
+            return args[0];
+        }
+        if (name == "printf" && !args.empty()) {
+            std::string fmt = string_at(static_cast<uint64_t>(args[0])), out;
+            size_t next = 1;
+            for (size_t i = 0; i < fmt.size(); ++i) {
+                if (fmt[i] != '%') {
+                    out += fmt[i];
+                    continue;
+                }
+                size_t j = i + 1;
+                while (j < fmt.size() && std::string("-+ #0123456789.").find(fmt[j]) != std::string::npos) ++j;
+                while (j < fmt.size() && (fmt[j] == 'l' || fmt[j] == 'h')) ++j;
+                if (j >= fmt.size()) fail("printf: a conversion is cut short");
+                char conv = fmt[j];
+                std::string flags = fmt.substr(i, j - i);
+                while (!flags.empty() && (flags.back() == 'l' || flags.back() == 'h')) flags.pop_back();
+                i = j;
+                if (conv == '%') {
+                    out += '%';
+                    continue;
+                }
+                if (next >= args.size()) fail("printf: fewer arguments than conversions");
+                int64_t v = args[next];
+                SCALAR s = scalar_of(types[next]);
+                ++next;
+                char buf[128];
+                switch (conv) {
+                case 'd': case 'i': std::snprintf(buf, sizeof buf, (flags + "lld").c_str(), static_cast<long long>(v)); break;
+                case 'u': case 'x': case 'X': case 'o':
+                    std::snprintf(buf, sizeof buf, (flags + "ll" + conv).c_str(), static_cast<unsigned long long>(as_unsigned(v, s)));
+                    break;
+                case 'c': std::snprintf(buf, sizeof buf, (flags + "c").c_str(), static_cast<int>(v)); break;
+                case 's': out += string_at(static_cast<uint64_t>(v)); continue;
+                default: fail(std::string("printf: the conversion %") + conv);
+                }
+                out += buf;
+            }
+            result_.output += out;
+            return static_cast<int64_t>(out.size());
+        }
+        fail("a call of '" + name + "', which the unit does not define");
+    }
+
+public:
+    int64_t eval(const NODE* n) {
+        if (is_vector(n->type) && n->opcode != ASG) fail("a vector value where a scalar is wanted");
+        count(n->opcode);
+        switch (n->opcode) {
+        case ICON: case LCON: return wrap(n->value.as<int64_t>(), scalar_of(n->type));
+        case SCON: return static_cast<int64_t>(*unit_.string_at.find(n));
+        case NAME:
+            if (aggregate(n->type)) return static_cast<int64_t>(address_of_symbol(n->symbol));
+            return load(address_of_symbol(n->symbol), n->type);
+        case UAND: return static_cast<int64_t>(address_of(n->left));
+        case UMULT: return aggregate(n->type) ? eval(n->left) : load(static_cast<uint64_t>(eval(n->left)), n->type);
+        case SCONV: case PCONV: return wrap(eval(n->left), scalar_of(n->type));
+        case PLUS: case MINUS: case MULT: case DIV: case MOD: case ANDB: case ORB: case XORB: case SLL: case SRL: {
+            int64_t a = eval(n->left);
+            int64_t b = eval(n->right);
+            return arith(n->opcode, a, b, n, n->left->type);
+        }
+        case UMINUS: return wrap(static_cast<int64_t>(0 - static_cast<uint64_t>(eval(n->left))), scalar_of(n->type));
+        case NOTB: return wrap(~eval(n->left), scalar_of(n->type));
+        case EXCLAIM: return eval(n->left) == 0;
+        case EQ: case NEQ: case LE: case LT: case GE: case GT: case ULE: case ULT: case UGE: case UGT: {
+            int64_t a = eval(n->left);
+            int64_t b = eval(n->right);
+            return compare(n->opcode, a, b, n->left->type);
+        }
+        case ANDAND: return eval(n->left) != 0 && eval(n->right) != 0;
+        case OROR: return eval(n->left) != 0 || eval(n->right) != 0;
+        case QUEST:
+            if (!n->right || n->right->opcode != COLON) fail("'?' without ':'");
+            return eval(n->left) ? eval(n->right->left) : eval(n->right->right);
+        case COMMA: eval(n->left); return eval(n->right);
+        case CALL: case UCALL: return call_node(n);
+        case ASG:
+            if (is_vector(n->left->type)) {
+                int64_t lanes[MAX_LANES];
+                eval_vector(n->right, lanes);
+                uint64_t at = address_of(n->left);
+                TYPE* elem = n->left->type->stripped()->base;
+                uint64_t step = units_of_bits(scalar_of(elem).bits);
+                for (unsigned l = 0; l < lanes_of(n->left->type); ++l) store(at + l * step, lanes[l], elem);
+                return 0;
+            } else {
+                int64_t v = wrap(eval(n->right), scalar_of(n->left->type));
+                store(address_of(n->left), v, n->left->type);
+                return v;
+            }
+        case PLUSASG: case MINUSASG: case MULTASG: case DIVASG: case MODASG: case ANDBASG: case ORBASG: case XORBASG:
+        case SLLASG: case SRLASG: case PLUSPLUS: case MINMIN: {
+            uint64_t at = address_of(n->left);
+            int64_t old = load(at, n->left->type);
+            int64_t b = eval(n->right);
+            int64_t v = arith(base_op(n->opcode), old, b, n->left, n->left->type);
+            v = wrap(v, scalar_of(n->left->type));
+            store(at, v, n->left->type);
+            return n->opcode == PLUSPLUS || n->opcode == MINMIN ? old : v;  // ++ and -- give the value before
+        }
+        default: fail(std::string("the operator ") + node_operator_name[n->opcode] + " (not supported yet)");
+        }
+    }
+
+private:
+    int64_t execute(FUNC& f) {
+        FRAME& fr = frames_.back();
+        size_t& pc = fr.pc;
+        auto jump = [&](const NODE* label) {
+            auto it = label ? f.labels.find(label->value.as<int64_t>()) : f.labels.end();
+            if (it == f.labels.end()) fail("a jump to a label the function does not have");
+            pc = it->second;
+        };
+        for (pc = 0; pc < f.stmts.size();) {
+            const STMT& st = f.stmts[pc];
+            const NODE* t = st.tree;
+            if (!t) fail("inline assembly cannot be run");
+            switch (t->opcode) {
+            case LABELDEF: ++pc; continue;
+            case BRANCH:
+                count(t->opcode);
+                jump(t->left);
+                continue;
+            case CBRANCH:
+                count(t->opcode);
+                if (eval(t->left)) jump(t->right);
+                else ++pc;
+                continue;
+            case URETURN: {
+                count(t->opcode);
+                int64_t v = aggregate(t->left->type) ? static_cast<int64_t>(address_of(t->left)) : eval(t->left);
+                return v;
+            }
+            default:
+                eval(t);
+                ++pc;
+                continue;
+            }
+        }
+        return 0;  // fell off the end
+    }
+};
+
+IFRUN_RESULT UNIT::run(const IFRUN_OPTIONS& options) {
+    IFRUN_RESULT result;
+    auto at = by_name.find(options.entry);
+    if (at == by_name.end()) {
+        result.error = "the unit defines no function '" + options.entry + "'";
+        return result;
+    }
+    MACHINE m(*this, options, result);
+    for (FUNC& f : loader.funcs) f.operations = 0;
+    try {
+        result.value = m.call(*at->second, options.args);
+        result.ok = true;
+    } catch (RUN_ERROR& e) {
+        std::string where = m.where();
+        result.error = (where.empty() ? "" : where + ": ") + e.message;
+    }
+    for (int op = 0; op < NUM_OPCODES; ++op)
+        if (m.per_opcode_[op]) result.per_opcode[node_operator_name[op]] += m.per_opcode_[op];
+    for (FUNC& f : loader.funcs)
+        if (f.operations) result.per_function[f.sym->name] = f.operations;
+    return result;
+}
+
+}  // namespace
+
+std::unique_ptr<IFRUN_UNIT> IFRUN_UNIT::load(const std::string& path, std::string& error) {
+    init_opcode_tables();
+    if (!type_pkg) init_types();
+    FILE* f = std::fopen(path.c_str(), "rb");
+    if (!f) {
+        error = "cannot open " + path;
+        return nullptr;
+    }
+    auto unit = std::make_unique<UNIT>();
+    unit->file.reset(I_FILE::if_open(f, &unit->loader));
+    if (!unit->file) {
+        std::fclose(f);
+        error = path + " is not an I-file of this tool chain";
+        return nullptr;
+    }
+    unit->file->if_read_file();
+    try {
+        unit->lay_out(unit->file.get());
+        unit->write_strings();
+    } catch (RUN_ERROR& e) {
+        error = e.message;
+        return nullptr;
+    }
+    return unit;
+}

@@ -1,0 +1,41 @@
+// ifrun: runs a function of an I-file with the target's semantics.
+//
+// Memory is made of 16-bit addressable units; an object of a type takes
+// ceil(bits / 16) units, and a value wraps to its type's width after every
+// operation.  Globals get their initial data (zero where they have none),
+// every call gets a frame of its own, and a pointer is a unit address.
+// What the program does wrong stops the run with a message naming the
+// function and the source position: division by zero, an access outside
+// every object, a read of a local never written, a call of a function the
+// unit does not define, running past the step limit.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+struct IFRUN_OPTIONS {
+    std::string entry = "main";
+    std::vector<int64_t> args;        // bound to the entry's parameters in order
+    uint64_t step_limit = 100000000;  // operations, calls included
+};
+
+struct IFRUN_RESULT {
+    bool ok = false;       // the entry returned
+    int64_t value = 0;     // its return value (0 for void)
+    std::string output;    // what printf and putchar wrote
+    std::string error;     // why the run stopped, when !ok
+    uint64_t operations = 0;
+    std::map<std::string, uint64_t> per_opcode;    // operations by opcode name
+    std::map<std::string, uint64_t> per_function;  // operations by function
+};
+
+class IFRUN_UNIT {
+public:
+    // Reads the unit; on failure `error` says why and nothing can be run.
+    static std::unique_ptr<IFRUN_UNIT> load(const std::string& path, std::string& error);
+    virtual ~IFRUN_UNIT() = default;
+    virtual IFRUN_RESULT run(const IFRUN_OPTIONS& options) = 0;
+};
