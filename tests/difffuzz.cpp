@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <sstream>
 
+#include "tools/ifrun/ifrun.h"
+
 namespace difffuzz {
 
 using minic::MiniFunction;
@@ -383,6 +385,46 @@ Unit generate(uint64_t seed) {
     return u;
 }
 
+namespace {
+
+// The unit's runs by ifrun, one per argument list (none when it can't be
+// loaded).
+std::vector<IFRUN_RESULT> ifrun_all(const fs::path& file, const std::string& entry,
+                                    const std::vector<std::vector<long long>>& lists) {
+    std::string error;
+    std::unique_ptr<IFRUN_UNIT> unit = IFRUN_UNIT::load(file.string(), error);
+    std::vector<IFRUN_RESULT> out;
+    for (const auto& args : lists) {
+        IFRUN_OPTIONS o;
+        o.entry = entry;
+        o.args.assign(args.begin(), args.end());
+        o.step_limit = 2000000;
+        out.push_back(unit ? unit->run(o) : IFRUN_RESULT{false, 0, "", error});
+    }
+    return out;
+}
+
+// A run as the test interpreter prints it: the value, then the memory.
+std::string value_and_memory(const IFRUN_RESULT& r) {
+    std::string s = std::to_string(r.value) + " |";
+    for (const auto& [name, units] : r.globals)
+        for (uint16_t u : units) s += " " + std::to_string(u);
+    return s;
+}
+std::string without_trace(const std::string& program_result) {
+    size_t first = program_result.find(" |"), last = program_result.rfind(" |");
+    if (first == std::string::npos) return program_result;
+    return program_result.substr(0, first) + program_result.substr(last);
+}
+
+std::string argument_text(const std::vector<long long>& args) {
+    std::string s;
+    for (long long a : args) s += " " + std::to_string(a);
+    return s;
+}
+
+}  // namespace
+
 std::string Checker::check(const Unit& u, const std::vector<int>& levels) const {
     std::string text;
     try {
@@ -395,6 +437,13 @@ std::string Checker::check(const Unit& u, const std::vector<int>& levels) const 
     auto lists = argument_lists(u.f.args.size());
     std::vector<std::string> expected;
     for (const auto& args : lists) expected.push_back(before.run(args));
+    // ifrun runs what ends without touching anything undefined (the test
+    // interpreter's external function included) and must agree with it.
+    std::vector<IFRUN_RESULT> ran = ifrun_all(dir / "in.if", u.f.name, lists);
+    for (size_t k = 0; k < lists.size(); ++k)
+        if (ran[k].ok && value_and_memory(ran[k]) != without_trace(expected[k]))
+            return "ifrun disagrees with the test interpreter for arguments" + argument_text(lists[k]) + ": " +
+                   difference(without_trace(expected[k]), value_and_memory(ran[k]));
     for (int level : levels) {
         std::vector<std::string> argv = {"-s", "KILL", std::to_string(seconds), opt5, "-o" + std::to_string(level)};
         argv.insert(argv.end(), options.begin(), options.end());
@@ -415,13 +464,21 @@ std::string Checker::check(const Unit& u, const std::vector<int>& levels) const 
                 if (expected[k].rfind("runaway", 0) == 0) continue;
                 std::string got = after.run(lists[k]);
                 if (got != expected[k]) {
-                    std::string args;
-                    for (long long a : lists[k]) args += " " + std::to_string(a);
-                    return "different result" + at + " for arguments" + args + ": " + difference(expected[k], got);
+                    return "different result" + at + " for arguments" + argument_text(lists[k]) + ": " +
+                           difference(expected[k], got);
                 }
             }
         } catch (std::exception& e) {
             return "output not understood" + at + ": " + e.what();
+        }
+        std::vector<IFRUN_RESULT> after = ifrun_all(dir / "out.if", u.f.name, lists);
+        for (size_t k = 0; k < lists.size(); ++k) {
+            if (!ran[k].ok) continue;
+            if (!after[k].ok)
+                return "different result in ifrun" + at + " for arguments" + argument_text(lists[k]) + ": " + after[k].error;
+            if (value_and_memory(after[k]) != value_and_memory(ran[k]))
+                return "different result in ifrun" + at + " for arguments" + argument_text(lists[k]) + ": " +
+                       difference(value_and_memory(ran[k]), value_and_memory(after[k]));
         }
     }
     return "";

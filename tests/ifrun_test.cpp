@@ -89,12 +89,24 @@ TEST_F(IfRun, WhatTheProgramDoesWrongStopsTheRunWithWhereItHappened) {
         EXPECT_NE(r.error.find(c.message), std::string::npos) << r.error;
         EXPECT_EQ(r.error.rfind("in 'f', t.c, line ", 0), 0u) << r.error;
     }
-    // The array itself is there to be read: globals start as zeros.
+    // The array itself is there to be read, with its initial data.
     MiniFunction g{"g", {"i"}, {}};
     g.globals = {"arr"};
     g.body = {"(= (deref (+ arr 5)) 9)", "(ret (+ (deref (+ arr i)) (deref (+ arr 99))))"};
-    EXPECT_EQ(run({g}, "g", {5}).value, 9);
+    EXPECT_EQ(run({g}, "g", {5}).value, 9 + minic::initial_word(2, 99));
     EXPECT_FALSE(run({g}, "g", {-1}).ok);
+    // A global without initial data starts as zeros.
+    MiniFunction z{"z", {}, {"x"}};
+    z.globals = {"zero"};
+    z.body = {"(= x 1)", "(ret x)"};
+    std::string text = minic::unit_text({z});
+    text.erase(text.find(".section init"), text.find(".section types") - text.find(".section init"));
+    ASSERT_EQ(assemble(text, dir.path / "z.if"), "");
+    std::string error;
+    IFRUN_RESULT zr = IFRUN_UNIT::load((dir.path / "z.if").string(), error)->run({"z"});
+    ASSERT_TRUE(zr.ok) << zr.error;
+    ASSERT_EQ(zr.globals.size(), 1u);
+    EXPECT_EQ(zr.globals[0].second, std::vector<uint16_t>(100, 0));
 }
 
 TEST_F(IfRun, OptimizedUnitsComputeTheSameWithFewerOperations) {

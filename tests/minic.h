@@ -240,6 +240,9 @@ inline std::string symbol_record(const std::string& name, int type) {
            " c:0 n:0 n:0 P:0 b:0\n";
 }
 
+// What element i of the array that is global symbol `index` holds at first.
+inline long long initial_word(long long index, long long i) { return (index * 37 + i * 11) % 200 - 100; }
+
 // A unit of several functions (the arrays and externs of the first are the
 // unit's).  The global symbols: "ext" first (index 0), then the functions,
 // the arrays, and the external functions.
@@ -277,7 +280,16 @@ inline std::string unit_text(const std::vector<MiniFunction>& fns) {
         }
         s += "end_func P:0\n";
     }
-    s += std::string(".end\n.section types\n") + type_records() + ".end\n" +
+    // The arrays' first contents, as Program::run sets them.
+    s += ".end\n";
+    if (!globals.empty()) s += ".section init\n";
+    for (size_t g = 0; g < globals.size(); ++g) {
+        int index = first_array + static_cast<int>(g);
+        s += "init n:" + std::to_string(index) + "\n";
+        for (int i = 0; i < 100; ++i) s += "node b:4 n:1 i:" + std::to_string(initial_word(index, i)) + "\n";
+        s += "node b:112 n:0\n";
+    }
+    s += std::string(globals.empty() ? "" : ".end\n") + ".section types\n" + type_records() + ".end\n" +
          ".section files\nsource S:\"t.c\"\n.end\n"
          ".section globals\nsymbol S:\"ext\" n:0 n:0 c:0 w:0 n:4 n:0 n:16 c:0 n:0 n:0 P:0 b:0\n";
     for (const MiniFunction& f : fns)
@@ -595,7 +607,7 @@ struct Program {
         memory.clear();
         trace.clear();
         for (size_t g = 2; g < global_names.size(); ++g)
-            for (int i = 0; i < 100; ++i) memory[1000 * static_cast<long long>(g) + i] = static_cast<long long>((g * 37 + i * 11) % 200) - 100;
+            for (int i = 0; i < 100; ++i) memory[1000 * static_cast<long long>(g) + i] = initial_word(static_cast<long long>(g), i);
         std::string result = run_body(std::move(args), junk);
         result += " |" + trace + " |";
         for (auto& [address, v] : memory) result += " " + std::to_string(static_cast<uint16_t>(v));  // as words

@@ -153,6 +153,16 @@ public:
     std::vector<uint16_t> globals_mem;
     std::vector<uint8_t> globals_set;  // 0: no object, 1: unset, 2: set
     std::map<std::string, FUNC*> by_name;
+    std::vector<std::pair<const SYMTAB*, uint64_t>> objects;  // globals in symbol order, with their units
+
+    ~UNIT() override {
+        for (FUNC& f : loader.funcs)
+            for (STMT& st : f.stmts) erase_tree(const_cast<NODE*>(st.tree));
+        for (SYMTAB& s : loader.symbols)
+            if (s.x().has_init)
+                for (BASE_NODE* b : s.x().init_trees) erase_tree(static_cast<NODE*>(b));
+        recycle_erased_nodes();
+    }
 
     IFRUN_RESULT run(const IFRUN_OPTIONS& options) override;
 
@@ -176,6 +186,7 @@ public:
             const uint64_t* at = global_at.find(s);
             if (!at) continue;
             uint64_t units = std::max<uint64_t>(1, units_of_bits(s->size ? s->size : s->type->stripped()->size));
+            objects.push_back({s, units});
             for (uint64_t u = 0; u < units; ++u) globals_set[*at - GLOBAL_BASE + u] = 2;
             if (s->x().has_init) initialize(*at, units, s->x().init_trees);
         }
@@ -261,6 +272,11 @@ public:
         : unit_(unit), options_(options), result_(result) {
         mem_ = unit.globals_mem;
         set_ = unit.globals_set;
+    }
+
+    std::vector<uint16_t> units_at(uint64_t address, uint64_t units) const {
+        auto from = mem_.begin() + static_cast<long>(address - GLOBAL_BASE);
+        return std::vector<uint16_t>(from, from + static_cast<long>(units));
     }
 
     int64_t call(FUNC& f, const std::vector<int64_t>& args) {
@@ -729,6 +745,7 @@ IFRUN_RESULT UNIT::run(const IFRUN_OPTIONS& options) {
         std::string where = m.where();
         result.error = (where.empty() ? "" : where + ": ") + e.message;
     }
+    for (const auto& [sym, units] : objects) result.globals.push_back({sym->name, m.units_at(*global_at.find(sym), units)});
     for (int op = 0; op < NUM_OPCODES; ++op)
         if (m.per_opcode_[op]) result.per_opcode[node_operator_name[op]] += m.per_opcode_[op];
     for (FUNC& f : loader.funcs)

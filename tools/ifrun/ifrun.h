@@ -30,6 +30,9 @@ struct IFRUN_RESULT {
     uint64_t operations = 0;
     std::map<std::string, uint64_t> per_opcode;    // operations by opcode name
     std::map<std::string, uint64_t> per_function;  // operations by function
+    // Every global object's units at the end, in the order of the unit's
+    // global symbols.
+    std::vector<std::pair<std::string, std::vector<uint16_t>>> globals;
 };
 
 class IFRUN_UNIT {
