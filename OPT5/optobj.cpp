@@ -188,7 +188,8 @@ bool option_obj::store_value(option_id id, const std::string& shown, const char*
     state& s = opts_[id];
     const char* name = written_name(id);
     std::string text = value ? value : "";
-    if (text.empty()) {
+    // An empty forced order is an order: no step runs.
+    if (text.empty() && id != OPT_forced_passes) {
         emit_diag(24010, THIS_MODULE, __LINE__, nullptr, name, d.param);
         return false;
     }

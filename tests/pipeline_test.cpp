@@ -282,6 +282,19 @@ TEST_F(Pipeline, ForcedOrderFromEnvironmentAndEmptyOrder) {
     run_unit({&f});
     EXPECT_NE(debug_text().find("Pass list, from environment variable, is: <empty>\n\n"), std::string::npos);
     EXPECT_EQ(steps_run(), (std::vector<std::string>{"f:48"}));
+    stop_debug();
+
+    // Given empty on the command line, the order is empty too (and wins
+    // over the environment).
+    reset_driver();
+    start_debug();
+    setenv("FORCED_OPT_PASSES", "2 0", 1);
+    const char* next = nullptr;
+    file_options.process_option("-forced_passes=", &next);
+    setup_passes(true);
+    run_unit({&f});
+    EXPECT_NE(debug_text().find("Pass list, from command-line option, is: <empty>\n\n"), std::string::npos);
+    EXPECT_EQ(steps_run(), (std::vector<std::string>{"f:48"}));
 }
 
 TEST_F(Pipeline, RandomOrderIsAPermutation) {
