@@ -102,10 +102,14 @@ void OPT_CLIENT::cl_begin_func(I_SYMTAB* fn, PSN* pos) {
     take_spare_body(currfuninfo->body);
     currfuninfo->eht.clear();
     currfuninfo->no_calls = true;
-    // An option set of kind k applies to the function of global index k - 1.
+    // An option set of kind k applies to the function of global index k - 1,
+    // one of kind 0 to every function without a set of its own.
     if (i_file)
-        for (size_t i = 0; i < i_file->option_sets.size(); ++i)
-            if (i_file->option_sets[i].kind == sym->index + 1) currfuninfo->option_set = static_cast<int>(i);
+        for (size_t i = 0; i < i_file->option_sets.size(); ++i) {
+            unsigned kind = i_file->option_sets[i].kind;
+            if (kind == sym->index + 1 || (kind == 0 && currfuninfo->option_set < 0))
+                currfuninfo->option_set = static_cast<int>(i);
+        }
     lex = 1;
 }
 
@@ -216,11 +220,25 @@ void read_ifile_unit() {
     }
     o_file = I_FILE::if_create(output_file, type_pkg, i_file->source.c_str());
     o_file->extra_word = i_file->extra_word;
+    // The set of kind 0 is for the whole file: a function's own set applies
+    // on top of it.
+    const OPTION_SET* whole = nullptr;
+    for (const OPTION_SET& set : i_file->option_sets)
+        if (set.kind == 0) whole = &set;
+    option_obj base(false);
+    if (whole)
+        for (const std::string& text : whole->options)
+            if (text.size() > 1 && text[0] == '-') base.process_option(text.c_str() + 1, nullptr);
     for (const OPTION_SET& set : i_file->option_sets) {
         o_file->if_enter_option_set(set);
+        if (&set == whole) {
+            all_option_sets.push_back(base);
+            continue;
+        }
         option_obj o(false);
         for (const std::string& text : set.options)
             if (text.size() > 1 && text[0] == '-') o.process_option(text.c_str() + 1, nullptr);
+        if (whole) o.layer_over(base);
         all_option_sets.push_back(o);
     }
     // An error in a function's set is an error of the run.

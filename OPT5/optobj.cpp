@@ -453,6 +453,11 @@ void option_obj::dump_history(FILE* out) const {
         for (const std::string& h : opts_[d.id].history) std::fprintf(out, "%s: %s\n", written_name(d.id), h.c_str());
 }
 
+void option_obj::layer_over(const option_obj& base) {
+    for (const OPTION_DESC& d : option_table)
+        if (!opts_[d.id].seen) opts_[d.id] = base.opts_[d.id];
+}
+
 int option_obj::do_merge_conflicts(const option_obj& earlier) const {
     int errors = 0;
     for (const OPTION_DESC& d : option_table) {

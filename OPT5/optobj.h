@@ -106,6 +106,10 @@ public:
     void dump(FILE* out) const;
     void dump_history(FILE* out) const;
 
+    // Takes from `base` every option this set was not given (set or
+    // cleared): this set applies on top of `base`.
+    void layer_over(const option_obj& base);
+
     // Compares this set with the set of an earlier file of the same build and
     // reports the differences (messages 24020 to 24023); returns the number
     // of differences that are errors.

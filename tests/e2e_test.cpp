@@ -396,6 +396,33 @@ TEST_F(EndToEnd, FunctionOptionSetDoesNotReachTheNextFunction) {
     };
     EXPECT_EQ(stores(0, g_at), 2u) << text;              // f keeps both stores
     EXPECT_EQ(stores(g_at, std::string::npos), 1u) << text;  // g loses the dead one
+
+    // A set of kind 0 is every function's: g, without a set of its own, is
+    // not optimized; f's own set applies on top of it, without a word about
+    // the level it overrides.
+    std::string sets = "option_set n:0 n:2 S:\"--opt_level=0\" S:\"--volatile_all\"\n"
+                       "option_set n:1 n:1 S:\"--opt_level=2\"\n";
+    std::string layered = unit;
+    layered.replace(layered.find("option_set"), layered.find(".end", layered.find("option_set")) - layered.find("option_set"),
+                    sets);
+    ASSERT_EQ(assemble(layered, dir / "layered.if"), "");
+    r = opt5({"-o2", "layered.if", "layered_out.if"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.err.find("overrides"), std::string::npos) << r.err;
+    text = disassemble(dir / "layered_out.if");
+    g_at = text.find("begin_func", text.find("begin_func") + 1);
+    EXPECT_EQ(stores(0, g_at), 2u) << text;                  // f: volatile from the file's set, at level 2
+    EXPECT_EQ(stores(g_at, std::string::npos), 2u) << text;  // g: level 0
+    sets = "option_set n:0 n:1 S:\"--opt_level=0\"\noption_set n:1 n:1 S:\"--opt_level=2\"\n";
+    layered = unit;
+    layered.replace(layered.find("option_set"), layered.find(".end", layered.find("option_set")) - layered.find("option_set"),
+                    sets);
+    ASSERT_EQ(assemble(layered, dir / "layered2.if"), "");
+    ASSERT_EQ(opt5({"-o2", "layered2.if", "layered2_out.if"}).status, 0);
+    text = disassemble(dir / "layered2_out.if");
+    g_at = text.find("begin_func", text.find("begin_func") + 1);
+    EXPECT_EQ(stores(0, g_at), 1u) << text;                  // f: level 2
+    EXPECT_EQ(stores(g_at, std::string::npos), 2u) << text;  // g: level 0
 }
 
 // Label numbers up to 2^30 - 1 are read (and new labels made above them);
