@@ -71,6 +71,13 @@ void write_global_data();
 void erase_function_body(FUNINFO* fi);
 // The statement in infix form, for listings and interlisting comments.
 std::string stmt2infix(const NODE* tree);
+// What the dumps add to the infix form: the type of every name and constant
+// (resolved through typedefs and qualifiers with `full_types`), the address
+// of every symbol, and virtual registers as R<n>.
+struct INFIX_STYLE {
+    bool types = false, full_types = false, sym_addr = false, regs = false;
+};
+std::string stmt2infix(const NODE* tree, const INFIX_STYLE& style);
 // Makes a tree writable: the casts the code generator needs, and
 // optimizer-only opcodes back to their I-file forms.
 NODE* insert_mandatory_casts(NODE* tree);

@@ -13,6 +13,7 @@
 #include "OPT5/copy_propagation.h"
 #include "OPT5/copyprop.h"
 #include "OPT5/ddbloop.h"
+#include "OPT5/dump.h"
 #include "OPT5/mvp.h"
 #include "OPT5/node.h"
 #include "OPT5/funinfo.h"
@@ -195,6 +196,7 @@ void pass::run() {
     bool timed = print_debug || enable_time_stats;
     clock_t start = timed ? std::clock() : 0;
     if (fi && cfg_from_ != NEVER && opt_level() >= cfg_from_) unpark_function();
+    prbbinfix("before", serial(), name_.c_str());
     action_();
     if (timed) {
         clock_t end = std::clock();
@@ -204,6 +206,7 @@ void pass::run() {
         seconds_ += static_cast<double>(end - start) / CLOCKS_PER_SEC;
         ++runs_;
     }
+    if (currfuninfo == fi) prbbinfix("after", serial(), name_.c_str());
     recycle_erased_nodes();
     if (print_debug) {
         DBG_CHECK(std::fprintf(FDEBUG, "\n\n\n\t\t\t---------- EXITING step %d '%s' ----------\n", serial(),

@@ -75,26 +75,49 @@ const char* infix_operator(int op) {
     }
 }
 
-void infix(const NODE* n, std::string& out) {
+std::string type_text(TYPE* t, const INFIX_STYLE& style) {
+    if (!t) return "?";
+    return style.full_types ? t->stripped()->print() : t->print();
+}
+
+void infix(const NODE* n, std::string& out, const INFIX_STYLE& style) {
     if (!n) return;
+    auto typed = [&]() {
+        if (style.types) out += "{" + type_text(n->type, style) + "}";
+    };
     switch (n->opcode) {
-    case ICON: out += n->value.to_string(); return;
-    case NAME: out += n->symbol ? n->symbol->name : "<noname>"; return;
+    case ICON: out += n->value.to_string(); typed(); return;
+    case NAME:
+        out += n->symbol ? n->symbol->name : "<noname>";
+        if (style.sym_addr && n->symbol) {
+            char b[32];
+            std::snprintf(b, sizeof b, "@%p", static_cast<const void*>(n->symbol));
+            out += b;
+        }
+        typed();
+        return;
     case LABEL: out += "L" + n->value.to_string(); return;
-    case FCON: out += n->x().text; return;
+    case FCON: out += n->x().text; typed(); return;
     case SCON: out += "\"" + n->x().text + "\""; return;
-    case UMULT: out += "*"; infix(n->left, out); return;
-    case UAND: out += "&"; infix(n->left, out); return;
-    case UMINUS: out += "-"; infix(n->left, out); return;
-    case NOTB: out += "~"; infix(n->left, out); return;
-    case EXCLAIM: out += "!"; infix(n->left, out); return;
+    case VREG:
+        if (style.regs) {
+            out += "R" + n->value.to_string();
+            typed();
+            return;
+        }
+        break;
+    case UMULT: out += "*"; infix(n->left, out, style); return;
+    case UAND: out += "&"; infix(n->left, out, style); return;
+    case UMINUS: out += "-"; infix(n->left, out, style); return;
+    case NOTB: out += "~"; infix(n->left, out, style); return;
+    case EXCLAIM: out += "!"; infix(n->left, out, style); return;
     default: break;
     }
     if (const char* op = infix_operator(n->opcode)) {
         out += "(";
-        infix(n->left, out);
+        infix(n->left, out, style);
         out += std::string(" ") + op + " ";
-        infix(n->right, out);
+        infix(n->right, out, style);
         out += ")";
         return;
     }
@@ -102,10 +125,10 @@ void infix(const NODE* n, std::string& out) {
     out += name ? name : "OP" + std::to_string(n->opcode);
     if (n->left || n->right) {
         out += "(";
-        infix(n->left, out);
+        infix(n->left, out, style);
         if (n->right) {
             out += ", ";
-            infix(n->right, out);
+            infix(n->right, out, style);
         }
         out += ")";
     }
@@ -283,9 +306,11 @@ NODE* insert_mandatory_casts(NODE* tree) {
     return tree;
 }
 
-std::string stmt2infix(const NODE* tree) {
+std::string stmt2infix(const NODE* tree) { return stmt2infix(tree, INFIX_STYLE{}); }
+
+std::string stmt2infix(const NODE* tree, const INFIX_STYLE& style) {
     std::string out;
-    infix(tree, out);
+    infix(tree, out, style);
     return out;
 }
 
