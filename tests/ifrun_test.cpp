@@ -69,6 +69,27 @@ TEST_F(IfRun, ArithmeticWrapsAtEachTypesWidth) {
     EXPECT_EQ(r.value, 7);
 }
 
+TEST_F(IfRun, SixtyFourBitUnsignedConstantsRun) {
+    // The unsigned 40-bit type of the generated units made 64 bits wide, and
+    // a constant above the largest signed 64-bit value: x >> 60 is 15.
+    MiniFunction f{"f", {}, {"ux:x"}};
+    f.body = {"(= x 5#ux)", "(ret (conv-int (>> x 60)))"};
+    std::string text = minic::unit_text({f});
+    auto replace = [&](const std::string& a, const std::string& b) {
+        ASSERT_NE(text.find(a), std::string::npos) << a;
+        text.replace(text.find(a), a.size(), b);
+    };
+    replace("type n:9 b:53 b:0 n:40 n:40", "type n:9 b:53 b:0 n:64 n:64");
+    replace("node b:4 n:9 n:5\n", "node b:25 n:9 S:\"18446744073709551615\"\n");
+    ASSERT_EQ(assemble(text, dir.path / "wide.if"), "");
+    std::string error;
+    std::unique_ptr<IFRUN_UNIT> unit = IFRUN_UNIT::load((dir.path / "wide.if").string(), error);
+    ASSERT_TRUE(unit) << error;
+    IFRUN_RESULT r = unit->run({"f"});
+    ASSERT_TRUE(r.ok) << r.error;
+    EXPECT_EQ(r.value, 15);
+}
+
 TEST_F(IfRun, WhatTheProgramDoesWrongStopsTheRunWithWhereItHappened) {
     MiniFunction f{"f", {"a"}, {"x", "y", "p:p"}};
     f.globals = {"g"};

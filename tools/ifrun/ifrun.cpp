@@ -110,6 +110,12 @@ public:
 
 uint64_t units_of_bits(uint64_t bits) { return (bits + 15) / 16; }
 
+// The units an object takes: as its symbol or its type says, whichever is more.
+uint64_t object_units(const SYMTAB* s) {
+    TYPE* t = s->type ? s->type->stripped() : nullptr;
+    return std::max<uint64_t>(1, units_of_bits(std::max<uint64_t>(s->size, t ? t->size : 0)));
+}
+
 // Integer view of a scalar type: its width and signedness.
 struct SCALAR {
     unsigned bits = 16;
@@ -173,7 +179,7 @@ public:
             SYMTAB* s = static_cast<SYMTAB*>(g);
             TYPE* t = s->type ? s->type->stripped() : nullptr;
             if (!t || t->kind == TYPE::FUNC_T) continue;
-            uint64_t units = std::max<uint64_t>(1, units_of_bits(s->size ? s->size : t->size));
+            uint64_t units = object_units(s);
             global_at[s] = next;
             next += units + 1;
         }
@@ -185,7 +191,7 @@ public:
             SYMTAB* s = static_cast<SYMTAB*>(g);
             const uint64_t* at = global_at.find(s);
             if (!at) continue;
-            uint64_t units = std::max<uint64_t>(1, units_of_bits(s->size ? s->size : s->type->stripped()->size));
+            uint64_t units = object_units(s);
             objects.push_back({s, units});
             for (uint64_t u = 0; u < units; ++u) globals_set[*at - GLOBAL_BASE + u] = 2;
             if (s->x().has_init) initialize(*at, units, s->x().init_trees);
@@ -194,8 +200,7 @@ public:
             uint64_t off = 0;
             for (std::vector<SYMTAB*>* list : {&f.params, &f.locals})
                 for (SYMTAB* s : *list) {
-                    TYPE* t = s->type ? s->type->stripped() : nullptr;
-                    uint64_t units = std::max<uint64_t>(1, units_of_bits(s->size ? s->size : (t ? t->size : 16)));
+                    uint64_t units = object_units(s);
                     f.offset[s] = off;
                     off += units + 1;
                 }
@@ -258,7 +263,7 @@ public:
             SCALAR s = scalar_of(n->type);
             uint64_t u = units_of_bits(s.bits);
             if (off + u > units) fail("an initializer runs past its object");
-            int64_t v = n->value.as<int64_t>();
+            int64_t v = static_cast<int64_t>(n->value.low_word());
             for (uint64_t k = 0; k < u; ++k) globals_mem[at - GLOBAL_BASE + off + k] = static_cast<uint16_t>(v >> (16 * k));
             off += u;
         }
@@ -293,7 +298,7 @@ public:
         for (std::vector<SYMTAB*>* list : {&f.params, &f.locals})
             for (SYMTAB* s : *list) {
                 uint64_t at = base + *f.offset.find(s);
-                uint64_t units = std::max<uint64_t>(1, units_of_bits(s->size ? s->size : s->type->stripped()->size));
+                uint64_t units = object_units(s);
                 for (uint64_t u = 0; u < units; ++u) stack_set_[at - STACK_BASE + u] = 1;
             }
         frames_.push_back({&f, base, 0});
@@ -634,7 +639,7 @@ public:
         if (is_vector(n->type) && n->opcode != ASG) fail("a vector value where a scalar is wanted");
         count(n->opcode);
         switch (n->opcode) {
-        case ICON: case LCON: return wrap(n->value.as<int64_t>(), scalar_of(n->type));
+        case ICON: case LCON: return wrap(static_cast<int64_t>(n->value.low_word()), scalar_of(n->type));
         case SCON: return static_cast<int64_t>(*unit_.string_at.find(n));
         case NAME:
             if (aggregate(n->type)) return static_cast<int64_t>(address_of_symbol(n->symbol));
