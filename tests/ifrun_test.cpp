@@ -130,6 +130,40 @@ TEST_F(IfRun, WhatTheProgramDoesWrongStopsTheRunWithWhereItHappened) {
     EXPECT_EQ(zr.globals[0].second, std::vector<uint16_t>(100, 0));
 }
 
+TEST_F(IfRun, EmbeddingProgramsSupplyFunctionsAndSeeVolatileAccesses) {
+    // log(v) is supplied here: it records v and bumps g[1].  The volatile
+    // local is traced by function, name and offset, in order with the call.
+    MiniFunction f{"f", {"a"}, {"v:t"}};
+    f.globals = {"g"};
+    f.externs = {"log"};
+    f.body = {"(= t a)", "(= t (+ (call log (+ t 1)) t))", "(ret t)"};
+    std::unique_ptr<IFRUN_UNIT> unit = load({f});
+    ASSERT_TRUE(unit);
+    IFRUN_OPTIONS o;
+    o.entry = "f";
+    o.args = {5};
+    o.trace_volatile = true;
+    o.externals["log"] = [](IFRUN_CONTEXT& c, const std::vector<int64_t>& args) {
+        c.trace(" log(" + std::to_string(args.at(0)) + ")");
+        c.store_unit("g", 1, c.load_unit("g", 1) + 1);
+        return int64_t{100};
+    };
+    IFRUN_RESULT r = unit->run(o);
+    ASSERT_TRUE(r.ok) << r.error;
+    EXPECT_EQ(r.value, 105);
+    EXPECT_EQ(r.trace, " Wf.t+0=5 Rf.t+0 log(6) Rf.t+0 Wf.t+0=105 Rf.t+0");
+    ASSERT_EQ(r.globals.size(), 1u);
+    EXPECT_EQ(r.globals[0].first, "g");
+    EXPECT_EQ(static_cast<int16_t>(r.globals[0].second[1]), minic::initial_word(2, 1) + 1);
+    // Without the function the call is an error; without the switch, no trace.
+    o.externals.clear();
+    o.trace_volatile = false;
+    r = unit->run(o);
+    EXPECT_FALSE(r.ok);
+    EXPECT_NE(r.error.find("a call of 'log', which the unit does not define"), std::string::npos) << r.error;
+    EXPECT_EQ(r.trace, "");
+}
+
 TEST_F(IfRun, OptimizedUnitsComputeTheSameWithFewerOperations) {
     // A loop over a global array with a copy and a constant the optimizer
     // folds away; run before and after opt5 at every level.

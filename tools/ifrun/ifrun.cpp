@@ -271,13 +271,21 @@ public:
 };
 
 // One run of a unit.
-class MACHINE {
+class MACHINE : public IFRUN_CONTEXT {
 public:
     MACHINE(UNIT& unit, const IFRUN_OPTIONS& options, IFRUN_RESULT& result)
         : unit_(unit), options_(options), result_(result) {
         mem_ = unit.globals_mem;
         set_ = unit.globals_set;
     }
+
+    int64_t load_unit(const std::string& name, uint64_t index) override {
+        return load(global_named(name) + index, type_pkg->mk_int(TYPE::IK_INT, true));
+    }
+    void store_unit(const std::string& name, uint64_t index, int64_t value) override {
+        store(global_named(name) + index, value, type_pkg->mk_int(TYPE::IK_INT, true));
+    }
+    void trace(const std::string& event) override { result_.trace += event; }
 
     std::vector<uint16_t> units_at(uint64_t address, uint64_t units) const {
         auto from = mem_.begin() + static_cast<long>(address - GLOBAL_BASE);
@@ -380,6 +388,29 @@ private:
         return b;
     }
 
+    uint64_t global_named(const std::string& name) const {
+        for (const auto& [sym, units] : unit_.objects)
+            if (sym->name == name) return *unit_.global_at.find(sym);
+        fail("the unit has no global '" + name + "'");
+    }
+
+    // "object+offset" for an address, as volatile accesses are traced: the
+    // same before and after optimization, whatever the layout.
+    std::string describe(uint64_t address) const {
+        for (const auto& [sym, units] : unit_.objects) {
+            uint64_t at = *unit_.global_at.find(sym);
+            if (address >= at && address < at + units) return sym->name + "+" + std::to_string(address - at);
+        }
+        for (auto fr = frames_.rbegin(); fr != frames_.rend(); ++fr)
+            for (std::vector<SYMTAB*>* list : {&fr->func->params, &fr->func->locals})
+                for (SYMTAB* s : *list) {
+                    uint64_t at = fr->base + *fr->func->offset.find(s);
+                    if (address >= at && address < at + object_units(s))
+                        return fr->func->sym->name + "." + s->name + "+" + std::to_string(address - at);
+                }
+        return "0x" + hex(address);
+    }
+
     std::string name_at(uint64_t address) const {
         if (!frames_.empty()) {
             const FRAME& fr = frames_.back();
@@ -397,6 +428,7 @@ private:
         uint16_t* c = cells(address, units, false, &state, &index);
         uint64_t v = 0;
         for (uint64_t k = 0; k < units && k < 4; ++k) v |= static_cast<uint64_t>(c[k]) << (16 * k);
+        if (options_.trace_volatile && (TYPE_qual_kind(type) & TYPE::Q_VOLATILE)) result_.trace += " R" + describe(address);
         return wrap(static_cast<int64_t>(v), s);
     }
 
@@ -409,6 +441,8 @@ private:
             c[k] = k < 4 ? static_cast<uint16_t>(static_cast<uint64_t>(value) >> (16 * k)) : 0;
             (*state)[index + k] = 2;
         }
+        if (options_.trace_volatile && (TYPE_qual_kind(type) & TYPE::Q_VOLATILE))
+            result_.trace += " W" + describe(address) + "=" + std::to_string(wrap(value, s));
     }
 
     uint64_t address_of_symbol(const SYMTAB* s) {
@@ -588,6 +622,8 @@ private:
     TYPE* char_type() { return type_pkg->mk_int(TYPE::IK_CHAR, true); }
 
     int64_t builtin(const std::string& name, const std::vector<int64_t>& args, const std::vector<TYPE*>& types) {
+        auto external = options_.externals.find(name);
+        if (external != options_.externals.end()) return external->second(*this, args);
         if (name == "putchar" && args.size() == 1) {
             result_.output += static_cast<char>(args[0]);
             return args[0];

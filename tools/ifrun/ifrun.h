@@ -11,15 +11,34 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
 #include <vector>
 
+// What a function supplied by the embedding program may do to the run.
+class IFRUN_CONTEXT {
+public:
+    virtual ~IFRUN_CONTEXT() = default;
+    // Element `index` of the global `name`, an array of 16-bit units.
+    virtual int64_t load_unit(const std::string& name, uint64_t index) = 0;
+    virtual void store_unit(const std::string& name, uint64_t index, int64_t value) = 0;
+    // Adds an event to the run's trace.
+    virtual void trace(const std::string& event) = 0;
+};
+using IFRUN_EXTERNAL = std::function<int64_t(IFRUN_CONTEXT&, const std::vector<int64_t>& args)>;
+
 struct IFRUN_OPTIONS {
     std::string entry = "main";
     std::vector<int64_t> args;        // bound to the entry's parameters in order
     uint64_t step_limit = 100000000;  // operations, calls included
+    // Functions the unit calls but does not define, by name (besides the
+    // built-ins).
+    std::map<std::string, IFRUN_EXTERNAL> externals;
+    // Each access to a volatile object goes into the trace, in order, as
+    // " R<object>+<offset>" or " W<object>+<offset>=<value>".
+    bool trace_volatile = false;
 };
 
 struct IFRUN_RESULT {
@@ -27,6 +46,7 @@ struct IFRUN_RESULT {
     int64_t value = 0;     // its return value (0 for void)
     std::string output;    // what printf and putchar wrote
     std::string error;     // why the run stopped, when !ok
+    std::string trace;     // volatile accesses and what external functions added
     uint64_t operations = 0;
     std::map<std::string, uint64_t> per_opcode;    // operations by opcode name
     std::map<std::string, uint64_t> per_function;  // operations by function
