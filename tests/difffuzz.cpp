@@ -3,12 +3,11 @@
 #include <algorithm>
 #include <sstream>
 
-#include "tools/ifrun/ifrun.h"
+#include "ifrun_oracle.h"
 
 namespace difffuzz {
 
 using minic::MiniFunction;
-using minic::Program;
 
 namespace {
 
@@ -387,48 +386,6 @@ Unit generate(uint64_t seed) {
 
 namespace {
 
-// The unit's runs by ifrun, one per argument list (none when it can't be
-// loaded).  The external function is the test interpreter's: it returns
-// 3v + 1 and counts its calls in the first element of the first array.
-std::vector<IFRUN_RESULT> ifrun_all(const fs::path& file, const MiniFunction& f,
-                                    const std::vector<std::vector<long long>>& lists) {
-    std::string error;
-    std::unique_ptr<IFRUN_UNIT> unit = IFRUN_UNIT::load(file.string(), error);
-    std::string first_array = f.globals.empty() ? "" : minic::name_of_decl(f.globals.front());
-    auto int16 = [](int64_t v) { return static_cast<int64_t>(static_cast<int16_t>(static_cast<uint16_t>(v))); };
-    std::vector<IFRUN_RESULT> out;
-    for (const auto& args : lists) {
-        IFRUN_OPTIONS o;
-        o.entry = f.name;
-        o.args.assign(args.begin(), args.end());
-        o.step_limit = 2000000;
-        o.trace_volatile = true;
-        o.externals["ext"] = [&](IFRUN_CONTEXT& c, const std::vector<int64_t>& a) {
-            int64_t v = a.empty() ? 0 : a[0];
-            c.trace(" C" + std::to_string(v));
-            if (!first_array.empty()) c.store_unit(first_array, 0, int16(c.load_unit(first_array, 0) + 1));
-            return int16(3 * v + 1);
-        };
-        out.push_back(unit ? unit->run(o) : IFRUN_RESULT{false, 0, "", error});
-    }
-    return out;
-}
-
-// A run as the test interpreter prints it: the value, the trace, the memory.
-std::string printed(const IFRUN_RESULT& r) {
-    std::string s = std::to_string(r.value) + " |" + r.trace + " |";
-    for (const auto& [name, units] : r.globals)
-        for (uint16_t u : units) s += " " + std::to_string(u);
-    return s;
-}
-// The same without the trace, whose addresses the two interpreters write
-// differently.
-std::string without_trace(const std::string& printed_run) {
-    size_t first = printed_run.find(" |"), last = printed_run.rfind(" |");
-    if (first == std::string::npos) return printed_run;
-    return printed_run.substr(0, first) + printed_run.substr(last);
-}
-
 std::string argument_text(const std::vector<long long>& args) {
     std::string s;
     for (long long a : args) s += " " + std::to_string(a);
@@ -445,17 +402,9 @@ std::string Checker::check(const Unit& u, const std::vector<int>& levels) const 
         return std::string("bad unit: ") + e.what();
     }
     if (std::string e = assemble(text, dir / "in.if"); !e.empty()) return "bad unit: " + e;
-    Program before(text);
+    // Every run must end the same after every level, or stop the same way.
     auto lists = argument_lists(u.f.args.size());
-    std::vector<std::string> expected;
-    for (const auto& args : lists) expected.push_back(before.run(args));
-    // ifrun runs what ends without touching anything undefined and must
-    // agree with the test interpreter.
-    std::vector<IFRUN_RESULT> ran = ifrun_all(dir / "in.if", u.f, lists);
-    for (size_t k = 0; k < lists.size(); ++k)
-        if (ran[k].ok && without_trace(printed(ran[k])) != without_trace(expected[k]))
-            return "ifrun disagrees with the test interpreter for arguments" + argument_text(lists[k]) + ": " +
-                   difference(without_trace(expected[k]), without_trace(printed(ran[k])));
+    std::vector<IFRUN_RESULT> ran = oracle::run_all(dir / "in.if", u.f, lists);
     for (int level : levels) {
         std::vector<std::string> argv = {"-s", "KILL", std::to_string(seconds), opt5, "-o" + std::to_string(level)};
         argv.insert(argv.end(), options.begin(), options.end());
@@ -470,27 +419,13 @@ std::string Checker::check(const Unit& u, const std::vector<int>& levels) const 
             std::string first = text == std::string::npos ? "" : r.err.substr(text);
             return "exit " + std::to_string(r.status) + at + ": " + first.substr(0, first.find('\n'));
         }
-        try {
-            Program after(disassemble(dir / "out.if"));
-            for (size_t k = 0; k < lists.size(); ++k) {
-                if (expected[k].rfind("runaway", 0) == 0) continue;
-                std::string got = after.run(lists[k]);
-                if (got != expected[k]) {
-                    return "different result" + at + " for arguments" + argument_text(lists[k]) + ": " +
-                           difference(expected[k], got);
-                }
-            }
-        } catch (std::exception& e) {
-            return "output not understood" + at + ": " + e.what();
-        }
-        std::vector<IFRUN_RESULT> after = ifrun_all(dir / "out.if", u.f, lists);
+        std::vector<IFRUN_RESULT> after = oracle::run_all(dir / "out.if", u.f, lists);
         for (size_t k = 0; k < lists.size(); ++k) {
-            if (!ran[k].ok) continue;
-            if (!after[k].ok)
-                return "different result in ifrun" + at + " for arguments" + argument_text(lists[k]) + ": " + after[k].error;
-            if (printed(after[k]) != printed(ran[k]))
-                return "different result in ifrun" + at + " for arguments" + argument_text(lists[k]) + ": " +
-                       difference(printed(ran[k]), printed(after[k]));
+            if (!oracle::comparable(ran[k])) continue;
+            std::string expected = oracle::printed(ran[k]), got = oracle::printed(after[k]);
+            if (got != expected)
+                return "different result" + at + " for arguments" + argument_text(lists[k]) + ": " +
+                       difference(expected, got);
         }
     }
     return "";

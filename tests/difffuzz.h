@@ -1,5 +1,5 @@
 // Differential fuzzing of the optimizer: random functions are optimized at
-// every level, and the input and the output are run in the test interpreter
+// every level, and the input and the output are run in ifrun
 // on edge-case arguments; any difference, crash, abnormal end or run past the
 // time bound is a failure, which is then reduced to a small unit.
 #pragma once

@@ -164,6 +164,28 @@ TEST_F(IfRun, EmbeddingProgramsSupplyFunctionsAndSeeVolatileAccesses) {
     EXPECT_EQ(r.trace, "");
 }
 
+TEST_F(IfRun, AnAssignmentFindsItsPlaceBeforeItsValue) {
+    // The place is g[g[0] + 30] with g[0] as it was (-26): g[4].  The value,
+    // a call, sets g[0] to 7 first, which would make the place g[37].
+    MiniFunction f{"f", {}, {}};
+    f.globals = {"g"};
+    f.externs = {"bump"};
+    f.body = {"(= (deref (+ (addr g) (+ (deref (addr g)) 30))) (call bump))", "(ret 0)"};
+    std::unique_ptr<IFRUN_UNIT> unit = load({f});
+    ASSERT_TRUE(unit);
+    IFRUN_OPTIONS o;
+    o.entry = "f";
+    o.externals["bump"] = [](IFRUN_CONTEXT& c, const std::vector<int64_t>&) {
+        c.store_unit("g", 0, 7);
+        return int64_t{1};
+    };
+    IFRUN_RESULT r = unit->run(o);
+    ASSERT_TRUE(r.ok) << r.error;
+    ASSERT_EQ(minic::initial_word(2, 0), -26);
+    EXPECT_EQ(r.globals.at(0).second.at(4), 1);
+    EXPECT_EQ(static_cast<int16_t>(r.globals.at(0).second.at(37)), minic::initial_word(2, 37));
+}
+
 TEST_F(IfRun, OptimizedUnitsComputeTheSameWithFewerOperations) {
     // A loop over a global array with a copy and a constant the optimizer
     // folds away; run before and after opt5 at every level.

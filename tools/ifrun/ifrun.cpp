@@ -703,18 +703,19 @@ public:
             return eval(n->left) ? eval(n->right->left) : eval(n->right->right);
         case COMMA: eval(n->left); return eval(n->right);
         case CALL: case UCALL: return call_node(n);
-        case ASG:
+        case ASG:  // the place first, then the value
             if (is_vector(n->left->type)) {
+                uint64_t at = address_of(n->left);
                 int64_t lanes[MAX_LANES];
                 eval_vector(n->right, lanes);
-                uint64_t at = address_of(n->left);
                 TYPE* elem = n->left->type->stripped()->base;
                 uint64_t step = units_of_bits(scalar_of(elem).bits);
                 for (unsigned l = 0; l < lanes_of(n->left->type); ++l) store(at + l * step, lanes[l], elem);
                 return 0;
             } else {
+                uint64_t at = address_of(n->left);
                 int64_t v = wrap(eval(n->right), scalar_of(n->left->type));
-                store(address_of(n->left), v, n->left->type);
+                store(at, v, n->left->type);
                 return v;
             }
         case PLUSASG: case MINUSASG: case MULTASG: case DIVASG: case MODASG: case ANDBASG: case ORBASG: case XORBASG:
