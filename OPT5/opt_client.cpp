@@ -43,19 +43,25 @@ I_SYMTAB* OPT_CLIENT::cl_symbol_create(char* name, TYPE* type, TYPE* type2, unsi
                                        unsigned long b, int c, int d, PSN* pos, unsigned long f, unsigned g,
                                        I_SYMTAB::RETENTION_POLICY retention) {
     SYMTAB* sym = all_symbols().make();
-    sym->name = name;
-    sym->type = type;
-    sym->type2 = type2;
-    sym->size = size;
-    sym->align = align;
-    sym->value_b = b;
-    sym->value_c = c;
-    sym->value_d = d;
-    sym->value_f = f;
-    sym->value_g = g;
-    sym->retention = retention;
-    if (pos) sym->pos = *pos;
+    fill_symbol(*sym, name, type, type2, size, align, b, c, d, pos, f, g, retention);
     return sym;
+}
+
+void NODE_CLIENT::fill_symbol(SYMTAB& s, char* name, TYPE* type, TYPE* type2, unsigned long size, unsigned long align,
+                              unsigned long b, int c, int d, PSN* pos, unsigned long f, unsigned g,
+                              I_SYMTAB::RETENTION_POLICY retention) {
+    s.name = name;
+    s.type = type;
+    s.type2 = type2;
+    s.size = size;
+    s.align = align;
+    s.value_b = b;
+    s.value_c = c;
+    s.value_d = d;
+    s.value_f = f;
+    s.value_g = g;
+    s.retention = retention;
+    if (pos) s.pos = *pos;
 }
 
 std::string SYMTAB::declaration() const { return type ? type->declare(name) : name; }

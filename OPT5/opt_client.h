@@ -6,10 +6,19 @@
 
 class NODE;
 struct FUNINFO;
+struct SYMTAB;
 
-// The node side of a reader client: expression nodes are NODEs.
+// The node side of a reader client: expression nodes are NODEs, symbols
+// are SYMTABs filled from their records, and the loop and dependence records
+// are left alone (the optimizer works them out again).
 class NODE_CLIENT : public IF_CLIENT {
 public:
+    void cl_loop_def(unsigned, unsigned, unsigned, unsigned, unsigned, unsigned) override {}
+    void cl_loop_header(unsigned, I_SYMTAB*, unsigned) override {}
+    void cl_dd_vector(const std::vector<long long>&) override {}
+    void cl_dd_edge(unsigned, unsigned, unsigned) override {}
+    void cl_mbank(unsigned, unsigned, unsigned, unsigned, unsigned) override {}
+    void cl_ir_end_func(PSN*) override {}
     BASE_NODE* cl_new_node(int opcode, TYPE* type) override;
     int cl_node_opcode(BASE_NODE* node) override;
     void cl_set_opcode(BASE_NODE* node, int opcode) override;
@@ -17,6 +26,12 @@ public:
     void cl_set_operands(BASE_NODE* node, BASE_NODE* left, BASE_NODE* right) override;
     BASE_NODE* cl_left(BASE_NODE* node) override;
     BASE_NODE* cl_right(BASE_NODE* node) override;
+
+protected:
+    // A symbol's fields as its record gives them.
+    static void fill_symbol(SYMTAB& s, char* name, TYPE* type, TYPE* type2, unsigned long size, unsigned long align,
+                            unsigned long b, int c, int d, PSN* pos, unsigned long f, unsigned g,
+                            I_SYMTAB::RETENTION_POLICY retention);
 };
 
 class OPT_CLIENT : public NODE_CLIENT {
@@ -42,12 +57,6 @@ public:
     void cl_comment(char* text) override;
     void cl_func_info(int value) override;
     void cl_func_eht(EHT_ENTRY* entries, unsigned count) override;
-    void cl_loop_def(unsigned, unsigned, unsigned, unsigned, unsigned, unsigned) override {}
-    void cl_loop_header(unsigned, I_SYMTAB*, unsigned) override {}
-    void cl_dd_vector(const std::vector<long long>&) override {}
-    void cl_dd_edge(unsigned, unsigned, unsigned) override {}
-    void cl_mbank(unsigned, unsigned, unsigned, unsigned, unsigned) override {}
-    void cl_ir_end_func(PSN*) override {}
 
 private:
     void append(NODE* tree, const PSN* pos);

@@ -58,18 +58,7 @@ public:
                                unsigned long b, int c, int d, PSN* pos, unsigned long f, unsigned g,
                                I_SYMTAB::RETENTION_POLICY retention) override {
         SYMTAB& s = symbols.emplace_back();
-        s.name = name;
-        s.type = type;
-        s.type2 = type2;
-        s.size = size;
-        s.align = align;
-        s.value_b = b;
-        s.value_c = c;
-        s.value_d = d;
-        s.value_f = f;
-        s.value_g = g;
-        s.retention = retention;
-        if (pos) s.pos = *pos;
+        fill_symbol(s, name, type, type2, size, align, b, c, d, pos, f, g, retention);
         return &s;
     }
     void cl_symbol_def(I_SYMTAB* sym) override {
@@ -100,12 +89,6 @@ public:
     void cl_comment(char*) override {}
     void cl_func_info(int) override {}
     void cl_func_eht(EHT_ENTRY*, unsigned) override {}
-    void cl_loop_def(unsigned, unsigned, unsigned, unsigned, unsigned, unsigned) override {}
-    void cl_loop_header(unsigned, I_SYMTAB*, unsigned) override {}
-    void cl_dd_vector(const std::vector<long long>&) override {}
-    void cl_dd_edge(unsigned, unsigned, unsigned) override {}
-    void cl_mbank(unsigned, unsigned, unsigned, unsigned, unsigned) override {}
-    void cl_ir_end_func(PSN*) override {}
 };
 
 uint64_t units_of_bits(uint64_t bits) { return (bits + 15) / 16; }
