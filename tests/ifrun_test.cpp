@@ -164,6 +164,31 @@ TEST_F(IfRun, EmbeddingProgramsSupplyFunctionsAndSeeVolatileAccesses) {
     EXPECT_EQ(r.trace, "");
 }
 
+TEST_F(IfRun, PrintfReadsItsArgumentsInTheirOwnWidths) {
+    // printf(format, a, b, b, 'Z', "ok"): a is a 16-bit int, b an unsigned
+    // 16-bit value; the strings are placed where two marker constants were.
+    MiniFunction f{"f", {"a", "u:b"}, {}};
+    f.externs = {"printf"};
+    f.body = {"(call printf 12345 a b b 90 23456)", "(ret 0)"};
+    std::string text = minic::unit_text({f});
+    auto replace = [&](const std::string& a, const std::string& b) {
+        ASSERT_NE(text.find(a), std::string::npos) << a;
+        text.replace(text.find(a), a.size(), b);
+    };
+    replace("node b:4 n:1 i:12345\n", "node b:3 n:5 L:\"a=%d b=%u hex=%04x c=%c s=%s 100%%\\n\"\n");
+    replace("node b:4 n:1 i:23456\n", "node b:3 n:5 L:\"ok\"\n");
+    ASSERT_EQ(assemble(text, dir.path / "p.if"), "");
+    std::string error;
+    std::unique_ptr<IFRUN_UNIT> unit = IFRUN_UNIT::load((dir.path / "p.if").string(), error);
+    ASSERT_TRUE(unit) << error;
+    IFRUN_OPTIONS o;
+    o.entry = "f";
+    o.args = {-2, 65535};
+    IFRUN_RESULT r = unit->run(o);
+    ASSERT_TRUE(r.ok) << r.error;
+    EXPECT_EQ(r.output, "a=-2 b=65535 hex=ffff c=Z s=ok 100%\n");
+}
+
 TEST_F(IfRun, AnAssignmentFindsItsPlaceBeforeItsValue) {
     // The place is g[g[0] + 30] with g[0] as it was (-26): g[4].  The value,
     // a call, sets g[0] to 7 first, which would make the place g[37].

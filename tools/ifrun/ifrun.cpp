@@ -594,7 +594,7 @@ private:
         return builtin(callee->name, args, types);
     }
 
-    std::string string_at(uint64_t address) {
+    std::string read_string(uint64_t address) {
         std::string s;
         for (;;) {
             int64_t c = load(address++, char_type());
@@ -612,7 +612,7 @@ private:
             return args[0];
         }
         if (name == "printf" && !args.empty()) {
-            std::string fmt = string_at(static_cast<uint64_t>(args[0])), out;
+            std::string fmt = read_string(static_cast<uint64_t>(args[0])), out;
             size_t next = 1;
             for (size_t i = 0; i < fmt.size(); ++i) {
                 if (fmt[i] != '%') {
@@ -642,7 +642,7 @@ private:
                     std::snprintf(buf, sizeof buf, (flags + "ll" + conv).c_str(), static_cast<unsigned long long>(as_unsigned(v, s)));
                     break;
                 case 'c': std::snprintf(buf, sizeof buf, (flags + "c").c_str(), static_cast<int>(v)); break;
-                case 's': out += string_at(static_cast<uint64_t>(v)); continue;
+                case 's': out += read_string(static_cast<uint64_t>(v)); continue;
                 default: fail(std::string("printf: the conversion %") + conv);
                 }
                 out += buf;
