@@ -945,6 +945,39 @@ int ssa_integers_mvp::do_integer_value_propagation() {
     return bound;
 }
 
+namespace {
+// Reads of a variable whose value there is one constant become that
+// constant; the simplifier then folds what they feed.  A variable in an
+// assigned place stays.
+int replace_single_valued_uses(SSA_FORM& ssa, ssa_integers_mvp& mvp) {
+    int replaced = 0;
+    std::vector<std::pair<NODE**, bool>> work;  // operand slot, an assigned place
+    for (BBLK* b : layout_blocks())
+        for (BODY_ENTRY& e : b->statements) {
+            work.push_back({&e.tree, false});
+            while (!work.empty()) {
+                auto [slot, place] = work.back();
+                work.pop_back();
+                NODE* t = *slot;
+                if (!t || t->opcode == LABEL || t->opcode == FIELD) continue;
+                if (t->opcode != NAME) {
+                    work.push_back({&t->left, t->opcode == ASG || is_op_assign(t->opcode) || t->opcode == UAND});
+                    work.push_back({&t->right, false});
+                    continue;
+                }
+                if (place || !t->type || !integer_view(t->type)) continue;
+                SSA_DEFINITION* def = ssa.reaching_definition(t);
+                if (!def || def->var != t->symbol) continue;
+                mvpIntegers mv = mvp.eval_reaching_definition(t);
+                if (!mv.is_exact() || mv.size() != 1) continue;
+                *slot = replace_by_constant(t, truncate_to_type(mv.minimum(), t->type), t->type);
+                ++replaced;
+            }
+        }
+    return replaced;
+}
+}  // namespace
+
 void intraprocedural_MVP() {
     FUNINFO* fi = currfuninfo;
     if (opt_level() < 2 || !fi || !fi->bb_list) return;
@@ -964,6 +997,9 @@ void intraprocedural_MVP() {
     struct CLEAR {
         ~CLEAR() { simp_range_oracle = nullptr; }
     } clear;
+    int constants = replace_single_valued_uses(*ssa, mvp);
+    if (print_debug && FDEBUG)
+        DBG_CHECK(std::fprintf(FDEBUG, "Uses with one value made constants: %d\n", constants));
     simp_all_trees();
     simp_range_oracle = nullptr;
     deconstruct_SSA_form(ssa);

@@ -70,7 +70,8 @@ bool icon_is(const NODE* n, long long v) { return is_icon(n) && n->value == INT6
 
 NODE* new_icon(INT65 v, TYPE* type) { return mk_ICON(truncate_to_type(v, type), type); }
 
-// Replaces n by its operand `keep` (the other operand and n are freed).
+}  // namespace
+
 NODE* keep_operand(NODE* n, NODE* keep) {
     NODE* other = n->left == keep ? n->right : n->left;
     if (other && other != keep) erase_tree(other);
@@ -79,12 +80,13 @@ NODE* keep_operand(NODE* n, NODE* keep) {
     return keep;
 }
 
-// Replaces n by a constant when n has no side effects; otherwise n stays.
 NODE* replace_by_constant(NODE* n, INT65 v, TYPE* type) {
     if (has_side_effects(n)) return n;
     erase_tree(n);
     return new_icon(v, type);
 }
+
+namespace {
 
 // The operand converted to the node's type when they differ.
 NODE* retype(NODE* operand, TYPE* type) {

@@ -107,3 +107,8 @@ TYPE* integer_view(TYPE* type);
 unsigned int_width(TYPE* type);
 // True when evaluating the tree can change state or trap.
 bool has_side_effects(const NODE* tree);
+// The two ways a rewrite replaces a node, freeing what it no longer holds:
+// by its operand `keep` (the other operand and the node go), or by the
+// constant v of `type` when it has no side effects (otherwise it stays).
+NODE* keep_operand(NODE* n, NODE* keep);
+NODE* replace_by_constant(NODE* n, INT65 v, TYPE* type);
