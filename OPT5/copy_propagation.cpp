@@ -172,34 +172,25 @@ private:
     // Reads of x become reads of y where the copy x = y is available and
     // the statement assigns neither inside (its top-level assignment is
     // made after its operands are read).
-    int rewrite_reads(NODE* stmt, const BITVEC& avail) const {
+    int rewrite_reads(NODE*& stmt, const BITVEC& avail) const {
         if (!stmt || !avail.any()) return 0;
         std::set<const SYMTAB*> embedded;
         for_each_assigned(stmt, [&](const SYMTAB* v, bool inside) {
             if (inside) embedded.insert(v);
         });
         int n = 0;
-        std::vector<std::pair<NODE*, bool>> work{{stmt, false}};  // node, an assigned place
-        while (!work.empty()) {
-            auto [t, place] = work.back();
-            work.pop_back();
-            if (!t || t->opcode == LABEL || t->opcode == FIELD) continue;
-            if (t->opcode == NAME) {
-                const SYMTAB* x = place ? nullptr : private_name(t);
-                const std::vector<int>* cs = x ? involving_.find(x) : nullptr;
-                if (!cs || embedded.count(x)) continue;
-                for (int c : *cs) {
-                    const COPY& copy = copies_[static_cast<size_t>(c)];
-                    if (copy.to != x || !avail.test(static_cast<size_t>(c)) || embedded.count(copy.from)) continue;
-                    t->symbol = const_cast<SYMTAB*>(copy.from);
-                    ++n;
-                    break;
-                }
-                continue;
+        for_each_read_name(stmt, [&](NODE*& t) {
+            const SYMTAB* x = private_name(t);
+            const std::vector<int>* cs = x ? involving_.find(x) : nullptr;
+            if (!cs || embedded.count(x)) return;
+            for (int c : *cs) {
+                const COPY& copy = copies_[static_cast<size_t>(c)];
+                if (copy.to != x || !avail.test(static_cast<size_t>(c)) || embedded.count(copy.from)) continue;
+                t->symbol = const_cast<SYMTAB*>(copy.from);
+                ++n;
+                return;
             }
-            work.push_back({t->left, assigns(t->opcode)});
-            work.push_back({t->right, false});
-        }
+        });
         return n;
     }
 };

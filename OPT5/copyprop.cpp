@@ -185,6 +185,22 @@ bool is_op_assign(int op) {
            op == ORBASG || op == XORBASG || op == SLLASG || op == SRLASG || op == PLUSPLUS || op == MINMIN;
 }
 
+void for_each_read_name(NODE*& tree, const std::function<void(NODE*&)>& f) {
+    std::vector<std::pair<NODE**, bool>> work{{&tree, false}};  // operand slot, a named place
+    while (!work.empty()) {
+        auto [slot, place] = work.back();
+        work.pop_back();
+        NODE* t = *slot;
+        if (!t || t->opcode == LABEL || t->opcode == FIELD) continue;
+        if (t->opcode == NAME) {
+            if (!place) f(*slot);
+            continue;
+        }
+        work.push_back({&t->left, t->opcode == ASG || is_op_assign(t->opcode) || t->opcode == UAND});
+        work.push_back({&t->right, false});
+    }
+}
+
 int lva_sym_count() { return currfuninfo ? static_cast<int>(currfuninfo->lva_syms.size()) : 0; }
 
 int lva_index(const SYMTAB* sym) {

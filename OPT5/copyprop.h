@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <set>
 #include <vector>
 
@@ -31,6 +32,9 @@ void find_live_variables(bool record, bool loops);
 
 // x op= e, ++ and --: assignments that also read the variable.
 bool is_op_assign(int op);
+// Hands each NAME node of the tree that is read (not the place an
+// assignment or & names) to `f` by its operand slot, where f may replace it.
+void for_each_read_name(NODE*& tree, const std::function<void(NODE*&)>& f);
 
 // The side effects of a tree (null when it has none); the rest is freed.
 NODE* peel_for_effect(NODE* tree);

@@ -22,19 +22,18 @@ const char THIS_MODULE[] = "OPT5/dump";
 thread_local std::string last_text;
 thread_local const SYMTAB* last_function = nullptr;
 
-std::string address(const void* p) {
-    char b[32];
-    std::snprintf(b, sizeof b, "@%p", p);
-    return b;
-}
-
-std::string type_text(TYPE* t) {
-    if (!t) return "?";
-    return pass_debug_dump_full_types ? t->stripped()->print() : t->print();
+// What the switches ask of the infix form and the types.
+INFIX_STYLE dump_style() {
+    INFIX_STYLE style;
+    style.types = pass_debug_dump_infix_types;
+    style.full_types = pass_debug_dump_full_types;
+    style.sym_addr = pass_debug_dump_sym_addr;
+    style.regs = pass_debug_dump_infix_regs;
+    return style;
 }
 
 // One node a line, indented by depth: the opcode, the type, the payload.
-void tree_lines(const NODE* root, std::string& out) {
+void tree_lines(const NODE* root, const INFIX_STYLE& style, std::string& out) {
     std::vector<std::pair<const NODE*, int>> work{{root, 3}};
     while (!work.empty()) {
         auto [n, depth] = work.back();
@@ -43,15 +42,15 @@ void tree_lines(const NODE* root, std::string& out) {
         std::string line(static_cast<size_t>(depth) * 2, ' ');
         line += n->opcode >= 0 && n->opcode < NUM_OPCODES && node_operator_name[n->opcode] ? node_operator_name[n->opcode]
                                                                                           : "OP" + std::to_string(n->opcode);
-        line += " : " + type_text(n->type);
+        line += " : " + type_text(n->type, style);
         if (pass_debug_dump_otypes && n->creation_type && n->creation_type != n->type)
-            line += " (made as " + type_text(n->creation_type) + ")";
+            line += " (made as " + type_text(n->creation_type, style) + ")";
         switch (n->opcode) {
         case ICON: case LABEL: line += "  " + n->value.to_string(); break;
-        case VREG: line += pass_debug_dump_infix_regs ? "  R" + n->value.to_string() : "  " + n->value.to_string(); break;
+        case VREG: line += (style.regs ? "  R" : "  ") + n->value.to_string(); break;
         case NAME:
             line += "  " + (n->symbol ? n->symbol->name : std::string("<noname>"));
-            if (pass_debug_dump_sym_addr && n->symbol) line += address(n->symbol);
+            if (style.sym_addr && n->symbol) line += symbol_address(n->symbol);
             break;
         case SCON: case FCON: line += "  " + n->x().text; break;
         default: break;
@@ -70,11 +69,7 @@ void tree_lines(const NODE* root, std::string& out) {
 std::string render() {
     FUNINFO* fi = currfuninfo;
     const bool minimal = pass_debug_dump_minimal;
-    INFIX_STYLE style;
-    style.types = pass_debug_dump_infix_types;
-    style.full_types = pass_debug_dump_full_types;
-    style.sym_addr = pass_debug_dump_sym_addr;
-    style.regs = pass_debug_dump_infix_regs;
+    const INFIX_STYLE style = dump_style();
     std::string out;
     if (pass_debug_dump_scope) {
         bool args = true;
@@ -83,7 +78,7 @@ std::string render() {
             if (e.kind != BODY_ENTRY::SYMBOL || !e.sym) continue;
             const SYMTAB* s = static_cast<const SYMTAB*>(e.sym);
             out += std::string(args ? "  argument " : "  local    ") + (s->type ? s->type->declare(s->name) : s->name);
-            if (pass_debug_dump_sym_addr) out += " " + address(s);
+            if (style.sym_addr) out += " " + symbol_address(s);
             out += "\n";
         }
     }
@@ -104,7 +99,7 @@ std::string render() {
                           std::to_string(e.pos.col) + " ";
             ++k;
             out += prefix + stmt2infix(e.tree, style) + "\n";
-            if (pass_debug_dump_trees) tree_lines(e.tree, out);
+            if (pass_debug_dump_trees) tree_lines(e.tree, style, out);
         }
     }
     return out;

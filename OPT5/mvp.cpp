@@ -951,29 +951,17 @@ namespace {
 // assigned place stays.
 int replace_single_valued_uses(SSA_FORM& ssa, ssa_integers_mvp& mvp) {
     int replaced = 0;
-    std::vector<std::pair<NODE**, bool>> work;  // operand slot, an assigned place
     for (BBLK* b : layout_blocks())
-        for (BODY_ENTRY& e : b->statements) {
-            work.push_back({&e.tree, false});
-            while (!work.empty()) {
-                auto [slot, place] = work.back();
-                work.pop_back();
-                NODE* t = *slot;
-                if (!t || t->opcode == LABEL || t->opcode == FIELD) continue;
-                if (t->opcode != NAME) {
-                    work.push_back({&t->left, t->opcode == ASG || is_op_assign(t->opcode) || t->opcode == UAND});
-                    work.push_back({&t->right, false});
-                    continue;
-                }
-                if (place || !t->type || !integer_view(t->type)) continue;
+        for (BODY_ENTRY& e : b->statements)
+            for_each_read_name(e.tree, [&](NODE*& t) {
+                if (!t->type || !integer_view(t->type)) return;
                 SSA_DEFINITION* def = ssa.reaching_definition(t);
-                if (!def || def->var != t->symbol) continue;
+                if (!def || def->var != t->symbol) return;
                 mvpIntegers mv = mvp.eval_reaching_definition(t);
-                if (!mv.is_exact() || mv.size() != 1) continue;
-                *slot = replace_by_constant(t, truncate_to_type(mv.minimum(), t->type), t->type);
+                if (!mv.is_exact() || mv.size() != 1) return;
+                t = replace_by_constant(t, truncate_to_type(mv.minimum(), t->type), t->type);
                 ++replaced;
-            }
-        }
+            });
     return replaced;
 }
 }  // namespace

@@ -87,6 +87,9 @@ struct INFIX_STYLE {
     bool types = false, full_types = false, sym_addr = false, regs = false;
 };
 std::string stmt2infix(const NODE* tree, const INFIX_STYLE& style);
+// A type and a symbol's address as the style writes them.
+std::string type_text(TYPE* type, const INFIX_STYLE& style);
+std::string symbol_address(const void* sym);
 // Makes a tree writable: the casts the code generator needs, and
 // optimizer-only opcodes back to their I-file forms.
 NODE* insert_mandatory_casts(NODE* tree);

@@ -75,11 +75,6 @@ const char* infix_operator(int op) {
     }
 }
 
-std::string type_text(TYPE* t, const INFIX_STYLE& style) {
-    if (!t) return "?";
-    return style.full_types ? t->stripped()->print() : t->print();
-}
-
 void infix(const NODE* n, std::string& out, const INFIX_STYLE& style) {
     if (!n) return;
     auto typed = [&]() {
@@ -89,11 +84,7 @@ void infix(const NODE* n, std::string& out, const INFIX_STYLE& style) {
     case ICON: out += n->value.to_string(); typed(); return;
     case NAME:
         out += n->symbol ? n->symbol->name : "<noname>";
-        if (style.sym_addr && n->symbol) {
-            char b[32];
-            std::snprintf(b, sizeof b, "@%p", static_cast<const void*>(n->symbol));
-            out += b;
-        }
+        if (style.sym_addr && n->symbol) out += symbol_address(n->symbol);
         typed();
         return;
     case LABEL: out += "L" + n->value.to_string(); return;
@@ -304,6 +295,17 @@ NODE* insert_mandatory_casts(NODE* tree) {
     mandatory_cast(tree);
     walk_and_modify_tree(tree, mandatory_cast);
     return tree;
+}
+
+std::string type_text(TYPE* type, const INFIX_STYLE& style) {
+    if (!type) return "?";
+    return style.full_types ? type->stripped()->print() : type->print();
+}
+
+std::string symbol_address(const void* sym) {
+    char b[32];
+    std::snprintf(b, sizeof b, "@%p", sym);
+    return b;
 }
 
 std::string stmt2infix(const NODE* tree) { return stmt2infix(tree, INFIX_STYLE{}); }

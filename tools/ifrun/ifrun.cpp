@@ -33,11 +33,19 @@ struct STMT {
     PSN pos;
 };
 
+// An object in memory: a global (its address) or a parameter or local (its
+// offset from the start of the frame), and its size in units.
+struct OBJECT {
+    const SYMTAB* sym;
+    uint64_t at, units;
+};
+
 struct FUNC {
     SYMTAB* sym = nullptr;
     std::vector<SYMTAB*> params, locals;
     std::vector<STMT> stmts;
     std::map<int64_t, size_t> labels;   // label id -> index of the statement after it
+    std::vector<OBJECT> frame;          // the parameters, then the locals
     ptr_map<const SYMTAB*, uint64_t> offset;  // parameter or local -> units from the frame's start
     uint64_t frame_units = 0;
     uint64_t operations = 0;  // counted while a run is in it
@@ -142,7 +150,8 @@ public:
     std::vector<uint16_t> globals_mem;
     std::vector<uint8_t> globals_set;  // 0: no object, 1: unset, 2: set
     std::map<std::string, FUNC*> by_name;
-    std::vector<std::pair<const SYMTAB*, uint64_t>> objects;  // globals in symbol order, with their units
+    std::vector<OBJECT> objects;                // globals in symbol order
+    std::vector<const NODE*> strings;           // SCON nodes, each with its place in string_at
 
     ~UNIT() override {
         for (FUNC& f : loader.funcs)
@@ -163,6 +172,7 @@ public:
             TYPE* t = s->type ? s->type->stripped() : nullptr;
             if (!t || t->kind == TYPE::FUNC_T) continue;
             uint64_t units = object_units(s);
+            objects.push_back({s, next, units});
             global_at[s] = next;
             next += units + 1;
         }
@@ -170,20 +180,17 @@ public:
             for (const STMT& st : f.stmts) next = place_strings(st.tree, next);
         globals_mem.assign(next - GLOBAL_BASE, 0);
         globals_set.assign(next - GLOBAL_BASE, 0);
-        for (I_SYMTAB* g : file->globals) {
-            SYMTAB* s = static_cast<SYMTAB*>(g);
-            const uint64_t* at = global_at.find(s);
-            if (!at) continue;
-            uint64_t units = object_units(s);
-            objects.push_back({s, units});
-            for (uint64_t u = 0; u < units; ++u) globals_set[*at - GLOBAL_BASE + u] = 2;
-            if (s->x().has_init) initialize(*at, units, s->x().init_trees);
+        for (const OBJECT& o : objects) {
+            for (uint64_t u = 0; u < o.units; ++u) globals_set[o.at - GLOBAL_BASE + u] = 2;
+            if (o.sym->x().has_init) initialize(o.at, o.units, o.sym->x().init_trees);
         }
+        write_strings();
         for (auto& f : loader.funcs) {
             uint64_t off = 0;
             for (std::vector<SYMTAB*>* list : {&f.params, &f.locals})
                 for (SYMTAB* s : *list) {
                     uint64_t units = object_units(s);
+                    f.frame.push_back({s, off, units});
                     f.offset[s] = off;
                     off += units + 1;
                 }
@@ -201,6 +208,7 @@ public:
             if (!n) continue;
             if (n->opcode == SCON && !string_at.find(n)) {
                 string_at[n] = next;
+                strings.push_back(n);
                 next += n->x().text_length + 2;  // the characters, the terminating zero, the gap
             }
             work.push_back(n->left);
@@ -210,25 +218,14 @@ public:
     }
 
     void write_strings() {
-        for (FUNC& f : loader.funcs)
-            for (const STMT& st : f.stmts) {
-                std::vector<const NODE*> work{st.tree};
-                while (!work.empty()) {
-                    const NODE* n = work.back();
-                    work.pop_back();
-                    if (!n) continue;
-                    if (n->opcode == SCON) {
-                        uint64_t at = *string_at.find(n) - GLOBAL_BASE;
-                        const std::string& s = n->x().text;
-                        for (size_t i = 0; i <= n->x().text_length; ++i) {
-                            globals_mem[at + i] = i < n->x().text_length && i < s.size() ? static_cast<unsigned char>(s[i]) : 0;
-                            globals_set[at + i] = 2;
-                        }
-                    }
-                    work.push_back(n->left);
-                    work.push_back(n->right);
-                }
+        for (const NODE* n : strings) {
+            uint64_t at = *string_at.find(n) - GLOBAL_BASE;
+            const std::string& s = n->x().text;
+            for (size_t i = 0; i <= n->x().text_length; ++i) {
+                globals_mem[at + i] = i < n->x().text_length && i < s.size() ? static_cast<unsigned char>(s[i]) : 0;
+                globals_set[at + i] = 2;
             }
+        }
     }
 
     // An initializer: its trees fill the object from its start, each
@@ -286,19 +283,15 @@ public:
             stack_set_.resize(need, 0);
         }
         std::fill(stack_set_.begin() + static_cast<long>(base - STACK_BASE), stack_set_.begin() + static_cast<long>(need), 0);
-        for (std::vector<SYMTAB*>* list : {&f.params, &f.locals})
-            for (SYMTAB* s : *list) {
-                uint64_t at = base + *f.offset.find(s);
-                uint64_t units = object_units(s);
-                for (uint64_t u = 0; u < units; ++u) stack_set_[at - STACK_BASE + u] = 1;
-            }
+        for (const OBJECT& o : f.frame)
+            std::fill_n(stack_set_.begin() + static_cast<long>(base + o.at - STACK_BASE), o.units, 1);
         frames_.push_back({&f, base, 0});
         if (args.size() != f.params.size() && !(f.params.empty() && args.empty()))
             fail("'" + f.sym->name + "' takes " + std::to_string(f.params.size()) + " arguments, called with " +
                  std::to_string(args.size()));
         for (size_t i = 0; i < args.size(); ++i) {
-            SYMTAB* p = f.params[i];
-            store(base + *f.offset.find(p), wrap(args[i], scalar_of(p->type)), p->type);
+            const OBJECT& p = f.frame[i];
+            store(base + p.at, wrap(args[i], scalar_of(p.sym->type)), p.sym->type);
         }
         int64_t value = execute(f);
         frames_.pop_back();
@@ -372,34 +365,30 @@ private:
     }
 
     uint64_t global_named(const std::string& name) const {
-        for (const auto& [sym, units] : unit_.objects)
-            if (sym->name == name) return *unit_.global_at.find(sym);
+        for (const OBJECT& o : unit_.objects)
+            if (o.sym->name == name) return o.at;
         fail("the unit has no global '" + name + "'");
     }
 
     // "object+offset" for an address, as volatile accesses are traced: the
     // same before and after optimization, whatever the layout.
     std::string describe(uint64_t address) const {
-        for (const auto& [sym, units] : unit_.objects) {
-            uint64_t at = *unit_.global_at.find(sym);
-            if (address >= at && address < at + units) return sym->name + "+" + std::to_string(address - at);
-        }
+        for (const OBJECT& o : unit_.objects)
+            if (address >= o.at && address < o.at + o.units) return o.sym->name + "+" + std::to_string(address - o.at);
         for (auto fr = frames_.rbegin(); fr != frames_.rend(); ++fr)
-            for (std::vector<SYMTAB*>* list : {&fr->func->params, &fr->func->locals})
-                for (SYMTAB* s : *list) {
-                    uint64_t at = fr->base + *fr->func->offset.find(s);
-                    if (address >= at && address < at + object_units(s))
-                        return fr->func->sym->name + "." + s->name + "+" + std::to_string(address - at);
-                }
+            for (const OBJECT& o : fr->func->frame) {
+                uint64_t at = fr->base + o.at;
+                if (address >= at && address < at + o.units)
+                    return fr->func->sym->name + "." + o.sym->name + "+" + std::to_string(address - at);
+            }
         return "0x" + hex(address);
     }
 
     std::string name_at(uint64_t address) const {
         if (!frames_.empty()) {
             const FRAME& fr = frames_.back();
-            for (std::vector<SYMTAB*>* list : {&fr.func->params, &fr.func->locals})
-                for (SYMTAB* s : *list)
-                    if (fr.base + *fr.func->offset.find(s) == address) return "'" + s->name + "'";
+            for (const OBJECT& o : fr.func->frame)
+                if (fr.base + o.at == address) return "'" + o.sym->name + "'";
         }
         return "address 0x" + hex(address);
     }
@@ -770,7 +759,7 @@ IFRUN_RESULT UNIT::run(const IFRUN_OPTIONS& options) {
         std::string where = m.where();
         result.error = (where.empty() ? "" : where + ": ") + e.message;
     }
-    for (const auto& [sym, units] : objects) result.globals.push_back({sym->name, m.units_at(*global_at.find(sym), units)});
+    for (const OBJECT& o : objects) result.globals.push_back({o.sym->name, m.units_at(o.at, o.units)});
     for (int op = 0; op < NUM_OPCODES; ++op)
         if (m.per_opcode_[op]) result.per_opcode[node_operator_name[op]] += m.per_opcode_[op];
     for (FUNC& f : loader.funcs)
@@ -798,7 +787,6 @@ std::unique_ptr<IFRUN_UNIT> IFRUN_UNIT::load(const std::string& path, std::strin
     unit->file->if_read_file();
     try {
         unit->lay_out(unit->file.get());
-        unit->write_strings();
     } catch (RUN_ERROR& e) {
         error = e.message;
         return nullptr;
