@@ -55,12 +55,6 @@ public:
     void cl_comment(char* t) override { events.push_back(std::string("comment ") + t); }
     void cl_func_info(int) override {}
     void cl_func_eht(EHT_ENTRY*, unsigned n) override { events.push_back("eht " + std::to_string(n)); }
-    void cl_loop_def(unsigned, unsigned, unsigned, unsigned, unsigned, unsigned) override {}
-    void cl_loop_header(unsigned, I_SYMTAB*, unsigned) override {}
-    void cl_dd_vector(const std::vector<long long>&) override {}
-    void cl_dd_edge(unsigned, unsigned, unsigned) override {}
-    void cl_mbank(unsigned, unsigned, unsigned, unsigned, unsigned) override {}
-    void cl_ir_end_func(PSN*) override {}
     ~Recorder() override {
         for (NODE* t : trees) erase_tree(t);
     }
