@@ -152,6 +152,8 @@ public:
     std::map<std::string, FUNC*> by_name;
     std::vector<OBJECT> objects;                // globals in symbol order
     std::vector<const NODE*> strings;           // SCON nodes, each with its place in string_at
+    std::string program_name = "a.out";
+    uint64_t argv_at = 0, program_name_at = 0;
 
     ~UNIT() override {
         for (FUNC& f : loader.funcs)
@@ -178,6 +180,14 @@ public:
         }
         for (FUNC& f : loader.funcs)
             for (const STMT& st : f.stmts) next = place_strings(st.tree, next);
+        for (const OBJECT& o : objects)
+            if (o.sym->x().has_init)
+                for (BASE_NODE* b : o.sym->x().init_trees) next = place_strings(static_cast<const NODE*>(b), next);
+        // The arguments of main: argv[0] is the unit's name, argv[1] null.
+        argv_at = next;
+        next += 4 + 1;
+        program_name_at = next;
+        next += program_name.size() + 2;
         globals_mem.assign(next - GLOBAL_BASE, 0);
         globals_set.assign(next - GLOBAL_BASE, 0);
         for (const OBJECT& o : objects) {
@@ -185,6 +195,13 @@ public:
             if (o.sym->x().has_init) initialize(o.at, o.units, o.sym->x().init_trees);
         }
         write_strings();
+        for (uint64_t u = 0; u < 4; ++u) globals_set[argv_at - GLOBAL_BASE + u] = 2;
+        globals_mem[argv_at - GLOBAL_BASE] = static_cast<uint16_t>(program_name_at);
+        globals_mem[argv_at - GLOBAL_BASE + 1] = static_cast<uint16_t>(program_name_at >> 16);
+        for (size_t i = 0; i <= program_name.size(); ++i) {
+            globals_mem[program_name_at - GLOBAL_BASE + i] = i < program_name.size() ? static_cast<unsigned char>(program_name[i]) : 0;
+            globals_set[program_name_at - GLOBAL_BASE + i] = 2;
+        }
         for (auto& f : loader.funcs) {
             uint64_t off = 0;
             for (std::vector<SYMTAB*>* list : {&f.params, &f.locals})
@@ -228,6 +245,32 @@ public:
         }
     }
 
+    // The value of a constant of an initializer: an integer, or an address
+    // (of an object or a string) plus or minus a constant.
+    int64_t initial_value(const NODE* n) {
+        switch (n->opcode) {
+        case ICON: case LCON: return wrap(static_cast<int64_t>(n->value.low_word()), scalar_of(n->type));
+        case SCON: return static_cast<int64_t>(*string_at.find(n));
+        case UAND:
+            if (n->left && n->left->opcode == NAME)
+                if (const uint64_t* g = global_at.find(n->left->symbol)) return static_cast<int64_t>(*g);
+            fail("an initializer takes the address of something that is not a global object");
+        case NAME:
+            if (const uint64_t* g = global_at.find(n->symbol); g && aggregate_type(n->type)) return static_cast<int64_t>(*g);
+            fail("an initializer reads a variable");
+        case PLUS: case MINUS: {
+            uint64_t a = static_cast<uint64_t>(initial_value(n->left)), b = static_cast<uint64_t>(initial_value(n->right));
+            return wrap(static_cast<int64_t>(n->opcode == PLUS ? a + b : a - b), scalar_of(n->type));
+        }
+        case PCONV: case SCONV: return wrap(initial_value(n->left), scalar_of(n->type));
+        default: fail(std::string("an initializer holds the operator ") + node_operator_name[n->opcode]);
+        }
+    }
+    static bool aggregate_type(TYPE* t) {
+        TYPE* s = t ? t->stripped() : nullptr;
+        return s && (s->kind == TYPE::ARRAY_T || s->kind == TYPE::STRUCT_T || s->kind == TYPE::UNION_T);
+    }
+
     // An initializer: its trees fill the object from its start, each
     // constant taking its type's units; SKIP leaves its count of units zero.
     void initialize(uint64_t at, uint64_t units, const std::vector<BASE_NODE*>& trees) {
@@ -239,11 +282,10 @@ public:
                 off += n->value.as<uint64_t>();
                 continue;
             }
-            if (n->opcode != ICON && n->opcode != LCON) fail("an initializer holds a form that cannot be run yet");
             SCALAR s = scalar_of(n->type);
             uint64_t u = units_of_bits(s.bits);
             if (off + u > units) fail("an initializer runs past its object");
-            int64_t v = static_cast<int64_t>(n->value.low_word());
+            int64_t v = initial_value(n);
             for (uint64_t k = 0; k < u; ++k) globals_mem[at - GLOBAL_BASE + off + k] = static_cast<uint16_t>(v >> (16 * k));
             off += u;
         }
@@ -752,8 +794,12 @@ IFRUN_RESULT UNIT::run(const IFRUN_OPTIONS& options) {
     }
     MACHINE m(*this, options, result);
     for (FUNC& f : loader.funcs) f.operations = 0;
+    std::vector<int64_t> args = options.args;
+    // main(argc, argv) run without arguments gets argc 1 and argv {name, 0}.
+    if (args.empty() && at->second->params.size() == 2 && options.entry == "main")
+        args = {1, static_cast<int64_t>(argv_at)};
     try {
-        result.value = m.call(*at->second, options.args);
+        result.value = m.call(*at->second, args);
         result.ok = true;
     } catch (RUN_ERROR& e) {
         std::string where = m.where();
