@@ -263,8 +263,11 @@ bool mvpIntegers::merge_constant_integer_range(INT65 lo, INT65 hi, INT65 stride)
     INT65 span;
     bool few = INT65::checked_sub(hi, lo, &span) && span / stride < INT65(static_cast<int>(MAX_EXACT));
     if (few) {
+        // Counted, not compared with hi: a step past the largest value the
+        // integers hold would wrap around.
         bool changed = false;
-        for (INT65 v = lo; v <= hi; v = v + stride) changed |= merge_constant_integer_value(v);
+        INT65 v = lo;
+        for (INT65 k(0), n = span / stride; k <= n; k = k + INT65(1), v = v + stride) changed |= merge_constant_integer_value(v);
         return changed;
     }
     mvpIntegers before = *this;

@@ -238,6 +238,18 @@ TEST(Metavalues, StridesAndKnownBits) {
     EXPECT_EXIT(top.minimum(), ::testing::ExitedWithCode(1), "");
 }
 
+// A short range that ends at the largest unsigned 64-bit value: stepping
+// through it must stop there, not wrap around past it (it used to hang).
+TEST(Metavalues, ARangeEndingAtTheLargestValueIsMergedValueByValue) {
+    INT65 max_u = INT65::from_words(0, ~0ULL);
+    mvpIntegers m;
+    m.merge_constant_integer_range(max_u - INT65(6), max_u, INT65(2));
+    EXPECT_TRUE(m.is_exact());
+    EXPECT_EQ(m.size(), 4u);
+    EXPECT_EQ(m.minimum(), max_u - INT65(6));
+    EXPECT_EQ(m.maximum(), max_u);
+}
+
 TEST(Metavalues, EvaluationWrapsAndRefines) {
     init_opcode_tables();
     if (!type_pkg) init_types();
