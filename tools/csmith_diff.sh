@@ -7,9 +7,11 @@
 #
 #   tools/csmith_diff.sh [--bin DIR] [--seed N] [--count M] [--levels "0 1 2 3"]
 #                        [--keep DIR] [--reduce] [--steps N] [--check FILE.c]
+#                        [--check-dir DIR]
 #
 # --check runs the same comparison on one C file (a kept or reduced program);
-# the exit status is 0 when every level agrees.
+# the exit status is 0 when every level agrees.  --check-dir checks every
+# C file of a directory (the regression programs of tests/csmith).
 set -u
 BIN=build
 SEED=1
@@ -19,6 +21,8 @@ KEEP=csmith-failures
 REDUCE=0
 STEPS=20000000
 CHECK=""
+CHECK_DIR=""
+OPT5_TIMEOUT=${OPT5_TIMEOUT:-120}  # seconds for one opt5 run
 CSMITH_OPTS="--no-int8 --no-uint8 --no-bitfields --no-packed-struct --max-funcs 6"
 while [ $# -gt 0 ]; do
     case "$1" in
@@ -30,6 +34,7 @@ while [ $# -gt 0 ]; do
     --reduce) REDUCE=1 ;;
     --steps) STEPS=$2; shift ;;
     --check) CHECK=$2; shift ;;
+    --check-dir) CHECK_DIR=$2; shift ;;
     *) echo "unknown argument $1" >&2; exit 2 ;;
     esac
     shift
@@ -53,7 +58,7 @@ check() {
         return 3
     fi
     for l in $LEVELS; do
-        if ! timeout 120 "$BIN/opt5" -o$l "$w/p.if" "$w/o$l.if" >"$w/opt5.out" 2>&1; then
+        if ! timeout "$OPT5_TIMEOUT" "$BIN/opt5" -o$l "$w/p.if" "$w/o$l.if" >"$w/opt5.out" 2>&1; then
             echo "opt5 -o$l failed: $(head -c 300 "$w/opt5.out")"
             rm -rf "$w"
             return 1
@@ -72,6 +77,20 @@ check() {
 
 if [ -n "$CHECK" ]; then
     check "$CHECK"
+    exit $?
+fi
+if [ -n "$CHECK_DIR" ]; then
+    bad=0 n=0
+    for c in "$CHECK_DIR"/*.c; do
+        [ -e "$c" ] || continue
+        n=$((n + 1))
+        msg=$(check "$c")
+        rc=$?
+        [ $rc -eq 1 ] && { echo "$c: $msg"; bad=$((bad + 1)); }
+        [ $rc -eq 3 ] && { echo "$c: runs past the step limit"; bad=$((bad + 1)); }
+    done
+    echo "$n programs, $bad failed"
+    [ $bad -eq 0 ]
     exit $?
 fi
 

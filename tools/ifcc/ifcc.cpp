@@ -289,8 +289,9 @@ private:
         auto it = type_ids_.find(key);
         if (it != type_ids_.end()) return it->second;
         std::string b = std::to_string(bits);
-        return type_ids_[key] = add_type("b:" + std::to_string(code) + " b:" + (is_signed ? "1" : "0") + " n:" + b +
-                                         " n:" + b + " b:0 b:0");
+        int id = add_type("b:" + std::to_string(code) + " b:" + (is_signed ? "1" : "0") + " n:" + b + " n:" + b + " b:0 b:0");
+        if (!is_signed) unsigned_types_.insert(id);
+        return type_ids_[key] = id;
     }
 
     int type_id(QualType q, SourceLocation at) {
@@ -307,10 +308,12 @@ private:
             id = add_type("b:19 n:" + std::to_string(b) + " n:" + std::to_string(qual) + " n:" + std::to_string(bits) +
                           " n:16");
             if (qual & 2) volatile_types_.insert(id);
+            if (unsigned_types_.count(b)) unsigned_types_.insert(id);
         } else if (q->isVoidType()) {
             id = add_type("b:51");
         } else if (const auto* p = q->getAs<PointerType>()) {
             id = add_type("b:17 n:" + std::to_string(type_id(p->getPointeeType(), at)) + " n:32 n:32");
+            unsigned_types_.insert(id);
         } else if (const auto* a = dyn_cast<ArrayType>(q.getTypePtr())) {
             uint64_t count = 0;
             if (const auto* c = dyn_cast<ConstantArrayType>(a)) count = c->getSize().getZExtValue();
@@ -430,16 +433,16 @@ private:
         place_static(init, t, 0, items, bit_units);
         for (auto& [unit, bits] : bit_units) {
             if (items.count(unit)) fail(init->getBeginLoc(), "a bit-field overlaps another initializer");
-            items[unit] = {int_type(16, false), 1, icon(int_type(16, false), static_cast<int64_t>(bits & 0xFFFF), false)};
+            items[unit] = {int_type(16, false), 1, icon(int_type(16, false), static_cast<int64_t>(bits & 0xFFFF))};
         }
         std::string out;
         uint64_t at = 0;
         for (auto& [unit, item] : items) {
-            for (; at < unit; ++at) write_tree(icon(int_type(16, false), 0, false).get(), out);
+            for (; at < unit; ++at) write_tree(icon(int_type(16, false), 0).get(), out);
             write_tree(item.tree.get(), out);
             at = unit + item.units;
         }
-        for (; at < total; ++at) write_tree(icon(int_type(16, false), 0, false).get(), out);
+        for (; at < total; ++at) write_tree(icon(int_type(16, false), 0).get(), out);
         return out + "node b:112 n:0\n";
     }
 
@@ -479,7 +482,7 @@ private:
             std::string text = s->getBytes().str();
             int ct = type_id(cast<ArrayType>(c.getTypePtr())->getElementType(), e->getExprLoc());
             for (uint64_t i = 0; i < n && i < text.size(); ++i)
-                items[at + i] = {ct, 1, icon(ct, static_cast<unsigned char>(text[i]), true)};
+                items[at + i] = {ct, 1, icon(ct, static_cast<unsigned char>(text[i]))};
             return;
         }
         if (c->isRecordType()) unsupported(e, "a struct initialized from an expression");
@@ -502,7 +505,7 @@ private:
     // object or string with a constant offset.
     T constant_tree(const Expr* e, QualType t) {
         int type = type_id(t, e->getExprLoc());
-        if (std::optional<int64_t> v = constant(e)) return icon(type, *v, !scalar(t).is_signed);
+        if (std::optional<int64_t> v = constant(e)) return icon(type, *v);
         if (t->isPointerType()) {
             const Expr* base = nullptr;
             int64_t offset = 0;
@@ -514,7 +517,7 @@ private:
                     const auto* v = cast<VarDecl>(cast<DeclRefExpr>(base)->getDecl());
                     a = node(O_UAND, type, name_of(v, e->getExprLoc()));
                 }
-                if (offset) a = node(O_PLUS, type, std::move(a), icon(int_type(32, true), offset, false));
+                if (offset) a = node(O_PLUS, type, std::move(a), icon(int_type(32, true), offset));
                 return a;
             }
         }
@@ -689,7 +692,10 @@ private:
 
     // ---- Leaves ----
 
-    T icon(int type, int64_t v, bool is_unsigned) {
+    // A constant of one of our types; the record's encoding of the value
+    // follows the type's signedness.
+    T icon(int type, int64_t v) {
+        bool is_unsigned = unsigned_types_.count(type) != 0;
         if (!is_unsigned && v >= INT32_MIN && v <= INT32_MAX) return node(O_ICON, type, nullptr, nullptr, " i:" + std::to_string(v));
         if (is_unsigned && v >= 0 && v <= UINT32_MAX) return node(O_ICON, type, nullptr, nullptr, " n:" + std::to_string(v));
         std::string digits = is_unsigned ? std::to_string(static_cast<uint64_t>(v)) : std::to_string(v);
@@ -697,9 +703,9 @@ private:
     }
     T icon_of(QualType t, int64_t v, SourceLocation at) {
         SCALAR s = scalar(t);
-        return icon(type_id(t, at), wrap(v, s), !s.is_signed);
+        return icon(type_id(t, at), wrap(v, s));
     }
-    T int_icon(int64_t v) { return icon(int_type(16, true), v, false); }
+    T int_icon(int64_t v) { return icon(int_type(16, true), v); }
 
     T scon(const StringLiteral* s, int type) {
         if (s->getCharByteWidth() != 1) unsupported(s, "wide strings");
@@ -793,7 +799,7 @@ private:
             T base = m->isArrow() ? value(m->getBase()) : address(m->getBase());
             uint64_t off = layout(f->getParent(), at).members.at(f).unit;
             T p = node(O_PCONV, ptype, std::move(base));
-            if (off) p = node(O_PLUS, ptype, std::move(p), icon(int_type(32, true), static_cast<int64_t>(off), false));
+            if (off) p = node(O_PLUS, ptype, std::move(p), icon(int_type(32, true), static_cast<int64_t>(off)));
             return p;
         }
         if (const auto* s = dyn_cast<StringLiteral>(e)) return scon(s, ptype);
@@ -810,7 +816,7 @@ private:
         if (step != 1) {
             int wide = int_type(std::max(32u, is.bits), is.is_signed);
             if (i->type != wide) i = node(O_SCONV, wide, std::move(i));
-            i = node(O_MULT, wide, std::move(i), icon(wide, static_cast<int64_t>(step), !is.is_signed));
+            i = node(O_MULT, wide, std::move(i), icon(wide, static_cast<int64_t>(step)));
         }
         int type = type_id(ptype, at);
         return node(minus ? O_MINUS : O_PLUS, type, std::move(p), std::move(i));
@@ -855,7 +861,7 @@ private:
         if (vol) st = ctx_.getVolatileType(st);
         int sptr = ptr_to(st, at);
         T a = node(O_PCONV, sptr, std::move(base));
-        if (p.unit) a = node(O_PLUS, sptr, std::move(a), icon(int_type(32, true), static_cast<int64_t>(p.unit), false));
+        if (p.unit) a = node(O_PLUS, sptr, std::move(a), icon(int_type(32, true), static_cast<int64_t>(p.unit)));
         if (!simple(a.get()) && prefix) {
             T tmp = temporary(ctx_.getPointerType(st), at);
             *prefix = node(O_ASG, tmp->type, clone(tmp.get()), std::move(a));
@@ -900,8 +906,8 @@ private:
         }
         T set_tmp = node(O_ASG, tmp->type, clone(tmp.get()), convert(new_value(clone(old.get())), ft, at));
         T bits = node(O_ANDB, ut, node(O_SLL, ut, node(O_SCONV, ut, clone(tmp.get())), int_icon(p.bit)),
-                      icon(ut, static_cast<int64_t>(mask), true));
-        T keep = node(O_ANDB, ut, clone(storage.get()), icon(ut, static_cast<int64_t>(all & ~mask), true));
+                      icon(ut, static_cast<int64_t>(mask)));
+        T keep = node(O_ANDB, ut, clone(storage.get()), icon(ut, static_cast<int64_t>(all & ~mask)));
         int st = storage->type;
         T store = node(O_ASG, st, std::move(storage), node(O_ORB, ut, std::move(keep), std::move(bits)));
         T result = old_result ? std::move(old)
@@ -978,11 +984,11 @@ private:
         case CK_BooleanToSignedIntegral:
             if (to->isRecordType()) return value(sub);
             return convert(value(sub), to, at);
-        case CK_NullToPointer: return icon(type_id(to, at), 0, true);
+        case CK_NullToPointer: return icon(type_id(to, at), 0);
         case CK_IntegralToBoolean: case CK_PointerToBoolean: {
             T v = value(sub);
             int vt = v->type;
-            T zero = sub->getType()->isPointerType() ? icon(vt, 0, true) : icon_of(sub->getType(), 0, at);
+            T zero = sub->getType()->isPointerType() ? icon(vt, 0) : icon_of(sub->getType(), 0, at);
             return convert(node(O_NEQ, int_type(16, true), std::move(v), std::move(zero)), to, at);
         }
         case CK_ArrayToPointerDecay:
@@ -1098,7 +1104,7 @@ private:
             bool post = u->isPostfix();
             QualType t = sub->getType();
             if (t->isBooleanType()) unsupported(u, "++ and -- of a _Bool");
-            T step = t->isPointerType() ? icon(int_type(32, true), static_cast<int64_t>(units(t->getPointeeType(), at)), false)
+            T step = t->isPointerType() ? icon(int_type(32, true), static_cast<int64_t>(units(t->getPointeeType(), at)))
                                         : icon_of(t, 1, at);
             if (const FieldDecl* f = bit_field(sub)) {
                 auto op = inc ? O_PLUS : O_MINUS;
@@ -1158,7 +1164,7 @@ private:
                 uint64_t step = units(lt->getPointeeType(), at);
                 int wide = int_type(32, true);
                 T d = node(O_MINUS, wide, node(O_SCONV, wide, value(l)), node(O_SCONV, wide, value(r)));
-                if (step != 1) d = node(O_DIV, wide, std::move(d), icon(wide, static_cast<int64_t>(step), false));
+                if (step != 1) d = node(O_DIV, wide, std::move(d), icon(wide, static_cast<int64_t>(step)));
                 return convert(std::move(d), b->getType(), at);
             }
             if (lt->isPointerType()) return offset_pointer(value(l), lt, value(r), rt, k == BO_Sub, at);
@@ -1204,7 +1210,7 @@ private:
             if (step != 1) {
                 int wide = int_type(std::max(32u, is.bits), is.is_signed);
                 if (i->type != wide) i = node(O_SCONV, wide, std::move(i));
-                i = node(O_MULT, wide, std::move(i), icon(wide, static_cast<int64_t>(step), !is.is_signed));
+                i = node(O_MULT, wide, std::move(i), icon(wide, static_cast<int64_t>(step)));
             }
             return node(k == BO_AddAssign ? O_PLUSASG : O_MINUSASG, type_id(lt, at), std::move(p), std::move(i));
         }
@@ -1270,7 +1276,7 @@ private:
         for (uint64_t i = 0; i < n; ++i) {
             auto at_unit = [&](const T& base) {
                 T a = clone(base.get());
-                if (i) a = node(O_PLUS, up, std::move(a), icon(int_type(32, true), static_cast<int64_t>(i), false));
+                if (i) a = node(O_PLUS, up, std::move(a), icon(int_type(32, true), static_cast<int64_t>(i)));
                 return node(O_UMULT, ut, std::move(a));
             };
             T one = node(O_ASG, ut, at_unit(to), at_unit(from));
@@ -1327,6 +1333,7 @@ private:
         if (keep) emit(std::move(t), e->getExprLoc());
     }
     std::set<int> volatile_types_;
+    std::set<int> unsigned_types_;  // unsigned integers and pointers, qualified or not
 
     void local_init(const VarDecl* v) {
         const Expr* init = v->getInit();
@@ -1367,12 +1374,12 @@ private:
         auto unit_place = [&](uint64_t off, QualType q) {
             int p = ptr_to(q, at);
             T a = node(O_UAND, p, name_of(v, at));
-            if (off) a = node(O_PLUS, p, std::move(a), icon(int_type(32, true), static_cast<int64_t>(off), false));
+            if (off) a = node(O_PLUS, p, std::move(a), icon(int_type(32, true), static_cast<int64_t>(off)));
             return node(O_UMULT, type_id(q, at), std::move(a));
         };
         (void)up;
         for (uint64_t k = 0; k < n; ++k)
-            if (!covered[k]) emit(node(O_ASG, type_id(ut, at), unit_place(k, ut), icon(type_id(ut, at), 0, true)), at);
+            if (!covered[k]) emit(node(O_ASG, type_id(ut, at), unit_place(k, ut), icon(type_id(ut, at), 0)), at);
         for (auto& [off, te] : leaves) {
             T p = unit_place(off, te.first);
             int pt = p->type;
@@ -1385,7 +1392,7 @@ private:
             int stt = type_id(st, at);
             uint64_t mask = ((uint64_t{1} << mp.width) - 1) << mp.bit;
             T bits = node(O_ANDB, stt, node(O_SLL, stt, node(O_SCONV, stt, value(fe.second)), int_icon(mp.bit)),
-                          icon(stt, static_cast<int64_t>(mask), true));
+                          icon(stt, static_cast<int64_t>(mask)));
             T p = unit_place(off, st);
             emit(node(O_ORBASG, stt, std::move(p), std::move(bits)), at);
         }
