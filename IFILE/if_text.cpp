@@ -12,6 +12,23 @@
 #include "IFILE/if_node.h"
 #include "IFILE/if_prim.h"
 
+std::string if_text_quote(const std::string& s) {
+        std::string q = "\"";
+        for (unsigned char c : s) {
+            if (c == '"' || c == '\\') {
+                q += '\\';
+                q += static_cast<char>(c);
+            } else if (c >= 32 && c < 127) {
+                q += static_cast<char>(c);
+            } else {
+                char buf[8];
+                std::snprintf(buf, sizeof buf, "\\x%02x", c);
+                q += buf;
+            }
+        }
+        return q + "\"";
+    }
+
 namespace {
 
 const char* const section_names[5] = {"options", "init", "types", "files", "globals"};
@@ -60,22 +77,6 @@ struct decoder {
         out += ' ';
         out += f;
     }
-    static std::string quote(const std::string& s) {
-        std::string q = "\"";
-        for (unsigned char c : s) {
-            if (c == '"' || c == '\\') {
-                q += '\\';
-                q += static_cast<char>(c);
-            } else if (c >= 32 && c < 127) {
-                q += static_cast<char>(c);
-            } else {
-                char buf[8];
-                std::snprintf(buf, sizeof buf, "\\x%02x", c);
-                q += buf;
-            }
-        }
-        return q + "\"";
-    }
     void tag(char t) {
         switch (t) {
         case 'b': field("b:" + std::to_string(u8())); break;
@@ -97,14 +98,14 @@ struct decoder {
             const void* nul = std::memchr(b.data() + pos, 0, b.size() - pos);
             if (pos >= b.size() || !nul) throw bad_input("unterminated string");
             size_t n = static_cast<const unsigned char*>(nul) - (b.data() + pos);
-            field("S:" + quote(std::string(reinterpret_cast<const char*>(b.data() + pos), n)));
+            field("S:" + if_text_quote(std::string(reinterpret_cast<const char*>(b.data() + pos), n)));
             pos += n + 1;
             break;
         }
         case 'L': {
             uint64_t n = uint_();
             if (n > b.size() - pos) throw bad_input("short string");
-            field("L:" + quote(std::string(reinterpret_cast<const char*>(b.data() + pos), static_cast<size_t>(n))));
+            field("L:" + if_text_quote(std::string(reinterpret_cast<const char*>(b.data() + pos), static_cast<size_t>(n))));
             pos += static_cast<size_t>(n);
             break;
         }
@@ -527,7 +528,7 @@ int ifdis(FILE* in, FILE* out, std::string& error) {
             for (int j = 0; j < 4; ++j) extra |= static_cast<uint32_t>(d.u8()) << (8 * j);
         if (d.pos != r.body.size()) throw bad_input("bad header");
         std::fprintf(out, ".header version=%d cpu=0x%x source=%s", version, static_cast<unsigned>(cpu) & 0xFFFF,
-                     decoder::quote(source).c_str());
+                     if_text_quote(source).c_str());
         if (version >= -83) std::fprintf(out, " extra=%u", extra);
         std::fputc('\n', out);
 

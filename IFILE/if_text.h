@@ -19,3 +19,6 @@
 // Both return 0 on success; on failure `error` says what and where.
 int ifdis(FILE* in, FILE* out, std::string& error);
 int ifas(FILE* in, FILE* out, std::string& error);
+// A string field's text: in double quotes, with " and \ escaped and other
+// bytes outside printable ASCII as \xNN.
+std::string if_text_quote(const std::string& s);

@@ -99,7 +99,7 @@ fail=0 pass=0 skip=0
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 for ((s = SEED; s < SEED + COUNT; s++)); do
-    csmith --seed $s $CSMITH_OPTS -o "$work/p$s.c" >/dev/null 2>&1 || { echo "seed $s: csmith failed"; continue; }
+    (cd "$work" && csmith --seed $s $CSMITH_OPTS -o "p$s.c" >/dev/null 2>&1) || { echo "seed $s: csmith failed"; continue; }
     msg=$(check "$work/p$s.c")
     case $? in
     0) pass=$((pass + 1)) ;;

@@ -1,5 +1,7 @@
 #include "tools/ifcc/ifcc.h"
 
+#include "IFILE/if_text.h"
+
 #include <clang/AST/AST.h>
 #include <clang/AST/RecordLayout.h>
 #include <clang/Basic/SourceManager.h>
@@ -58,22 +60,6 @@ T clone(const TREE* t) {
     return node(t->op, t->type, clone(t->l.get()), clone(t->r.get()), t->payload);
 }
 
-std::string quote(const std::string& s) {
-    std::string q = "\"";
-    for (unsigned char c : s) {
-        if (c == '"' || c == '\\') {
-            q += '\\';
-            q += static_cast<char>(c);
-        } else if (c >= 32 && c < 127) {
-            q += static_cast<char>(c);
-        } else {
-            char buf[8];
-            std::snprintf(buf, sizeof buf, "\\x%02x", c);
-            q += buf;
-        }
-    }
-    return q + "\"";
-}
 
 void write_tree(const TREE* t, std::string& out) {
     std::vector<const TREE*> work{t};
@@ -140,12 +126,12 @@ public:
         std::string init;
         for (size_t i = 0; i < globals_.size(); ++i)
             if (globals_[i].init_text.size()) init += "init n:" + std::to_string(i) + "\n" + globals_[i].init_text;
-        std::string s = ".header version=-71 cpu=0x258 source=" + quote(main_file_) + " extra=0\n";
+        std::string s = ".header version=-71 cpu=0x258 source=" + if_text_quote(main_file_) + " extra=0\n";
         s += ".section main\n" + main + ".end\n";
         if (!init.empty()) s += ".section init\n" + init + ".end\n";
         s += ".section types\n" + types_ + ".end\n";
         s += ".section files\n";
-        for (const std::string& f : files_) s += "source S:" + quote(f) + "\n";
+        for (const std::string& f : files_) s += "source S:" + if_text_quote(f) + "\n";
         s += ".end\n.section globals\n";
         for (const GLOBAL& g : globals_) s += symbol_record(g.name, g.bits, g.type, g.position);
         s += ".end\n";
@@ -365,7 +351,7 @@ private:
     }
 
     static std::string symbol_record(const std::string& name, uint64_t bits, int type, const std::string& position) {
-        return "symbol S:" + quote(name) + " n:" + std::to_string(bits) + " n:0 c:0 w:0 n:" + std::to_string(type) +
+        return "symbol S:" + if_text_quote(name) + " n:" + std::to_string(bits) + " n:0 c:0 w:0 n:" + std::to_string(type) +
                " n:0 n:16 c:0 n:0 n:0 " + position + " b:0\n";
     }
 
@@ -710,7 +696,7 @@ private:
     T scon(const StringLiteral* s, int type) {
         if (s->getCharByteWidth() != 1) unsupported(s, "wide strings");
         std::string text = s->getBytes().str();
-        return node(O_SCON, type, nullptr, nullptr, " L:" + quote(text));
+        return node(O_SCON, type, nullptr, nullptr, " L:" + if_text_quote(text));
     }
 
     T name_of(const VarDecl* v, SourceLocation at) {
@@ -953,10 +939,7 @@ private:
             }
             return node(O_QUEST, type, std::move(cond), node(O_COLON, type, std::move(a), std::move(b)));
         }
-        if (const auto* a = dyn_cast<ArraySubscriptExpr>(e)) {
-            (void)a;
-            return place(e);
-        }
+        if (isa<ArraySubscriptExpr>(e)) return place(e);
         if (const auto* m = dyn_cast<MemberExpr>(e)) {
             if (const FieldDecl* f = bit_field(m)) {
                 MEMBER_PLACE p;
@@ -1349,10 +1332,7 @@ private:
         // An aggregate: every unit is stored, the ones without an initializer as zero.
         if (const auto* e = dyn_cast<CXXConstructExpr>(init)) unsupported(e, "C++");
         if (!isa<InitListExpr>(init->IgnoreParens()) && !isa<StringLiteral>(init->IgnoreParens())) {
-            if (t->isRecordType()) {
-                // s = other struct
-                uint64_t n = units(t, at);
-                (void)n;
+            if (t->isRecordType()) {  // a copy of another struct
                 emit(copy_local_aggregate(v, init), at);
                 return;
             }
@@ -1365,19 +1345,14 @@ private:
         collect_leaves(init, t, 0, leaves, fields, at);
         for (auto& [off, te] : leaves)
             for (uint64_t k = 0; k < units(te.first, at); ++k) covered[off + k] = true;
-        for (auto& [off, fe] : fields) {
-            (void)fe;
-            covered[off] = false;  // zeroed first, then the fields are stored
-        }
+        // The units of bit-fields are zeroed like the others, then the fields are or-ed in.
         QualType ut = ctx_.UnsignedIntTy;
-        int up = ptr_to(ut, at);
         auto unit_place = [&](uint64_t off, QualType q) {
             int p = ptr_to(q, at);
             T a = node(O_UAND, p, name_of(v, at));
             if (off) a = node(O_PLUS, p, std::move(a), icon(int_type(32, true), static_cast<int64_t>(off)));
             return node(O_UMULT, type_id(q, at), std::move(a));
         };
-        (void)up;
         for (uint64_t k = 0; k < n; ++k)
             if (!covered[k]) emit(node(O_ASG, type_id(ut, at), unit_place(k, ut), icon(type_id(ut, at), 0)), at);
         for (auto& [off, te] : leaves) {
