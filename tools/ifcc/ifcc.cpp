@@ -796,16 +796,19 @@ private:
     // p + i (or p - i) with i scaled by the size of what p points to; p's
     // type is `ptype`.
     T offset_pointer(T p, QualType ptype, T i, QualType itype, bool minus, SourceLocation at) {
-        QualType pointee = ptype->getPointeeType();
+        i = scaled_index(std::move(i), itype, ptype->getPointeeType(), at);
+        return node(minus ? O_MINUS : O_PLUS, type_id(ptype, at), std::move(p), std::move(i));
+    }
+
+    // An index in units: times the pointee's size, in a type of at least 32
+    // bits when the size is not 1.
+    T scaled_index(T i, QualType itype, QualType pointee, SourceLocation at) {
         uint64_t step = units(pointee, at);
+        if (step == 1) return i;
         SCALAR is = scalar(itype);
-        if (step != 1) {
-            int wide = int_type(std::max(32u, is.bits), is.is_signed);
-            if (i->type != wide) i = node(O_SCONV, wide, std::move(i));
-            i = node(O_MULT, wide, std::move(i), icon(wide, static_cast<int64_t>(step)));
-        }
-        int type = type_id(ptype, at);
-        return node(minus ? O_MINUS : O_PLUS, type, std::move(p), std::move(i));
+        int wide = int_type(std::max(32u, is.bits), is.is_signed);
+        if (i->type != wide) i = node(O_SCONV, wide, std::move(i));
+        return node(O_MULT, wide, std::move(i), icon(wide, static_cast<int64_t>(step)));
     }
 
     static int binary_op(BinaryOperatorKind k) {
@@ -1186,15 +1189,7 @@ private:
         if (lt->isPointerType()) {
             // p += i: the step scaled like p + i.
             T p = place(l);
-            QualType pointee = lt->getPointeeType();
-            uint64_t step = units(pointee, at);
-            T i = value(r);
-            SCALAR is = scalar(r->getType());
-            if (step != 1) {
-                int wide = int_type(std::max(32u, is.bits), is.is_signed);
-                if (i->type != wide) i = node(O_SCONV, wide, std::move(i));
-                i = node(O_MULT, wide, std::move(i), icon(wide, static_cast<int64_t>(step)));
-            }
+            T i = scaled_index(value(r), r->getType(), lt->getPointeeType(), at);
             return node(k == BO_AddAssign ? O_PLUSASG : O_MINUSASG, type_id(lt, at), std::move(p), std::move(i));
         }
         QualType ct = ca->getComputationLHSType();
