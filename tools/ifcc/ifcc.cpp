@@ -11,6 +11,7 @@
 #include <llvm/Support/raw_ostream.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdint>
 #include <functional>
 #include <fstream>
@@ -28,7 +29,7 @@ namespace {
 enum OP {
     O_LABEL = 1, O_NAME = 2, O_SCON = 3, O_ICON = 4, O_PLUS = 6, O_PLUSASG = 7, O_MINUS = 8, O_MINUSASG = 9,
     O_UMINUS = 10, O_MULT = 11, O_MULTASG = 12, O_UMULT = 13, O_ANDB = 14, O_ANDBASG = 15, O_UAND = 16,
-    O_ORB = 17, O_ORBASG = 18, O_XORB = 19, O_XORBASG = 20, O_QUEST = 21, O_COLON = 22, O_ANDAND = 23,
+    O_FCON = 5, O_ORB = 17, O_ORBASG = 18, O_XORB = 19, O_XORBASG = 20, O_QUEST = 21, O_COLON = 22, O_ANDAND = 23,
     O_OROR = 24, O_LCON = 25, O_COMMA = 56, O_PCOMMA = 57, O_ASG = 58, O_DIV = 60, O_DIVASG = 61, O_MOD = 62,
     O_MODASG = 63, O_SLL = 64, O_SLLASG = 65, O_SRL = 66, O_SRLASG = 67, O_CALL = 70, O_UCALL = 72,
     O_EXCLAIM = 76, O_NOTB = 77, O_PLUSPLUS = 78, O_MINMIN = 79, O_EQ = 80, O_NEQ = 81, O_LE = 82, O_LT = 83,
@@ -78,10 +79,12 @@ struct FAILURE {
     std::string message;
 };
 
-// The integer view of one of our types.
+// The scalar view of one of our types: its width, and whether it is signed
+// or floating.
 struct SCALAR {
     unsigned bits = 16;
     bool is_signed = true;
+    bool is_float = false;
 };
 
 int64_t wrap(int64_t v, SCALAR s) {
@@ -198,6 +201,8 @@ private:
             case BuiltinType::ULong: return {32, false};
             case BuiltinType::LongLong: return {64, true};
             case BuiltinType::ULongLong: return {64, false};
+            case BuiltinType::Float: return {32, true, true};
+            case BuiltinType::Double: case BuiltinType::LongDouble: return {64, true, true};
             default: break;
             }
         }
@@ -268,6 +273,18 @@ private:
         return id;
     }
 
+    // float is binary32, double and long double binary64.
+    int float_type(unsigned bits) {
+        int code = bits == 32 ? 12 : 13;
+        const void* key = reinterpret_cast<const void*>(static_cast<uintptr_t>(code));
+        auto it = type_ids_.find(key);
+        if (it != type_ids_.end()) return it->second;
+        std::string b = std::to_string(bits);
+        int id = add_type("b:" + std::to_string(code) + " n:" + b + " n:16");
+        float_types_.insert(id);
+        return type_ids_[key] = id;
+    }
+
     int int_type(unsigned bits, bool is_signed) {
         // The I-file codes of int, unsigned, long, unsigned long and the 64-bit pair.
         int code = bits == 16 ? (is_signed ? 8 : 9) : bits == 32 ? (is_signed ? 10 : 11) : (is_signed ? 52 : 53);
@@ -295,6 +312,7 @@ private:
                           " n:16");
             if (qual & 2) volatile_types_.insert(id);
             if (unsigned_types_.count(b)) unsigned_types_.insert(id);
+            if (float_types_.count(b)) float_types_.insert(id);
         } else if (q->isVoidType()) {
             id = add_type("b:51");
         } else if (const auto* p = q->getAs<PointerType>()) {
@@ -323,7 +341,7 @@ private:
         } else {
             SCALAR s = scalar(q);
             if (s.bits == 0) fail(at, "ifcc does not support the type '" + q.getAsString() + "'");
-            return type_ids_[key] = int_type(s.bits, s.is_signed);
+            return type_ids_[key] = s.is_float ? float_type(s.bits) : int_type(s.bits, s.is_signed);
         }
         return type_ids_[key] = id;
     }
@@ -491,6 +509,13 @@ private:
     // object or string with a constant offset.
     T constant_tree(const Expr* e, QualType t) {
         int type = type_id(t, e->getExprLoc());
+        if (scalar(t).is_float) {
+            // Floating arithmetic is the same on host and target: Clang
+            // works the value out.
+            Expr::EvalResult r;
+            if (e->EvaluateAsRValue(r, ctx_) && r.Val.isFloat()) return fcon(type, fp_of(r.Val.getFloat()));
+            unsupported(e, "this floating initializer (not a constant ifcc can compute)");
+        }
         if (std::optional<int64_t> v = constant(e)) return icon(type, *v);
         if (t->isPointerType()) {
             const Expr* base = nullptr;
@@ -499,6 +524,8 @@ private:
                 T a;
                 if (const auto* s = dyn_cast<StringLiteral>(base)) {
                     a = scon(s, type);
+                } else if (const auto* fn = dyn_cast<FunctionDecl>(cast<DeclRefExpr>(base)->getDecl())) {
+                    a = node(O_UAND, type, function_name(fn, e->getExprLoc()));
                 } else {
                     const auto* v = cast<VarDecl>(cast<DeclRefExpr>(base)->getDecl());
                     a = node(O_UAND, type, name_of(v, e->getExprLoc()));
@@ -517,6 +544,7 @@ private:
         if (const auto* c = dyn_cast<CastExpr>(e)) {
             switch (c->getCastKind()) {
             case CK_ArrayToPointerDecay: return lvalue_constant(c->getSubExpr(), base, offset);
+            case CK_FunctionToPointerDecay: return lvalue_constant(c->getSubExpr(), base, offset);
             case CK_BitCast: case CK_NoOp: return address_constant(c->getSubExpr(), base, offset);
             default: return false;
             }
@@ -543,6 +571,10 @@ private:
     bool lvalue_constant(const Expr* e, const Expr*& base, int64_t& offset) {
         e = e->IgnoreParens();
         if (const auto* d = dyn_cast<DeclRefExpr>(e)) {
+            if (isa<FunctionDecl>(d->getDecl())) {
+                base = d;
+                return true;
+            }
             const auto* v = dyn_cast<VarDecl>(d->getDecl());
             if (!v || v->hasLocalStorage()) return false;
             base = d;
@@ -598,6 +630,17 @@ private:
                 std::optional<int64_t> v = constant(c->getSubExpr());
                 if (!v) return std::nullopt;
                 return *v != 0;
+            }
+            case CK_FloatingToIntegral: case CK_FloatingToBoolean: {
+                Expr::EvalResult r;
+                if (s.bits == 0 || !c->getSubExpr()->EvaluateAsRValue(r, ctx_) || !r.Val.isFloat()) return std::nullopt;
+                double d = fp_of(r.Val.getFloat());
+                if (c->getCastKind() == CK_FloatingToBoolean) return d != 0;
+                double lo = s.is_signed ? -std::ldexp(1.0, static_cast<int>(s.bits) - 1) : 0.0;
+                double hi = std::ldexp(1.0, static_cast<int>(s.bits) - (s.is_signed ? 1 : 0));
+                d = std::trunc(d);
+                if (!(d >= lo && d < hi)) return std::nullopt;
+                return wrap(s.is_signed ? static_cast<int64_t>(d) : static_cast<int64_t>(static_cast<uint64_t>(d)), s);
             }
             default: return std::nullopt;
             }
@@ -693,6 +736,30 @@ private:
     }
     T int_icon(int64_t v) { return icon(int_type(16, true), v); }
 
+    // A floating constant, written with all the digits that tell it apart.
+    T fcon(int type, double v) {
+        char text[64];
+        std::snprintf(text, sizeof text, "%.17g", v);
+        return node(O_FCON, type, nullptr, nullptr, " S:" + if_text_quote(text));
+    }
+    static double fp_of(llvm::APFloat v) {
+        bool lost = false;
+        v.convert(llvm::APFloat::IEEEdouble(), llvm::APFloat::rmNearestTiesToEven, &lost);
+        return v.convertToDouble();
+    }
+    // The constant 1 (or 0) of an arithmetic type.
+    T number(QualType t, int64_t v, SourceLocation at) {
+        if (scalar(t).is_float) return fcon(type_id(t, at), static_cast<double>(v));
+        return icon_of(t, v, at);
+    }
+    // A value as a truth value: a floating value is compared with zero, so
+    // that no integer operator sees it.
+    T truth(T v) {
+        if (!float_types_.count(v->type)) return v;
+        int vt = v->type;
+        return node(O_NEQ, int_type(16, true), std::move(v), fcon(vt, 0));
+    }
+
     T scon(const StringLiteral* s, int type) {
         if (s->getCharByteWidth() != 1) unsupported(s, "wide strings");
         std::string text = s->getBytes().str();
@@ -709,6 +776,12 @@ private:
             return node(O_NAME, type, nullptr, nullptr, " R:1:" + std::to_string(it->second));
         }
         return node(O_NAME, type, nullptr, nullptr, " R:0:" + std::to_string(global_object(v)));
+    }
+
+    T function_name(const FunctionDecl* f, SourceLocation at) {
+        auto g = global_index_.find(f->getFirstDecl());
+        if (g == global_index_.end()) fail(at, "ifcc does not support a function declared inside a function");
+        return node(O_NAME, type_id(f->getType(), at), nullptr, nullptr, " R:0:" + std::to_string(g->second));
     }
 
     // ---- Expressions ----
@@ -767,9 +840,7 @@ private:
                 if (n->op == O_UMULT) return std::move(n->l);  // a struct parameter: its address
                 return node(O_UAND, ptype, std::move(n));
             }
-            if (const auto* f = dyn_cast<FunctionDecl>(d->getDecl()))
-                return node(O_UAND, ptype, node(O_NAME, type_id(f->getType(), at), nullptr, nullptr,
-                                                " R:0:" + std::to_string(global_index_.at(f->getFirstDecl()))));
+            if (const auto* f = dyn_cast<FunctionDecl>(d->getDecl())) return node(O_UAND, ptype, function_name(f, at));
             unsupported(e, "this kind of name");
         }
         if (const auto* u = dyn_cast<UnaryOperator>(e); u && u->getOpcode() == UO_Deref)
@@ -917,6 +988,7 @@ private:
         int type = type_id(e);
         if (const auto* i = dyn_cast<IntegerLiteral>(e)) return icon_of(e->getType(), static_cast<int64_t>(i->getValue().getZExtValue()), at);
         if (const auto* c = dyn_cast<CharacterLiteral>(e)) return icon_of(e->getType(), c->getValue(), at);
+        if (const auto* f = dyn_cast<FloatingLiteral>(e)) return fcon(type, fp_of(f->getValue()));
         if (const auto* d = dyn_cast<DeclRefExpr>(e)) {
             if (const auto* ec = dyn_cast<EnumConstantDecl>(d->getDecl())) return icon_of(e->getType(), ec->getInitVal().getSExtValue(), at);
             return place(e);
@@ -931,7 +1003,7 @@ private:
         if (const auto* u = dyn_cast<UnaryOperator>(e)) return unary(u);
         if (const auto* b = dyn_cast<BinaryOperator>(e)) return binary(b);
         if (const auto* c = dyn_cast<ConditionalOperator>(e)) {
-            T cond = value(c->getCond());
+            T cond = truth(value(c->getCond()));
             T a = value(c->getTrueExpr());
             T b = value(c->getFalseExpr());
             if (!e->getType()->isVoidType()) {
@@ -970,11 +1042,13 @@ private:
         case CK_BooleanToSignedIntegral:
             if (to->isRecordType()) return value(sub);
             return convert(value(sub), to, at);
+        case CK_IntegralToFloating: case CK_FloatingToIntegral: case CK_FloatingCast:
+            return convert(value(sub), to, at);
         case CK_NullToPointer: return icon(type_id(to, at), 0);
-        case CK_IntegralToBoolean: case CK_PointerToBoolean: {
+        case CK_IntegralToBoolean: case CK_PointerToBoolean: case CK_FloatingToBoolean: {
             T v = value(sub);
             int vt = v->type;
-            T zero = sub->getType()->isPointerType() ? icon(vt, 0) : icon_of(sub->getType(), 0, at);
+            T zero = sub->getType()->isPointerType() ? icon(vt, 0) : number(sub->getType(), 0, at);
             return convert(node(O_NEQ, int_type(16, true), std::move(v), std::move(zero)), to, at);
         }
         case CK_ArrayToPointerDecay:
@@ -988,10 +1062,18 @@ private:
     T call_value(const CallExpr* call) {
         SourceLocation at = call->getExprLoc();
         const FunctionDecl* f = call->getDirectCallee();
-        if (!f) unsupported(call, "calls through pointers");
-        auto g = global_index_.find(f->getFirstDecl());
-        if (g == global_index_.end()) unsupported(call, "a call of a function declared inside a function");
-        T callee = node(O_NAME, type_id(f->getType(), at), nullptr, nullptr, " R:0:" + std::to_string(g->second));
+        T callee;
+        if (f) {
+            auto g = global_index_.find(f->getFirstDecl());
+            if (g == global_index_.end()) unsupported(call, "a call of a function declared inside a function");
+            callee = node(O_NAME, type_id(f->getType(), at), nullptr, nullptr, " R:0:" + std::to_string(g->second));
+        } else {
+            // Through a pointer: the function it points to, *p.
+            const Expr* p = call->getCallee();
+            QualType ft = p->getType()->getPointeeType();
+            if (ft.isNull() || !ft->isFunctionType()) unsupported(call, "this kind of call");
+            callee = node(O_UMULT, type_id(ft, at), value(p));
+        }
         bool struct_result = call->getType()->isRecordType();
         int type = call->getType()->isVoidType() || struct_result ? int_type(16, true) : type_id(call);
         std::vector<T> args;
@@ -1064,7 +1146,7 @@ private:
             int pt = ptr_to(e->getType(), at);
             T a = convert(struct_address(c->getTrueExpr()), ctx_.getPointerType(e->getType()), at);
             T b = convert(struct_address(c->getFalseExpr()), ctx_.getPointerType(e->getType()), at);
-            return node(O_QUEST, pt, value(c->getCond()), node(O_COLON, pt, std::move(a), std::move(b)));
+            return node(O_QUEST, pt, truth(value(c->getCond())), node(O_COLON, pt, std::move(a), std::move(b)));
         }
         if (e->isGLValue()) return address(e);
         unsupported(e, std::string("this struct or union value ('") + e->getStmtClassName() + "')");
@@ -1078,12 +1160,12 @@ private:
         case UO_Plus: return value(sub);
         case UO_Minus: return node(O_UMINUS, type, value(sub));
         case UO_Not: return node(O_NOTB, type, value(sub));
-        case UO_LNot: return node(O_EXCLAIM, type, value(sub));
+        case UO_LNot: return node(O_EXCLAIM, type, truth(value(sub)));
         case UO_AddrOf:
             if (bit_field(sub)) unsupported(u, "the address of a bit-field");
             return convert(address(sub), u->getType(), at);
         case UO_Deref:
-            if (u->getType()->isFunctionType()) unsupported(u, "calls through pointers");
+            if (u->getType()->isFunctionType()) return convert(value(sub), ctx_.getPointerType(u->getType()), at);
             return place(u);
         case UO_PreInc: case UO_PreDec: case UO_PostInc: case UO_PostDec: {
             bool inc = u->getOpcode() == UO_PreInc || u->getOpcode() == UO_PostInc;
@@ -1091,7 +1173,7 @@ private:
             QualType t = sub->getType();
             if (t->isBooleanType()) unsupported(u, "++ and -- of a _Bool");
             T step = t->isPointerType() ? icon(int_type(32, true), static_cast<int64_t>(units(t->getPointeeType(), at)))
-                                        : icon_of(t, 1, at);
+                                        : number(t, 1, at);
             if (const FieldDecl* f = bit_field(sub)) {
                 auto op = inc ? O_PLUS : O_MINUS;
                 T stepc = clone(step.get());
@@ -1111,6 +1193,7 @@ private:
     // the compound operator of the I-file gives in `lhs`.
     bool same_in_lhs_type(BinaryOperatorKind k, QualType lhs, QualType computation) {
         SCALAR a = scalar(lhs), b = scalar(computation);
+        if (a.is_float || b.is_float) return a.is_float == b.is_float && a.bits == b.bits;
         if (a.bits == b.bits && a.is_signed == b.is_signed) return true;
         switch (k) {
         case BO_AddAssign: case BO_SubAssign: case BO_MulAssign: case BO_AndAssign: case BO_OrAssign: case BO_XorAssign:
@@ -1133,8 +1216,8 @@ private:
             int ct = c->type;
             return node(O_COMMA, ct, std::move(a), std::move(c));
         }
-        case BO_LAnd: return node(O_ANDAND, type, value(l), value(r));
-        case BO_LOr: return node(O_OROR, type, value(l), value(r));
+        case BO_LAnd: return node(O_ANDAND, type, truth(value(l)), truth(value(r)));
+        case BO_LOr: return node(O_OROR, type, truth(value(l)), truth(value(r)));
         case BO_Assign: {
             if (lt->isRecordType()) return copy_aggregate(l, r);
             if (const FieldDecl* f = bit_field(l)) {
@@ -1275,7 +1358,7 @@ private:
     void jump(int l, SourceLocation at) { emit(node(O_BRANCH, 0, label_node(l)), at); }
     // Jumps to l when the condition is true (or false, with `when` false).
     void branch(const Expr* cond, bool when, int l) {
-        T c = value(cond);
+        T c = truth(value(cond));
         if (!when) c = node(O_EXCLAIM, int_type(16, true), std::move(c));
         emit(node(O_CBRANCH, int_type(16, true), std::move(c), label_node(l)), cond->getExprLoc());
     }
@@ -1312,6 +1395,7 @@ private:
     }
     std::set<int> volatile_types_;
     std::set<int> unsigned_types_;  // unsigned integers and pointers, qualified or not
+    std::set<int> float_types_;     // floating types, qualified or not
 
     void local_init(const VarDecl* v) {
         const Expr* init = v->getInit();

@@ -1,7 +1,10 @@
 #include "tools/ifrun/ifrun.h"
 
 #include <cinttypes>
+#include <cmath>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <deque>
 
 #include "IFILE/if_file.h"
@@ -20,6 +23,9 @@ namespace {
 constexpr uint64_t GLOBAL_BASE = 0x100;
 constexpr uint64_t STACK_BASE = 0x40000000;
 constexpr uint64_t STACK_UNITS = uint64_t{1} << 22;
+// Functions have addresses of their own, where no object lies: a pointer to
+// a function can be called but not loaded from or stored through.
+constexpr uint64_t FUNCTION_BASE = 0x30000000;
 constexpr int MAX_CALL_DEPTH = 10000;
 constexpr unsigned MAX_LANES = 16;
 
@@ -121,7 +127,7 @@ SCALAR scalar_of(TYPE* type) {
     case TYPE::ENUM_T: return {static_cast<unsigned>(t->size), t->is_signed()};
     case TYPE::PTR_T: return {static_cast<unsigned>(t->size ? t->size : 32), false};
     case TYPE::ARRAY_T: return {32, false};  // an array's value is its address
-    case TYPE::FLOAT_T: fail("floating-point values are not supported yet");
+    case TYPE::FLOAT_T: return {static_cast<unsigned>(t->size ? t->size : 64), false};  // the bits of the value
     default: fail("a value of this type cannot be computed (type kind " + std::to_string(t->kind) + ")");
     }
 }
@@ -140,12 +146,70 @@ uint64_t as_unsigned(int64_t v, SCALAR s) {
 
 bool is_vector(TYPE* type) { return type && type->stripped()->kind == TYPE::VECTOR_T; }
 
+// Floating values are held as the bits of their IEEE format: binary32 for a
+// type of 32 bits, binary64 otherwise.  Arithmetic is done in double and
+// rounded to the type, which gives the result of the type's own arithmetic.
+bool is_float(TYPE* type) { return type && type->stripped()->kind == TYPE::FLOAT_T; }
+bool is_single(TYPE* type) { return type->stripped()->size == 32; }
+
+double fp_value(int64_t bits, TYPE* type) {
+    if (is_single(type)) {
+        uint32_t u = static_cast<uint32_t>(bits);
+        float f;
+        std::memcpy(&f, &u, sizeof f);
+        return f;
+    }
+    double d;
+    std::memcpy(&d, &bits, sizeof d);
+    return d;
+}
+
+int64_t fp_bits(double v, TYPE* type) {
+    if (is_single(type)) {
+        float f = static_cast<float>(v);
+        uint32_t u;
+        std::memcpy(&u, &f, sizeof u);
+        return u;
+    }
+    int64_t b;
+    std::memcpy(&b, &v, sizeof b);
+    return b;
+}
+
+int64_t fp_constant(const NODE* n) { return fp_bits(std::strtod(n->x().text.c_str(), nullptr), n->type); }
+
+// A value of type `from` converted to type `to`: integers wrap, floating
+// values round to the nearest, and a floating value becomes an integer by
+// truncation, which must fit.
+int64_t convert(int64_t v, TYPE* from, TYPE* to) {
+    SCALAR ts = scalar_of(to);
+    if (is_float(to)) {
+        if (is_float(from)) return fp_bits(fp_value(v, from), to);
+        SCALAR fs = scalar_of(from);
+        if (is_single(to)) {
+            float f = fs.is_signed ? static_cast<float>(v) : static_cast<float>(as_unsigned(v, fs));
+            return fp_bits(f, to);
+        }
+        return fp_bits(fs.is_signed ? static_cast<double>(v) : static_cast<double>(as_unsigned(v, fs)), to);
+    }
+    if (is_float(from)) {
+        double d = std::trunc(fp_value(v, from));
+        double lo = ts.is_signed ? -std::ldexp(1.0, static_cast<int>(ts.bits) - 1) : 0.0;
+        double hi = std::ldexp(1.0, static_cast<int>(ts.bits) - (ts.is_signed ? 1 : 0));
+        if (!(d >= lo && d < hi)) fail("a floating value out of the range of a " + std::to_string(ts.bits) + "-bit integer");
+        return wrap(ts.is_signed ? static_cast<int64_t>(d) : static_cast<int64_t>(static_cast<uint64_t>(d)), ts);
+    }
+    return wrap(v, ts);
+}
+
 class UNIT : public IFRUN_UNIT {
 public:
     LOADER loader;
     std::unique_ptr<I_FILE> file;
     ptr_map<const SYMTAB*, FUNC*> func_of;
     ptr_map<const SYMTAB*, uint64_t> global_at;
+    ptr_map<const SYMTAB*, uint64_t> function_at;
+    std::vector<const SYMTAB*> functions;  // by address, from FUNCTION_BASE
     ptr_map<const NODE*, uint64_t> string_at;  // SCON node -> its characters
     std::vector<uint16_t> globals_mem;
     std::vector<uint8_t> globals_set;  // 0: no object, 1: unset, 2: set
@@ -172,6 +236,10 @@ public:
         for (I_SYMTAB* g : file->globals) {
             SYMTAB* s = static_cast<SYMTAB*>(g);
             TYPE* t = s->type ? s->type->stripped() : nullptr;
+            if (t && t->kind == TYPE::FUNC_T) {
+                function_at[s] = FUNCTION_BASE + functions.size();
+                functions.push_back(s);
+            }
             if (!t || t->kind == TYPE::FUNC_T) continue;
             uint64_t units = object_units(s);
             objects.push_back({s, next, units});
@@ -250,11 +318,14 @@ public:
     int64_t initial_value(const NODE* n) {
         switch (n->opcode) {
         case ICON: case LCON: return wrap(static_cast<int64_t>(n->value.low_word()), scalar_of(n->type));
+        case FCON: return fp_constant(n);
         case SCON: return static_cast<int64_t>(*string_at.find(n));
         case UAND:
-            if (n->left && n->left->opcode == NAME)
+            if (n->left && n->left->opcode == NAME) {
                 if (const uint64_t* g = global_at.find(n->left->symbol)) return static_cast<int64_t>(*g);
-            fail("an initializer takes the address of something that is not a global object");
+                if (const uint64_t* f = function_at.find(n->left->symbol)) return static_cast<int64_t>(*f);
+            }
+            fail("an initializer takes the address of something that is not a global object or function");
         case NAME:
             if (const uint64_t* g = global_at.find(n->symbol); g && aggregate_type(n->type)) return static_cast<int64_t>(*g);
             fail("an initializer reads a variable");
@@ -262,7 +333,7 @@ public:
             uint64_t a = static_cast<uint64_t>(initial_value(n->left)), b = static_cast<uint64_t>(initial_value(n->right));
             return wrap(static_cast<int64_t>(n->opcode == PLUS ? a + b : a - b), scalar_of(n->type));
         }
-        case PCONV: case SCONV: return wrap(initial_value(n->left), scalar_of(n->type));
+        case PCONV: case SCONV: return convert(initial_value(n->left), n->left->type, n->type);
         default: fail(std::string("an initializer holds the operator ") + node_operator_name[n->opcode]);
         }
     }
@@ -461,6 +532,7 @@ private:
 
     uint64_t address_of_symbol(const SYMTAB* s) {
         if (const uint64_t* g = unit_.global_at.find(s)) return *g;
+        if (const uint64_t* f = unit_.function_at.find(s)) return *f;
         const FRAME& fr = frames_.back();
         if (const uint64_t* off = fr.func->offset.find(s)) return fr.base + *off;
         fail("'" + s->name + "' has no storage here");
@@ -500,7 +572,19 @@ private:
         return wrap(a >> c, scalar_of(type));
     }
 
+    int64_t fp_arith(int op, int64_t a, int64_t b, TYPE* type) {
+        double x = fp_value(a, type), y = fp_value(b, type);
+        switch (op) {
+        case PLUS: return fp_bits(x + y, type);
+        case MINUS: return fp_bits(x - y, type);
+        case MULT: return fp_bits(x * y, type);
+        case DIV: return fp_bits(x / y, type);
+        default: fail(std::string("the operator ") + node_operator_name[op] + " on floating values");
+        }
+    }
+
     int64_t arith(int op, int64_t a, int64_t b, const NODE* n, TYPE* left_type) {
+        if (is_float(n->type)) return fp_arith(op, a, b, n->type);
         SCALAR s = scalar_of(n->type);
         switch (op) {
         case PLUS: return wrap(static_cast<int64_t>(static_cast<uint64_t>(a) + static_cast<uint64_t>(b)), s);
@@ -533,7 +617,31 @@ private:
         }
     }
 
+    // The floating comparisons: the plain ones are false when either side is
+    // a NaN, the N forms true.
+    static bool fp_compare(int op, double x, double y) {
+        bool unordered = std::isnan(x) || std::isnan(y);
+        switch (op) {
+        case EQ: case FEQ: return !unordered && x == y;
+        case FNEQ: return !unordered && x != y;
+        case LE: case ULE: case FLE: return !unordered && x <= y;
+        case LT: case ULT: case FLT: return !unordered && x < y;
+        case GE: case UGE: case FGE: return !unordered && x >= y;
+        case GT: case UGT: case FGT: return !unordered && x > y;
+        case FEQN: return unordered || x == y;
+        case NEQ: case FNEQN: return unordered || x != y;
+        case FLEN: return unordered || x <= y;
+        case FLTN: return unordered || x < y;
+        case FGEN: return unordered || x >= y;
+        case FGTN: return unordered || x > y;
+        case FORD: return !unordered;
+        default: return unordered;  // FUNO
+        }
+    }
+
     bool compare(int op, int64_t a, int64_t b, TYPE* operand_type) {
+        if (is_float(operand_type)) return fp_compare(op, fp_value(a, operand_type), fp_value(b, operand_type));
+        if (op >= FEQ) fail(std::string("the floating comparison ") + node_operator_name[op] + " of integers");
         SCALAR s = scalar_of(operand_type);
         if (op >= ULE || !s.is_signed) {
             uint64_t ua = as_unsigned(a, s), ub = as_unsigned(b, s);
@@ -613,7 +721,14 @@ private:
         const NODE* f = n->left;
         const SYMTAB* callee = f && f->opcode == NAME ? f->symbol : nullptr;
         if (f && f->opcode == UAND && f->left && f->left->opcode == NAME) callee = f->left->symbol;
-        if (!callee) fail("a call through a pointer (not supported yet)");
+        if (!callee && f) {
+            // Through a pointer: *p, or p itself.
+            uint64_t at = static_cast<uint64_t>(f->opcode == UMULT ? eval(f->left) : eval(f));
+            if (at < FUNCTION_BASE || at - FUNCTION_BASE >= unit_.functions.size())
+                fail("a call through a pointer that points at no function (address 0x" + hex(at) + ")");
+            callee = unit_.functions[at - FUNCTION_BASE];
+        }
+        if (!callee) fail("a call without a function");
         std::vector<TYPE*> types;
         std::vector<int64_t> args = arguments(n, &types);
         if (FUNC* const* def = unit_.func_of.find(callee)) {
@@ -673,7 +788,19 @@ private:
                     std::snprintf(buf, sizeof buf, (flags + "ll" + conv).c_str(), static_cast<unsigned long long>(as_unsigned(v, s)));
                     break;
                 case 'c': std::snprintf(buf, sizeof buf, (flags + "c").c_str(), static_cast<int>(v)); break;
-                case 's': out += read_string(static_cast<uint64_t>(v)); continue;
+                case 's': {
+                    std::string text = read_string(static_cast<uint64_t>(v)), f = flags + "s";
+                    int len = std::snprintf(nullptr, 0, f.c_str(), text.c_str());
+                    std::string formatted(static_cast<size_t>(std::max(len, 0)) + 1, '\0');
+                    std::snprintf(formatted.data(), formatted.size(), f.c_str(), text.c_str());
+                    formatted.pop_back();
+                    out += formatted;
+                    continue;
+                }
+                case 'f': case 'F': case 'e': case 'E': case 'g': case 'G': case 'a': case 'A':
+                    if (!is_float(types[next - 1])) fail(std::string("printf: %") + conv + " of an integer");
+                    std::snprintf(buf, sizeof buf, (flags + conv).c_str(), fp_value(v, types[next - 1]));
+                    break;
                 default: fail(std::string("printf: the conversion %") + conv);
                 }
                 out += buf;
@@ -690,31 +817,44 @@ public:
         count(n->opcode);
         switch (n->opcode) {
         case ICON: case LCON: return wrap(static_cast<int64_t>(n->value.low_word()), scalar_of(n->type));
+        case FCON: return fp_constant(n);
         case SCON: return static_cast<int64_t>(*unit_.string_at.find(n));
         case NAME:
-            if (aggregate(n->type)) return static_cast<int64_t>(address_of_symbol(n->symbol));
+            if (aggregate(n->type) || is_function(n->type)) return static_cast<int64_t>(address_of_symbol(n->symbol));
             return load(address_of_symbol(n->symbol), n->type);
         case UAND: return static_cast<int64_t>(address_of(n->left));
         case UMULT: return aggregate(n->type) ? eval(n->left) : load(static_cast<uint64_t>(eval(n->left)), n->type);
-        case SCONV: case PCONV: return wrap(eval(n->left), scalar_of(n->type));
+        case SCONV: case PCONV: return convert(eval(n->left), n->left->type, n->type);
         case PLUS: case MINUS: case MULT: case DIV: case MOD: case ANDB: case ORB: case XORB: case SLL: case SRL: {
             int64_t a = eval(n->left);
             int64_t b = eval(n->right);
             return arith(n->opcode, a, b, n, n->left->type);
         }
-        case UMINUS: return wrap(static_cast<int64_t>(0 - static_cast<uint64_t>(eval(n->left))), scalar_of(n->type));
+        case UMINUS:
+            if (is_float(n->type)) return fp_bits(-fp_value(eval(n->left), n->type), n->type);
+            return wrap(static_cast<int64_t>(0 - static_cast<uint64_t>(eval(n->left))), scalar_of(n->type));
+        case ABS: {
+            int64_t v = eval(n->left);
+            if (is_float(n->type)) return fp_bits(std::fabs(fp_value(v, n->type)), n->type);
+            return wrap(v < 0 ? static_cast<int64_t>(0 - static_cast<uint64_t>(v)) : v, scalar_of(n->type));
+        }
+        case SQRT:
+            if (!is_float(n->type)) fail("SQRT of an integer");
+            return fp_bits(std::sqrt(fp_value(eval(n->left), n->type)), n->type);
         case NOTB: return wrap(~eval(n->left), scalar_of(n->type));
-        case EXCLAIM: return eval(n->left) == 0;
-        case EQ: case NEQ: case LE: case LT: case GE: case GT: case ULE: case ULT: case UGE: case UGT: {
+        case EXCLAIM: return !truth(n->left);
+        case EQ: case NEQ: case LE: case LT: case GE: case GT: case ULE: case ULT: case UGE: case UGT:
+        case FEQ: case FNEQ: case FLE: case FLT: case FGE: case FGT: case FEQN: case FNEQN: case FLEN: case FLTN:
+        case FGEN: case FGTN: case FORD: case FUNO: {
             int64_t a = eval(n->left);
             int64_t b = eval(n->right);
             return compare(n->opcode, a, b, n->left->type);
         }
-        case ANDAND: return eval(n->left) != 0 && eval(n->right) != 0;
-        case OROR: return eval(n->left) != 0 || eval(n->right) != 0;
+        case ANDAND: return truth(n->left) && truth(n->right);
+        case OROR: return truth(n->left) || truth(n->right);
         case QUEST:
             if (!n->right || n->right->opcode != COLON) fail("'?' without ':'");
-            return eval(n->left) ? eval(n->right->left) : eval(n->right->right);
+            return truth(n->left) ? eval(n->right->left) : eval(n->right->right);
         case COMMA: eval(n->left); return eval(n->right);
         case CALL: case UCALL: return call_node(n);
         case ASG:  // the place first, then the value
@@ -728,7 +868,7 @@ public:
                 return 0;
             } else {
                 uint64_t at = address_of(n->left);
-                int64_t v = wrap(eval(n->right), scalar_of(n->left->type));
+                int64_t v = convert(eval(n->right), n->right->type, n->left->type);
                 store(at, v, n->left->type);
                 return v;
             }
@@ -745,6 +885,13 @@ public:
         default: fail(std::string("the operator ") + node_operator_name[n->opcode] + " (not supported yet)");
         }
     }
+
+    // Whether a value is nonzero (a floating zero of either sign is zero).
+    bool truth(const NODE* n) {
+        int64_t v = eval(n);
+        return is_float(n->type) ? fp_value(v, n->type) != 0.0 : v != 0;
+    }
+    static bool is_function(TYPE* t) { return t && t->stripped()->kind == TYPE::FUNC_T; }
 
 private:
     int64_t execute(FUNC& f) {
@@ -767,7 +914,7 @@ private:
                 continue;
             case CBRANCH:
                 count(t->opcode);
-                if (eval(t->left)) jump(t->right);
+                if (truth(t->left)) jump(t->right);
                 else ++pc;
                 continue;
             case URETURN: {
