@@ -233,6 +233,161 @@ TEST_F(IfRun, OptimizedUnitsComputeTheSameWithFewerOperations) {
     }
 }
 
+// struct S { int a; long b; unsigned f : 3; int g : 5; }, reached through
+// s.m (STDOT) and p->m (STREF), and a SWITCH on a bit-field:
+//   s.a = k; p = &s; p->b = 100000; p->f = k + 6; s.g = -k; p->g += 20;
+//   switch (s.f) { case 1: return s.a * 1000 + p->g;
+//                  case 3: return (int)(p->b / 1000) + s.g;
+//                  default: return s.g * 10 + s.f; }
+const char* const MEMBERS_UNIT = R"(.header version=-71 cpu=0x258 source="m.c" extra=0
+.section main
+begin_func P:1:1:1 n:0
+symbol S:"k" n:16 n:0 c:0 w:0 n:1 n:0 n:16 c:0 n:0 n:0 P:1:1:10 b:0
+end_args P:1:1:12
+symbol S:"s" n:64 n:0 c:0 w:0 n:4 n:0 n:16 c:0 n:0 n:0 P:1:2:3 b:0
+symbol S:"p" n:32 n:0 c:0 w:0 n:5 n:0 n:16 c:0 n:0 n:0 P:1:2:6 b:0
+end_locals P:1:2:9
+stmt P:1:3:3
+node b:58 n:1
+node b:68 n:1
+node b:2 n:4 R:1:1
+node b:26 n:1 c:0 n:0 n:4
+node b:2 n:1 R:1:0
+stmt P:1:4:3
+node b:58 n:5
+node b:2 n:5 R:1:2
+node b:16 n:5
+node b:2 n:4 R:1:1
+stmt P:1:5:3
+node b:58 n:2
+node b:69 n:2
+node b:2 n:5 R:1:2
+node b:26 n:2 c:0 n:1 n:4
+node b:4 n:2 i:100000
+stmt P:1:6:3
+node b:58 n:3
+node b:69 n:3
+node b:2 n:5 R:1:2
+node b:26 n:3 c:0 n:2 n:4
+node b:104 n:3
+node b:6 n:1
+node b:2 n:1 R:1:0
+node b:4 n:1 i:6
+stmt P:1:7:3
+node b:58 n:1
+node b:68 n:1
+node b:2 n:4 R:1:1
+node b:26 n:1 c:0 n:3 n:4
+node b:10 n:1
+node b:2 n:1 R:1:0
+stmt P:1:8:3
+node b:7 n:1
+node b:69 n:1
+node b:2 n:5 R:1:2
+node b:26 n:1 c:0 n:3 n:4
+node b:4 n:1 i:20
+stmt P:1:9:3
+node b:40 n:3 n:2
+node b:68 n:3
+node b:2 n:4 R:1:1
+node b:26 n:3 c:0 n:2 n:4
+node b:57 n:0
+node b:47 n:0
+node b:4 n:3 n:1
+node b:1 n:0 n:1
+node b:57 n:0
+node b:47 n:0
+node b:4 n:3 n:3
+node b:1 n:0 n:2
+node b:46 n:0
+node b:1 n:0 n:3
+label n:1
+stmt P:1:10:3
+node b:118 n:1
+node b:6 n:1
+node b:11 n:1
+node b:68 n:1
+node b:2 n:4 R:1:1
+node b:26 n:1 c:0 n:0 n:4
+node b:4 n:1 i:1000
+node b:69 n:1
+node b:2 n:5 R:1:2
+node b:26 n:1 c:0 n:3 n:4
+label n:2
+stmt P:1:11:3
+node b:118 n:1
+node b:6 n:1
+node b:104 n:1
+node b:60 n:2
+node b:69 n:2
+node b:2 n:5 R:1:2
+node b:26 n:2 c:0 n:1 n:4
+node b:4 n:2 i:1000
+node b:68 n:1
+node b:2 n:4 R:1:1
+node b:26 n:1 c:0 n:3 n:4
+label n:3
+stmt P:1:12:3
+node b:118 n:1
+node b:6 n:1
+node b:11 n:1
+node b:68 n:1
+node b:2 n:4 R:1:1
+node b:26 n:1 c:0 n:3 n:4
+node b:4 n:1 i:10
+node b:104 n:1
+node b:68 n:3
+node b:2 n:4 R:1:1
+node b:26 n:3 c:0 n:2 n:4
+end_func P:1:13:1
+.end
+.section types
+type n:1 b:8 b:1 n:16 n:16 b:0 b:0
+type n:2 b:10 b:1 n:32 n:16 b:0 b:0
+type n:3 b:9 b:0 n:16 n:16 b:0 b:0
+type n:4 b:26 S:"S" b:4 n:64 n:16 P:0
+type n:0 b:0 c:2
+type n:0 b:30 n:1 S:"a" n:0 b:0 s:0 P:0
+type n:0 b:30 n:2 S:"b" n:0 b:0 s:16 P:0
+type n:0 b:30 n:3 S:"f" n:0 b:1 n:3 n:0 s:48 P:0
+type n:0 b:30 n:1 S:"g" n:0 b:1 n:5 n:3 s:48 P:0
+type n:0 b:1 c:2
+type n:5 b:17 n:4 n:32 n:32
+type n:6 b:22 n:1 b:1 b:0 b:0 b:0
+.end
+.section files
+source S:"m.c"
+.end
+.section globals
+symbol S:"f" n:0 n:0 c:0 w:0 n:6 n:0 n:16 c:0 n:0 n:0 P:1:1:5 b:0
+.end
+)";
+
+TEST_F(IfRun, MembersBitFieldsAndSwitchRunBeforeAndAfterTheOptimizer) {
+    ASSERT_EQ(assemble(MEMBERS_UNIT, dir.path / "m.if"), "");
+    // k: the case the SWITCH takes, and what is returned.
+    //   5: f = 11 & 7 = 3, g = -5 + 20 = 15            -> 100 + 15
+    //   2: f = 0, g = -2 + 20 = 18, wrapped to -14     -> default, -140
+    //   3: f = 1, g = 17 wrapped to -15                -> 3000 - 15
+    const std::vector<std::pair<int64_t, int64_t>> cases = {{5, 115}, {2, -140}, {3, 2985}, {10, 100}};
+    for (std::string level : {"", "0", "1", "2", "3"}) {
+        std::string unit = "m.if";
+        if (!level.empty()) {
+            unit = "m" + level + ".if";
+            Result opt = run_program(OPT5_BINARY, {"-o" + level, "m.if", unit}, dir.path);
+            ASSERT_TRUE(opt.exited && opt.status == 0) << level << opt.err;
+        }
+        std::string error;
+        std::unique_ptr<IFRUN_UNIT> u = IFRUN_UNIT::load((dir.path / unit).string(), error);
+        ASSERT_TRUE(u) << error;
+        for (auto [k, expected] : cases) {
+            IFRUN_RESULT r = u->run({"f", {k}});
+            ASSERT_TRUE(r.ok) << level << ": " << r.error;
+            EXPECT_EQ(r.value, expected) << "-o" << level << " k=" << k;
+        }
+    }
+}
+
 TEST_F(IfRun, TheToolReportsStatusOutputAndStatistics) {
     ASSERT_EQ(assemble(minic::unit_text(calls_unit()), dir.path / "u.if"), "");
     Result r = run_program(IFRUN_BINARY, {"u.if", "--stats"}, dir.path);

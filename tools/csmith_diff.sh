@@ -7,8 +7,9 @@
 #
 #   tools/csmith_diff.sh [--bin DIR] [--seed N] [--count M] [--levels "0 1 2 3"]
 #                        [--keep DIR] [--reduce] [--steps N] [--check FILE.c]
-#                        [--check-dir DIR]
+#                        [--check-dir DIR] [--float]
 #
+# --float lets csmith write float variables and arithmetic too.
 # --check runs the same comparison on one C file (a kept or reduced program);
 # the exit status is 0 when every level agrees.  --check-dir checks every
 # C file of a directory (the regression programs of tests/csmith).
@@ -35,6 +36,7 @@ while [ $# -gt 0 ]; do
     --steps) STEPS=$2; shift ;;
     --check) CHECK=$2; shift ;;
     --check-dir) CHECK_DIR=$2; shift ;;
+    --float) CSMITH_OPTS="$CSMITH_OPTS --float" ;;
     *) echo "unknown argument $1" >&2; exit 2 ;;
     esac
     shift

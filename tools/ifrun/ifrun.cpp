@@ -543,8 +543,76 @@ private:
         switch (n->opcode) {
         case NAME: return address_of_symbol(n->symbol);
         case UMULT: return static_cast<uint64_t>(eval(n->left));
+        case STREF: case STDOT: {
+            PLACE p = place_of(n);
+            if (p.width) fail("the address of a bit-field");
+            return p.at;
+        }
         default: fail(std::string("an assignment to a ") + node_operator_name[n->opcode] + " node");
         }
+    }
+
+    // Where an lvalue is: the units at an address, or, for a bit-field,
+    // `width` bits from bit `bit` of the units there (the lowest bit of the
+    // first unit is bit 0).
+    struct PLACE {
+        uint64_t at = 0;
+        unsigned bit = 0, width = 0;
+    };
+
+    // p->m (STREF) and s.m (STDOT): the member's record gives its offset in
+    // bits and, for a bit-field, its width and the bit it starts at.
+    PLACE place_of(const NODE* n) {
+        if (n->opcode != STREF && n->opcode != STDOT) return {address_of(n)};
+        const NODE* f = n->right;
+        const TYPE_ELEM* m = f && f->opcode == FIELD ? f->x().fld_member : nullptr;
+        if (!m || m->nums.empty()) fail("a member access without its member");
+        uint64_t base = n->opcode == STREF ? static_cast<uint64_t>(eval(n->left)) : address_of(n->left);
+        int64_t bits = m->nums.back();
+        bool bit_field = m->nums.size() >= 4 && (m->nums[1] & 1);
+        if (bit_field) {
+            bits += m->nums[3];
+            uint64_t width = static_cast<uint64_t>(m->nums[2]);
+            if (width == 0 || width > 64) fail("a bit-field of " + std::to_string(width) + " bits");
+            return {base + static_cast<uint64_t>(bits >> 4), static_cast<unsigned>(bits & 15), static_cast<unsigned>(width)};
+        }
+        if (bits & 15) fail("a member that does not start at a unit");
+        return {base + static_cast<uint64_t>(bits >> 4)};
+    }
+
+    int64_t load_place(const PLACE& p, TYPE* type) {
+        if (!p.width) return load(p.at, type);
+        uint64_t units = (p.bit + p.width + 15) / 16, index;
+        if (units > 4) fail("a bit-field across more than 64 bits");
+        std::vector<uint8_t>* state;
+        uint16_t* c = cells(p.at, units, false, &state, &index);
+        uint64_t v = 0;
+        for (uint64_t k = 0; k < units; ++k) v |= static_cast<uint64_t>(c[k]) << (16 * k);
+        v >>= p.bit;
+        return wrap(static_cast<int64_t>(v), {p.width, scalar_of(type).is_signed});
+    }
+
+    // Stores v; returns the value the place holds then.
+    int64_t store_place(const PLACE& p, int64_t v, TYPE* type) {
+        if (!p.width) {
+            store(p.at, v, type);
+            return v;
+        }
+        uint64_t units = (p.bit + p.width + 15) / 16, index;
+        if (units > 4) fail("a bit-field across more than 64 bits");
+        std::vector<uint8_t>* state;
+        uint16_t* c = cells(p.at, units, true, &state, &index);
+        uint64_t old = 0;
+        for (uint64_t k = 0; k < units; ++k) old |= static_cast<uint64_t>(c[k]) << (16 * k);
+        uint64_t mask = (p.width >= 64 ? ~uint64_t{0} : (uint64_t{1} << p.width) - 1) << p.bit;
+        uint64_t now = (old & ~mask) | ((static_cast<uint64_t>(v) << p.bit) & mask);
+        for (uint64_t k = 0; k < units; ++k) {
+            c[k] = static_cast<uint16_t>(now >> (16 * k));
+            (*state)[index + k] = 2;
+        }
+        if (options_.trace_volatile && (TYPE_qual_kind(type) & TYPE::Q_VOLATILE))
+            result_.trace += " W" + describe(p.at) + "=" + std::to_string(v);
+        return wrap(v, {p.width, scalar_of(type).is_signed});
     }
 
     static bool aggregate(TYPE* t) {
@@ -823,6 +891,9 @@ public:
             if (aggregate(n->type) || is_function(n->type)) return static_cast<int64_t>(address_of_symbol(n->symbol));
             return load(address_of_symbol(n->symbol), n->type);
         case UAND: return static_cast<int64_t>(address_of(n->left));
+        case STREF: case STDOT:
+            if (aggregate(n->type)) return static_cast<int64_t>(address_of(n));
+            return load_place(place_of(n), n->type);
         case UMULT: return aggregate(n->type) ? eval(n->left) : load(static_cast<uint64_t>(eval(n->left)), n->type);
         case SCONV: case PCONV: return convert(eval(n->left), n->left->type, n->type);
         case PLUS: case MINUS: case MULT: case DIV: case MOD: case ANDB: case ORB: case XORB: case SLL: case SRL: {
@@ -867,19 +938,18 @@ public:
                 for (unsigned l = 0; l < lanes_of(n->left->type); ++l) store(at + l * step, lanes[l], elem);
                 return 0;
             } else {
-                uint64_t at = address_of(n->left);
+                PLACE at = place_of(n->left);
                 int64_t v = convert(eval(n->right), n->right->type, n->left->type);
-                store(at, v, n->left->type);
-                return v;
+                return store_place(at, v, n->left->type);
             }
         case PLUSASG: case MINUSASG: case MULTASG: case DIVASG: case MODASG: case ANDBASG: case ORBASG: case XORBASG:
         case SLLASG: case SRLASG: case PLUSPLUS: case MINMIN: {
-            uint64_t at = address_of(n->left);
-            int64_t old = load(at, n->left->type);
+            PLACE at = place_of(n->left);
+            int64_t old = load_place(at, n->left->type);
             int64_t b = eval(n->right);
+            if (is_float(n->left->type)) b = convert(b, n->right->type, n->left->type);
             int64_t v = arith(base_op(n->opcode), old, b, n->left, n->left->type);
-            v = wrap(v, scalar_of(n->left->type));
-            store(at, v, n->left->type);
+            v = store_place(at, wrap(v, scalar_of(n->left->type)), n->left->type);
             return n->opcode == PLUSPLUS || n->opcode == MINMIN ? old : v;  // ++ and -- give the value before
         }
         default: fail(std::string("the operator ") + node_operator_name[n->opcode] + " (not supported yet)");
@@ -917,6 +987,35 @@ private:
                 if (truth(t->left)) jump(t->right);
                 else ++pc;
                 continue;
+            case SWITCH: {
+                // SWITCH(value, cases): the cases are CASE(constant, label)
+                // and DEFAULT(label) nodes, one or a PCOMMA chain of them.
+                // With no case equal and no default, the next statement.
+                count(t->opcode);
+                int64_t v = eval(t->left);
+                const NODE* fallback = nullptr;
+                const NODE* target = nullptr;
+                std::vector<const NODE*> work{t->right};
+                while (!work.empty() && !target) {
+                    const NODE* c = work.back();
+                    work.pop_back();
+                    if (!c) continue;
+                    if (c->opcode == PCOMMA) {
+                        work.push_back(c->right);
+                        work.push_back(c->left);
+                    } else if (c->opcode == CASE) {
+                        if (compare(EQ, v, convert(eval(c->left), c->left->type, t->left->type), t->left->type)) target = c->right;
+                    } else if (c->opcode == DEFAULT) {
+                        fallback = c->left;
+                    } else {
+                        fail(std::string("a ") + node_operator_name[c->opcode] + " node among the cases of a SWITCH");
+                    }
+                }
+                if (!target) target = fallback;
+                if (target) jump(target);
+                else ++pc;
+                continue;
+            }
             case URETURN: {
                 count(t->opcode);
                 int64_t v = aggregate(t->left->type) ? static_cast<int64_t>(address_of(t->left)) : eval(t->left);

@@ -5,7 +5,9 @@
    by too much, gives its left operand. */
 #ifndef IFCC_CSMITH_H
 #define IFCC_CSMITH_H
+#include <float.h>
 #include <limits.h>
+#include <math.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <string.h>
@@ -53,6 +55,23 @@ IFCC_SAFE_UNSIGNED(uint16_t, UINT16_MAX, 16)
 IFCC_SAFE_UNSIGNED(uint32_t, UINT32_MAX, 32)
 IFCC_SAFE_UNSIGNED(uint64_t, UINT64_MAX, 64)
 
+/* Floating operations that would overflow give their left operand, as do
+   divisions by numbers too small. */
+static float safe_add_func_float_f_f(float a, float b) {
+    return fabsf(0.5f * a + 0.5f * b) > 0.5f * FLT_MAX ? a : a + b;
+}
+static float safe_sub_func_float_f_f(float a, float b) {
+    return fabsf(0.5f * a - 0.5f * b) > 0.5f * FLT_MAX ? a : a - b;
+}
+static float safe_mul_func_float_f_f(float a, float b) {
+    return fabsf((0x1.0p-100f * a) * (0x1.0p-28f * b)) > 0x1.0p-100f * (0x1.0p-28f * FLT_MAX) ? a : a * b;
+}
+static float safe_div_func_float_f_f(float a, float b) {
+    return fabsf(b) < 1.0f && (b == 0.0f || fabsf((0x1.0p-49f * a) / (0x1.0p100f * b)) > 0x1.0p-100f * (0x1.0p-49f * FLT_MAX))
+               ? a
+               : a / b;
+}
+
 static uint32_t crc32_tab[256];
 static uint32_t crc32_context = 0xFFFFFFFFUL;
 
@@ -77,7 +96,10 @@ static void transparent_crc(uint64_t val, char *vname, int flag) {
 
 static void transparent_crc_bytes(char *ptr, int nbytes, char *vname, int flag) {
     int i;
-    for (i = 0; i < nbytes; i++) crc32_byte((uint16_t)(ptr[i] & 0xFF));
+    for (i = 0; i < nbytes; i++) { /* both bytes of each 16-bit unit */
+        crc32_byte((uint16_t)(ptr[i] & 0xFF));
+        crc32_byte((uint16_t)((ptr[i] >> 8) & 0xFF));
+    }
     if (flag) printf("...checksum after hashing %s : %lX\n", vname, crc32_context ^ 0xFFFFFFFFUL);
 }
 

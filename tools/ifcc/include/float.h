@@ -1,0 +1,27 @@
+/* ifcc's float.h: float is IEEE binary32, double and long double binary64. */
+#ifndef IFCC_FLOAT_H
+#define IFCC_FLOAT_H
+#define FLT_RADIX 2
+#define FLT_ROUNDS 1
+#define FLT_EVAL_METHOD 0
+#define FLT_MANT_DIG 24
+#define FLT_DIG 6
+#define FLT_EPSILON 1.19209290e-07F
+#define FLT_MIN 1.17549435e-38F
+#define FLT_MAX 3.40282347e+38F
+#define FLT_MIN_EXP (-125)
+#define FLT_MAX_EXP 128
+#define DBL_MANT_DIG 53
+#define DBL_DIG 15
+#define DBL_EPSILON 2.2204460492503131e-16
+#define DBL_MIN 2.2250738585072014e-308
+#define DBL_MAX 1.7976931348623157e+308
+#define DBL_MIN_EXP (-1021)
+#define DBL_MAX_EXP 1024
+#define LDBL_MANT_DIG DBL_MANT_DIG
+#define LDBL_DIG DBL_DIG
+#define LDBL_EPSILON 2.2204460492503131e-16L
+#define LDBL_MIN 2.2250738585072014e-308L
+#define LDBL_MAX 1.7976931348623157e+308L
+#define DECIMAL_DIG 17
+#endif
