@@ -253,7 +253,7 @@ TEST_F(IfCC, KernelsRunTheSameBeforeAndAfterTheOptimizer) {
             EXPECT_EQ(r.out, expected) << name << level;
         }
     }
-    EXPECT_EQ(seen, 8);
+    EXPECT_EQ(seen, 9);
 }
 
 }  // namespace

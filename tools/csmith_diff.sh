@@ -3,7 +3,9 @@
 # compiled by ifcc, run by ifrun, optimized by opt5 at every level and run
 # again.  A different output or exit status, or an abnormal end of ifcc or
 # opt5, is a failure; the program is kept (and reduced with --reduce).
-# Programs that run past the step limit are skipped.
+# Programs that run past the step limit are skipped, and so are those whose
+# run stops on undefined behaviour (a float converted to an integer it does
+# not fit, say): the optimizer may change what such a program does.
 #
 #   tools/csmith_diff.sh [--bin DIR] [--seed N] [--count M] [--levels "0 1 2 3"]
 #                        [--keep DIR] [--reduce] [--steps N] [--check FILE.c]
@@ -44,7 +46,8 @@ done
 BIN=$(cd "$BIN" && pwd)
 
 # Compares one C file at every level; prints the first difference and
-# returns 1, or returns 0 (agreement) or 3 (skipped: too long or no oracle).
+# returns 1, or returns 0 (agreement), 3 (skipped: too long) or 4 (skipped:
+# the run stops on undefined behaviour).
 check() {
     local c=$1 w
     w=$(mktemp -d)
@@ -58,6 +61,11 @@ check() {
     if grep -q "step limit" "$w/ref.err" || [ $ref_rc -ge 124 ]; then
         rm -rf "$w"
         return 3
+    fi
+    if [ $ref_rc -ne 0 ] && grep -q "^ifrun: " "$w/ref.err"; then
+        echo "undefined behaviour: $(head -c 300 "$w/ref.err")"
+        rm -rf "$w"
+        return 4
     fi
     for l in $LEVELS; do
         if ! timeout "$OPT5_TIMEOUT" "$BIN/opt5" -o$l "$w/p.if" "$w/o$l.if" >"$w/opt5.out" 2>&1; then
@@ -90,6 +98,7 @@ if [ -n "$CHECK_DIR" ]; then
         rc=$?
         [ $rc -eq 1 ] && { echo "$c: $msg"; bad=$((bad + 1)); }
         [ $rc -eq 3 ] && { echo "$c: runs past the step limit"; bad=$((bad + 1)); }
+        [ $rc -eq 4 ] && { echo "$c: $msg"; bad=$((bad + 1)); }
     done
     echo "$n programs, $bad failed"
     [ $bad -eq 0 ]
@@ -97,7 +106,7 @@ if [ -n "$CHECK_DIR" ]; then
 fi
 
 command -v csmith >/dev/null || { echo "csmith is not installed" >&2; exit 2; }
-fail=0 pass=0 skip=0
+fail=0 pass=0 skip=0 undefined=0
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 for ((s = SEED; s < SEED + COUNT; s++)); do
@@ -106,6 +115,7 @@ for ((s = SEED; s < SEED + COUNT; s++)); do
     case $? in
     0) pass=$((pass + 1)) ;;
     3) skip=$((skip + 1)) ;;
+    4) undefined=$((undefined + 1)) ;;
     *)
         fail=$((fail + 1))
         echo "seed $s: $msg"
@@ -129,5 +139,5 @@ TEST
         ;;
     esac
 done
-echo "csmith: $pass agree, $fail failed, $skip skipped (too long)"
+echo "csmith: $pass agree, $fail failed, $skip skipped (too long), $undefined skipped (undefined behaviour)"
 [ $fail -eq 0 ]

@@ -34,7 +34,7 @@ enum OP {
     O_MODASG = 63, O_SLL = 64, O_SLLASG = 65, O_SRL = 66, O_SRLASG = 67, O_CALL = 70, O_UCALL = 72,
     O_EXCLAIM = 76, O_NOTB = 77, O_PLUSPLUS = 78, O_MINMIN = 79, O_EQ = 80, O_NEQ = 81, O_LE = 82, O_LT = 83,
     O_GE = 84, O_GT = 85, O_SCONV = 104, O_PCONV = 105, O_CBRANCH = 109, O_ENDINIT = 112, O_BRANCH = 114,
-    O_URETURN = 118,
+    O_URETURN = 118, O_SWITCH = 40, O_DEFAULT = 46, O_CASE = 47,
 };
 
 // A tree as it will be written: the node, then its operands.
@@ -1705,28 +1705,41 @@ private:
         if (s->getInit() || s->getConditionVariable()) unsupported(s, "this form of switch");
         SourceLocation at = s->getBeginLoc();
         QualType ct = s->getCond()->getType();
-        T tmp = temporary(ct, at);
-        int tt = tmp->type;
-        emit(node(O_ASG, tt, clone(tmp.get()), convert(value(s->getCond()), ct, at)), at);
         std::vector<const SwitchCase*> cases;
         for (const SwitchCase* c = s->getSwitchCaseList(); c; c = c->getNextSwitchCase()) cases.push_back(c);
         std::reverse(cases.begin(), cases.end());  // the list runs from the last case to the first
-        int end = new_label(), dflt = end;
+        // SWITCH(value, cases): CASE(constant, label) for each case and
+        // DEFAULT(label), in a PCOMMA chain; without a default the switch
+        // goes on with the jump past its end.
+        int end = new_label();
+        std::vector<T> entries;
+        size_t count = 0;
+        bool has_default = false;
         for (const SwitchCase* c : cases) {
             int l = new_label();
             case_labels_[c] = l;
             if (isa<DefaultStmt>(c)) {
-                dflt = l;
+                has_default = true;
+                entries.push_back(node(O_DEFAULT, 0, label_node(l)));
                 continue;
             }
             const auto* cs = cast<CaseStmt>(c);
             if (cs->getRHS()) unsupported(cs, "case ranges");
             std::optional<int64_t> v = constant(cs->getLHS());
             if (!v) unsupported(cs, "this case value");
-            T test = node(O_EQ, int_type(16, true), clone(tmp.get()), icon_of(ct, *v, at));
-            emit(node(O_CBRANCH, int_type(16, true), std::move(test), label_node(l)), cs->getBeginLoc());
+            entries.push_back(node(O_CASE, 0, icon_of(ct, *v, at), label_node(l)));
+            ++count;
         }
-        jump(dflt, at);
+        if (entries.empty()) {
+            emit(value(s->getCond()), at);  // only its effects
+        } else {
+            T list = std::move(entries.back());
+            for (size_t k = entries.size() - 1; k-- > 0;) list = node(O_PCOMMA, 0, std::move(entries[k]), std::move(list));
+            emit(node(O_SWITCH, type_id(ct, at), convert(value(s->getCond()), ct, at), std::move(list),
+                      " n:" + std::to_string(count)),
+                 at);
+        }
+        if (!has_default) jump(end, at);
         jumps_.push_back({end, 0});
         statement(s->getBody());
         jumps_.pop_back();
