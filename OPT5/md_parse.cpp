@@ -239,7 +239,7 @@ void PARSER::mdfBanner() {
     if (!tok_.getToken(T_OPTIMIZER) || !tok_.getToken(T_MACHINE) || !tok_.getToken(T_DESCRIPTION))
         fail_at_next("need the keywords OPTIMIZER MACHINE DESCRIPTION");
     expect(T_COLON, "need a colon");
-    expect(T_STRING, "need the description's name in double quotes");
+    expect(T_STRING, "need the keywords OPTIMIZER MACHINE DESCRIPTION");  // and the name after them
     rb_->name = tok_.text;
 }
 
@@ -564,33 +564,33 @@ std::vector<TREP*> PARSER::trep() {
         sizes.push_back(std::atoi(t.c_str() + 1));
     } else if (tok_.getToken(T_LPAREN)) {
         while (tok_.getToken(T_INT)) sizes.push_back(static_cast<int>(tok_.aux));
-        expect(T_RPAREN, "invalid container size");
+        expect(T_RPAREN, "pattern is not valid");
     } else if (tok_.getToken(T_LBRACE)) {
-        long long lo = integer("invalid container size");
-        expect(T_MINUS, "invalid container size");
-        long long hi = integer("invalid container size");
-        expect(T_RBRACE, "invalid container size");
-        if (lo >= hi) fail("invalid container size");
+        long long lo = integer("pattern is not valid");
+        expect(T_MINUS, "pattern is not valid");
+        long long hi = integer("pattern is not valid");
+        expect(T_RBRACE, "pattern is not valid");
+        if (lo >= hi) fail("pattern is not valid");
         for (long long s = lo; s <= hi; s *= 2) sizes.push_back(static_cast<int>(s));
     } else {
-        expect(T_INT, "invalid container size");
+        expect(T_INT, "pattern is not valid");
         sizes.push_back(static_cast<int>(tok_.aux));
     }
     std::vector<TREP*> out;
     for (int s : sizes) {
-        if (s <= 1 || !is_trep_width(s)) fail("invalid container size");
+        if (s <= 1 || !is_trep_width(s)) fail("pattern is not valid");
         out.push_back(find_TREP('x', s, 1));
     }
-    if (out.empty()) fail("invalid container size");
+    if (out.empty()) fail("pattern is not valid");
     return out;
 }
 
 std::vector<int> PARSER::simdFactor() {
     std::vector<int> out;
     while (tok_.getToken(T_LBRACKET)) {
-        long long n = integer("need an integer after [");
-        if (n <= 0) fail("need an integer after [");
-        expect(T_RBRACKET, "need an integer after [");
+        long long n = integer("a need constant (ICON/FCON/SCON)");
+        if (n <= 0) fail("a need constant (ICON/FCON/SCON)");
+        expect(T_RBRACKET, "a need constant (ICON/FCON/SCON)");
         out.push_back(static_cast<int>(n));
     }
     return out;
@@ -745,6 +745,15 @@ CONSTRAINT_FUNCTION* PARSER::icallParameterConstraint() {
         work.pop_back();
         if (auto* a = dynamic_cast<constraint_and*>(t)) {
             for (CONSTRAINT_FUNCTION* x : a->terms()) work.push_back(x);
+            continue;
+        }
+        if (auto* o = dynamic_cast<constraint_or*>(t)) {
+            work.push_back(o->first());
+            work.push_back(o->second());
+            continue;
+        }
+        if (auto* n = dynamic_cast<constraint_not*>(t)) {
+            work.push_back(n->operand());
             continue;
         }
         auto* pa = dynamic_cast<parm_attribute*>(t);

@@ -134,8 +134,8 @@ TEST_F(Md, SyntaxErrorsNameLineTokenAndReason) {
         {std::string(header) + "FUNCTIONAL UNITS : ( A B A )", "duplicate functional unit", 4, "A"},
         {std::string(header) + "DEFAULT LATENCY : 1", "need COST/LATENCY/SPACE after DEFAULT", 4, "LATENCY"},
         {std::string(header) + "DEFAULT COST : x", "default cost must be an ICON", 4, "x"},
-        {std::string(header) + "( ICODE (PLUS : X1 a b) )", "invalid container size", 4, "X1"},
-        {std::string(header) + "( ICODE (PLUS : X {32 - 32} a b) )", "invalid container size", 4, "}"},
+        {std::string(header) + "( ICODE (PLUS : X1 a b) )", "pattern is not valid", 4, "X1"},
+        {std::string(header) + "( ICODE (PLUS : X {32 - 32} a b) )", "pattern is not valid", 4, "}"},
         {std::string(header) + "( ICODE (PLUS : I16 a b) HOLDS (MAXVAL(3) && MAXVAL(4)) )",
          "inconsistent maximum value", 4, ")"},
         {std::string(header) + "( ICODE (PLUS : I16 a b) HOLDS (NEVER) )", "unknown holds flag", 4, "NEVER"},
@@ -149,6 +149,9 @@ TEST_F(Md, SyntaxErrorsNameLineTokenAndReason) {
          "cannot declare multiple ICODEs with a WHEN clause", 4, "IS_ICON"},
         {std::string(header) + "( ICALL (__f : I16 a b) WHEN a.IS_RC )",
          "only is_fetch or is_icon is allowed in ICALL/MCALL contraint", 4, "IS_RC"},
+        {std::string(header) + "( ICALL (__f : I16 a b) WHEN a.IS_FETCH || ! b.IS_RC )",
+         "only is_fetch or is_icon is allowed in ICALL/MCALL contraint", 4, "IS_RC"},
+        {std::string(header) + "( ICODE (PLUS : I16 [0] a b) )", "a need constant (ICON/FCON/SCON)", 4, "0"},
         {std::string(header) + "( ICALL (__f : I16) )", "ICALL/MCALL has no argument", 4, ")"},
         {std::string(header) + "( SIMPLIFY (PLUS : I16 a 0) a )", "need the keyword AS in simplify-rule", 4, "a"},
         {std::string(header) + "( SIMPLIFY (PLUS : I16 a $3) AS a )", "the label tree is not defined", 4, "3"},
@@ -172,6 +175,14 @@ TEST_F(Md, SyntaxErrorsNameLineTokenAndReason) {
         std::string expected = std::string(c.message) + " MD file syntax error at line " + std::to_string(c.line) +
                                ": when parsing " + c.token + ", " + c.message;
         EXPECT_EQ(error, expected) << c.text;
+    }
+}
+
+// An ICALL may ask IS_FETCH and IS_ICON under || and ! as well as &&.
+TEST_F(Md, IcallConstraintsMayJoinFetchAndIconTestsAnyWay) {
+    for (const char* when : {"a.IS_FETCH || b.IS_ICON", "! a.IS_FETCH", "a.IS_ICON && ( ! b.IS_FETCH || b.IS_ICON )"}) {
+        auto rb = parse(std::string(header) + "( ICALL (__f : I16 a b) WHEN " + when + " )");
+        EXPECT_TRUE(rb) << when << ": " << error;
     }
 }
 
