@@ -1,10 +1,10 @@
 #include "tools/ifrun/ifrun.h"
 
+#include <bit>
 #include <cinttypes>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <deque>
 
 #include "IFILE/if_file.h"
@@ -153,27 +153,11 @@ bool is_float(TYPE* type) { return type && type->stripped()->kind == TYPE::FLOAT
 bool is_single(TYPE* type) { return type->stripped()->size == 32; }
 
 double fp_value(int64_t bits, TYPE* type) {
-    if (is_single(type)) {
-        uint32_t u = static_cast<uint32_t>(bits);
-        float f;
-        std::memcpy(&f, &u, sizeof f);
-        return f;
-    }
-    double d;
-    std::memcpy(&d, &bits, sizeof d);
-    return d;
+    return is_single(type) ? std::bit_cast<float>(static_cast<uint32_t>(bits)) : std::bit_cast<double>(bits);
 }
 
 int64_t fp_bits(double v, TYPE* type) {
-    if (is_single(type)) {
-        float f = static_cast<float>(v);
-        uint32_t u;
-        std::memcpy(&u, &f, sizeof u);
-        return u;
-    }
-    int64_t b;
-    std::memcpy(&b, &v, sizeof b);
-    return b;
+    return is_single(type) ? std::bit_cast<uint32_t>(static_cast<float>(v)) : std::bit_cast<int64_t>(v);
 }
 
 int64_t fp_constant(const NODE* n) { return fp_bits(std::strtod(n->x().text.c_str(), nullptr), n->type); }
