@@ -455,6 +455,13 @@ private:
         return m->data() + *index;
     }
 
+    // Units read lowest first as one number (of at most 64 bits).
+    static uint64_t joined(const uint16_t* c, uint64_t units) {
+        uint64_t v = 0;
+        for (uint64_t k = 0; k < units && k < 4; ++k) v |= static_cast<uint64_t>(c[k]) << (16 * k);
+        return v;
+    }
+
     static std::string hex(uint64_t v) {
         char b[32];
         std::snprintf(b, sizeof b, "%" PRIx64, v);
@@ -495,8 +502,7 @@ private:
         uint64_t units = units_of_bits(s.bits), index;
         std::vector<uint8_t>* state;
         uint16_t* c = cells(address, units, false, &state, &index);
-        uint64_t v = 0;
-        for (uint64_t k = 0; k < units && k < 4; ++k) v |= static_cast<uint64_t>(c[k]) << (16 * k);
+        uint64_t v = joined(c, units);
         if (options_.trace_volatile && (TYPE_qual_kind(type) & TYPE::Q_VOLATILE)) result_.trace += " R" + describe(address);
         return wrap(static_cast<int64_t>(v), s);
     }
@@ -564,16 +570,19 @@ private:
         return {base + static_cast<uint64_t>(bits >> 4)};
     }
 
+    // The units a bit-field's bits lie in.
+    static uint64_t field_units(const PLACE& p) {
+        uint64_t units = (p.bit + p.width + 15) / 16;
+        if (units > 4) fail("a bit-field across more than 64 bits");
+        return units;
+    }
+
     int64_t load_place(const PLACE& p, TYPE* type) {
         if (!p.width) return load(p.at, type);
-        uint64_t units = (p.bit + p.width + 15) / 16, index;
-        if (units > 4) fail("a bit-field across more than 64 bits");
+        uint64_t units = field_units(p), index;
         std::vector<uint8_t>* state;
         uint16_t* c = cells(p.at, units, false, &state, &index);
-        uint64_t v = 0;
-        for (uint64_t k = 0; k < units; ++k) v |= static_cast<uint64_t>(c[k]) << (16 * k);
-        v >>= p.bit;
-        return wrap(static_cast<int64_t>(v), {p.width, scalar_of(type).is_signed});
+        return wrap(static_cast<int64_t>(joined(c, units) >> p.bit), {p.width, scalar_of(type).is_signed});
     }
 
     // Stores v; returns the value the place holds then.
@@ -582,12 +591,10 @@ private:
             store(p.at, v, type);
             return v;
         }
-        uint64_t units = (p.bit + p.width + 15) / 16, index;
-        if (units > 4) fail("a bit-field across more than 64 bits");
+        uint64_t units = field_units(p), index;
         std::vector<uint8_t>* state;
         uint16_t* c = cells(p.at, units, true, &state, &index);
-        uint64_t old = 0;
-        for (uint64_t k = 0; k < units; ++k) old |= static_cast<uint64_t>(c[k]) << (16 * k);
+        uint64_t old = joined(c, units);
         uint64_t mask = (p.width >= 64 ? ~uint64_t{0} : (uint64_t{1} << p.width) - 1) << p.bit;
         uint64_t now = (old & ~mask) | ((static_cast<uint64_t>(v) << p.bit) & mask);
         for (uint64_t k = 0; k < units; ++k) {
