@@ -27,9 +27,7 @@ trap 'rm -rf "$work"' EXIT
 programs=()
 for c in "$ROOT"/samples/kernels/*.c; do programs+=("$c"); done
 for ((s = 1; s <= CSMITH; s++)); do
-    (cd "$work" && csmith --seed $s --no-int8 --no-uint8 --no-packed-struct --max-funcs 6 -o "csmith$s.c" >/dev/null 2>&1) &&
-        perl -pi -e 's/\b(signed|unsigned)(\s+f\d+\s*:\s*)(\d+);/$3 > 16 ? "$1 long$2$3;" : "$1$2$3;"/ge' "$work/csmith$s.c" &&
-        programs+=("$work/csmith$s.c")
+    "$ROOT/tools/csmith_gen.sh" $s "$work/csmith$s.c" && programs+=("$work/csmith$s.c")
 done
 
 ops() {  # the operation count of a run, or "-" when it stops or differs

@@ -26,7 +26,7 @@ STEPS=20000000
 CHECK=""
 CHECK_DIR=""
 OPT5_TIMEOUT=${OPT5_TIMEOUT:-120}  # seconds for one opt5 run
-CSMITH_OPTS="--no-int8 --no-uint8 --no-packed-struct --max-funcs 6"
+FLOAT=""
 while [ $# -gt 0 ]; do
     case "$1" in
     --bin) BIN=$2; shift ;;
@@ -38,7 +38,7 @@ while [ $# -gt 0 ]; do
     --steps) STEPS=$2; shift ;;
     --check) CHECK=$2; shift ;;
     --check-dir) CHECK_DIR=$2; shift ;;
-    --float) CSMITH_OPTS="$CSMITH_OPTS --float" ;;
+    --float) FLOAT=--float ;;
     *) echo "unknown argument $1" >&2; exit 2 ;;
     esac
     shift
@@ -118,10 +118,7 @@ fail=0 pass=0 skip=0 undefined=0 large=0
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 for ((s = SEED; s < SEED + COUNT; s++)); do
-    (cd "$work" && csmith --seed $s $CSMITH_OPTS -o "p$s.c" >/dev/null 2>&1) || { echo "seed $s: csmith failed"; continue; }
-    # csmith's bit-fields are up to 32 bits wide in an int or unsigned, which
-    # are 16 bits here: the wider ones are made long.
-    perl -pi -e 's/\b(signed|unsigned)(\s+f\d+\s*:\s*)(\d+);/$3 > 16 ? "$1 long$2$3;" : "$1$2$3;"/ge' "$work/p$s.c"
+    "$(dirname "$0")/csmith_gen.sh" $s "$work/p$s.c" $FLOAT || { echo "seed $s: csmith failed"; continue; }
     msg=$(check "$work/p$s.c")
     case $? in
     0) pass=$((pass + 1)) ;;
