@@ -17,6 +17,7 @@
 #include "OPT5/mvp.h"
 #include "OPT5/node.h"
 #include "OPT5/funinfo.h"
+#include "OPT5/loop_rotation.h"
 #include "OPT5/park.h"
 #include "OPT5/globals.h"
 #include "UTIL/support.h"
@@ -60,6 +61,7 @@ void global_CP() {
     unbuild_loop_hierarchy();
     copyprop(1);
 }
+void rotate_loops_step() { rotate_loops(); }
 void lcp() {
     if (opt_level() < 1) return;
     copyprop(1);
@@ -112,7 +114,7 @@ const step pass_table[] = {
     {"global CP", false, global_CP, 2},
     {"late points-to", false, no_action, NEVER},
     {"global CSE", false, no_action, NEVER},
-    {"Pellin rotate loops", false, no_action, NEVER},
+    {"Pellin rotate loops", false, rotate_loops_step, 2},
     {"late rename symbols", false, no_action, NEVER},
     {"merge symbols", false, no_action, NEVER},
     {"DD restructuring", false, no_action, NEVER},
