@@ -155,15 +155,16 @@ bool discover_loops() {
 }
 
 // The variable a statement assigns, with the constant step when it is
-// "v += c", "v -= c", "v = v + c" or "v = v - c".
+// "v += c", "v -= c", "v++", "v--", "v = v + c" or "v = v - c".
 const void* assigned_var(const NODE* t, bool& is_step, INT65& step) {
     is_step = false;
     if (!t || !t->left || t->left->opcode != NAME) return nullptr;
     const void* v = t->left->symbol;
     const NODE* r = t->right;
-    if ((t->opcode == PLUSASG || t->opcode == MINUSASG) && r && r->opcode == ICON) {
+    bool up = t->opcode == PLUSASG || t->opcode == PLUSPLUS;
+    if ((up || t->opcode == MINUSASG || t->opcode == MINMIN) && r && r->opcode == ICON) {
         is_step = true;
-        step = t->opcode == PLUSASG ? r->value : -r->value;
+        step = up ? r->value : -r->value;
     } else if (t->opcode == ASG && r && (r->opcode == PLUS || r->opcode == MINUS) && r->left &&
                r->left->opcode == NAME && r->left->symbol == v && r->right && r->right->opcode == ICON) {
         is_step = true;

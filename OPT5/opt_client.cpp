@@ -3,6 +3,7 @@
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
+#include <mutex>
 
 #include "DIAG/diag.h"
 #include "OPT5/abort.h"
@@ -28,6 +29,46 @@ slab_store<SYMTAB>& all_symbols() {
 
 NODE* as_node(BASE_NODE* n) { return static_cast<NODE*>(n); }
 }  // namespace
+
+SYMTAB* make_local_temporary(TYPE* type, const std::string& name) {
+    FUNINFO* fi = currfuninfo;
+    if (!fi || !fi->bb_list || !type) return nullptr;
+    // The reader numbers a function's symbols in the order they come, and
+    // the writer keeps each symbol's number: the new one goes last, after
+    // the end of the arguments, numbered after every other.
+    size_t at = 0;
+    unsigned count = 0;
+    bool args_ended = false;
+    for (size_t i = 0; i < fi->scopes.size(); ++i) {
+        const BODY_ENTRY& e = fi->scopes[i];
+        if (e.kind == BODY_ENTRY::SYMBOL) {
+            if (!e.sym || e.sym->index != count) return nullptr;
+            ++count;
+            at = i + 1;
+        } else if (e.kind == BODY_ENTRY::CONTROL && e.control == IR_END_ARGS) {
+            at = i + 1;
+            args_ended = true;
+        }
+    }
+    if (!args_ended) return nullptr;
+    SYMTAB* sym;
+    {
+        static std::mutex store_mutex;  // workers make temporaries side by side
+        std::lock_guard<std::mutex> lock(store_mutex);
+        sym = all_symbols().make();
+    }
+    sym->name = name;
+    sym->type = type;
+    sym->size = type->size;
+    sym->align = 16;
+    sym->index = count;
+    sym->global = false;
+    BODY_ENTRY e;
+    e.kind = BODY_ENTRY::SYMBOL;
+    e.sym = sym;
+    fi->scopes.insert(fi->scopes.begin() + static_cast<std::ptrdiff_t>(at), e);
+    return sym;
+}
 
 OPT_CLIENT opt_client;
 I_FILE* i_file = nullptr;

@@ -76,6 +76,10 @@ void read_ifile_unit();
 void write_function(struct SYMTAB* fn);
 // Writes the unit's global data after the last barrier.
 void write_global_data();
+// A new local variable of the current function (a temporary of the
+// optimizer): declared after its other locals, so that the written unit
+// numbers it as it numbers them.  Null when the locals can't take one.
+struct SYMTAB* make_local_temporary(TYPE* type, const std::string& name);
 // Releases the trees of a function's body.
 void erase_function_body(FUNINFO* fi);
 // The statement in infix form, for listings and interlisting comments.

@@ -17,6 +17,7 @@
 #include "OPT5/mvp.h"
 #include "OPT5/node.h"
 #include "OPT5/funinfo.h"
+#include "OPT5/induction.h"
 #include "OPT5/loop_rotation.h"
 #include "OPT5/park.h"
 #include "OPT5/globals.h"
@@ -62,6 +63,11 @@ void global_CP() {
     copyprop(1);
 }
 void rotate_loops_step() { rotate_loops(); }
+// Induction variables become pointers, whose steps then join their accesses.
+void propagate_increments() {
+    reduce_address_induction();
+    fold_post_increments();
+}
 void lcp() {
     if (opt_level() < 1) return;
     copyprop(1);
@@ -125,7 +131,7 @@ const step pass_table[] = {
     {"lcp", false, lcp, 1},
     {"sti-to-cinit", false, no_action, NEVER},
     {"lcse", false, no_action, NEVER},
-    {"propagate increments", false, no_action, NEVER},
+    {"propagate increments", false, propagate_increments, 2},
     {"Disguise Vectors", false, no_action, NEVER},
     {"late LIR", false, no_action, NEVER},
 };

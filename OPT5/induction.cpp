@@ -1,0 +1,454 @@
+#include "OPT5/induction.h"
+
+#include <cstdint>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "BITVEC/bitvec.h"
+#include "OPT5/bbutils.h"
+#include "OPT5/cmdline.h"
+#include "OPT5/copyprop.h"
+#include "OPT5/ddbloop.h"
+#include "OPT5/dominator.h"
+#include "OPT5/globals.h"
+#include "OPT5/node.h"
+#include "OPT5/opt_client.h"
+#include "OPT5/simp.h"
+#include "OPT5/symtab.h"
+#include "TYPES/type_pkg.h"
+
+namespace {
+
+// A loop keeps at most this many new pointers (address registers are few).
+constexpr int MAX_POINTERS = 6;
+// Loops known to iterate fewer times than this are left as they are.
+constexpr int MIN_TRIPS = 4;
+// Coefficients beyond this are left alone rather than risk overflow.
+constexpr int64_t MAX_COEFFICIENT = int64_t{1} << 24;
+
+void info(const char* fmt, unsigned long long line, const char* name) {
+    if (write_opt_info && finfo) std::fprintf(finfo, fmt, line, name);
+}
+
+bool is_pointer(TYPE* t) { return t && t->stripped()->kind == TYPE::PTR_T; }
+
+unsigned pointer_bits() { return static_cast<unsigned>(integer_view(type_pkg->mk_int(TYPE::IK_ULONG, false))->size); }
+
+bool assigns(const NODE* n) { return n->opcode == ASG || is_op_assign(n->opcode); }
+
+NODE* mk_NAME(SYMTAB* sym, TYPE* type) {
+    NODE* n = new_node(NAME, type);
+    n->mk_name(sym);
+    return n;
+}
+
+// Calls f(slot) for every operand slot below the statement, node before
+// operands; f returns false to keep the walk out of the slot's operands.
+template <class F>
+void walk_slots(NODE* stmt, F&& f) {
+    std::vector<NODE**> work;
+    if (stmt->left) work.push_back(&stmt->left);
+    if (stmt->right) work.push_back(&stmt->right);
+    while (!work.empty()) {
+        NODE** slot = work.back();
+        work.pop_back();
+        if (!f(slot)) continue;
+        if ((*slot)->right) work.push_back(&(*slot)->right);
+        if ((*slot)->left) work.push_back(&(*slot)->left);
+    }
+}
+
+int count_names(NODE* stmt, const SYMTAB* sym) {
+    int n = stmt->opcode == NAME && stmt->symbol == sym;
+    walk_slots(stmt, [&](NODE** s) {
+        if ((*s)->opcode == NAME && (*s)->symbol == sym) ++n;
+        return true;
+    });
+    return n;
+}
+
+// The loop under work: what it assigns, and one of its counters.
+struct counter_view {
+    struct LOOP* loop;
+    const SYMTAB* iv;
+    int64_t step;
+    std::set<const SYMTAB*> assigned;
+    const std::set<const SYMTAB*>* taken;
+    unsigned ptr_bits;
+
+    bool invariant_name(const SYMTAB* s) const {
+        return s != iv && is_private_variable(s, *taken) && !assigned.count(s);
+    }
+
+    // The tree as a * iv + (something invariant): a, or false when the tree
+    // is not of that form or its arithmetic could wrap where a pointer's
+    // would not.
+    bool coefficient(const NODE* t, int64_t& a) const {
+        int64_t l = 0, r = 0;
+        auto narrow_unsigned = [&](TYPE* type) {
+            TYPE* it = integer_view(type);
+            return it && !is_pointer(type) && !it->signed_flag && it->size < ptr_bits;
+        };
+        switch (t->opcode) {
+        case NAME:
+            if (t->symbol == iv) {
+                a = 1;
+                return !narrow_unsigned(t->type);
+            }
+            a = 0;
+            return invariant_name(t->symbol);
+        case ICON: a = 0; return true;
+        case UAND: a = 0; return t->left && t->left->opcode == NAME;
+        case PCONV:
+            if (!coefficient(t->left, a)) return false;
+            return a == 0 || (integer_view(t->type) && integer_view(t->left->type) &&
+                              integer_view(t->type)->size == integer_view(t->left->type)->size);
+        case SCONV: {
+            if (!coefficient(t->left, a)) return false;
+            if (a == 0) return true;
+            TYPE* from = integer_view(t->left->type);
+            TYPE* to = integer_view(t->type);
+            if (!from || !to || to->size < from->size) return false;
+            return from->signed_flag || from->size >= ptr_bits;
+        }
+        case PLUS: case MINUS:
+            if (!coefficient(t->left, l) || !coefficient(t->right, r)) return false;
+            a = t->opcode == PLUS ? l + r : l - r;
+            break;
+        case MULT:
+            if (!coefficient(t->left, l) || !coefficient(t->right, r)) return false;
+            if (l != 0 && r != 0) return false;
+            if (l != 0 && t->right->opcode != ICON) return false;
+            if (r != 0 && t->left->opcode != ICON) return false;
+            a = l != 0 ? l * t->right->value.as<int64_t>() : r != 0 ? r * t->left->value.as<int64_t>() : 0;
+            break;
+        case SLL:
+            if (!coefficient(t->left, l) || !coefficient(t->right, r) || r != 0) return false;
+            if (l == 0) {
+                a = 0;
+                return true;
+            }
+            if (t->right->opcode != ICON || t->right->value.is_negative() || t->right->value >= INT65(24)) return false;
+            a = l << t->right->value.as<int64_t>();
+            break;
+        default:
+            return false;
+        }
+        if (a > MAX_COEFFICIENT || a < -MAX_COEFFICIENT) return false;
+        return a == 0 || !narrow_unsigned(t->type);
+    }
+};
+
+// The statement "iv += c" (or ++, --, -=, iv = iv + c) that steps the
+// counter, or null.
+bool is_step_of(const NODE* t, const SYMTAB* iv) {
+    if (!t || !t->left || t->left->opcode != NAME || t->left->symbol != iv || !t->right) return false;
+    if (t->opcode == PLUSASG || t->opcode == MINUSASG || t->opcode == PLUSPLUS || t->opcode == MINMIN)
+        return t->right->opcode == ICON;
+    return t->opcode == ASG && (t->right->opcode == PLUS || t->right->opcode == MINUS) && t->right->left &&
+           t->right->left->opcode == NAME && t->right->left->symbol == iv && t->right->right &&
+           t->right->right->opcode == ICON;
+}
+
+// Where statements run once before the loop: its preheader, made when the
+// loop has none.
+BBLK* preheader_of(struct LOOP* loop) {
+    if (loop->preheader) return loop->preheader;
+    BBLK* outside = nullptr;
+    for (EDGE* e = loop->head->predecessors; e; e = e->rest)
+        if (!loop_contains(loop, e->bb)) {
+            if (outside) return nullptr;
+            outside = e->bb;
+        }
+    if (!outside) return nullptr;
+    BBLK* pre = split_cfg_edge(outside, loop->head);
+    // It falls into the head when it lies just before it.
+    NODE* jump = pre->statements.empty() ? nullptr : pre->statements.back().tree;
+    if (jump && jump->opcode == BRANCH && pre->next == loop->head) {
+        erase_tree(jump);
+        pre->statements.pop_back();
+    }
+    loop->preheader = pre;
+    return pre;
+}
+
+// Appends a statement to a preheader, before the jump that ends it.
+void append_before_jump(BBLK* b, NODE* tree, const PSN& pos) {
+    BODY_ENTRY e;
+    e.tree = tree;
+    e.pos = pos;
+    auto at = b->statements.end();
+    if (!b->statements.empty()) {
+        std::vector<int> labels;
+        bool falls = true;
+        list_branch_targets(b->statements.back().tree, labels, falls);
+        if (!labels.empty() || !falls) --at;
+    }
+    b->statements.insert(at, e);
+}
+
+// One new pointer: the address it stands for and how it moves.
+struct reduced {
+    NODE* address;  // a copy of the address tree (owned)
+    int64_t coefficient;
+    SYMTAB* pointer;
+};
+
+class loop_reducer {
+public:
+    loop_reducer(struct LOOP* loop, Dominator* dom, const std::set<const SYMTAB*>& taken)
+        : loop_(loop), dom_(dom), taken_(taken) {}
+    int run();
+
+private:
+    struct LOOP* loop_;
+    Dominator* dom_;
+    const std::set<const SYMTAB*>& taken_;
+    int pointers_ = 0;
+
+    int reduce_counter(const LOOPIV& iv);
+    bool replace_test(counter_view& view, const std::vector<reduced>& made, BBLK* step_block, size_t step_at);
+};
+
+int loop_reducer::run() {
+    // Setting pointers up costs about what a few iterations save.
+    if (loop_->trips && loop_->trips->opcode == ICON && loop_->trips->value < INT65(MIN_TRIPS)) return 0;
+    int changes = 0;
+    for (const LOOPIV& iv : std::vector<LOOPIV>(loop_->ivs)) changes += reduce_counter(iv);
+    return changes;
+}
+
+int loop_reducer::reduce_counter(const LOOPIV& iv) {
+    counter_view view{loop_, static_cast<const SYMTAB*>(iv.var), 0, {}, &taken_, pointer_bits()};
+    if (!iv.step.fits_in<int32_t>()) return 0;
+    view.step = iv.step.as<int64_t>();
+    TYPE* iv_type = integer_view(view.iv->type);
+    if (!iv_type) return 0;
+
+    // The counter's step, in a block run once in every iteration.
+    BBLK* step_block = nullptr;
+    size_t step_at = 0;
+    for (EDGE* e = loop_->contents; e; e = e->rest) {
+        BBLK* b = e->bb;
+        for (size_t i = 0; i < b->statements.size(); ++i) {
+            NODE* t = b->statements[i].tree;
+            if (t && is_step_of(t, view.iv)) {
+                step_block = b;
+                step_at = i;
+            }
+            if (!t) continue;
+            if (assigns(t) && t->left && t->left->opcode == NAME) view.assigned.insert(t->left->symbol);
+            walk_slots(t, [&](NODE** s) {
+                if (assigns(*s) && (*s)->left && (*s)->left->opcode == NAME) view.assigned.insert((*s)->left->symbol);
+                return true;
+            });
+        }
+    }
+    if (!step_block || !dom_->dominates(step_block, loop_->tail)) return 0;
+
+    // The addresses that move with it, alike ones together.
+    std::vector<reduced> made;
+    std::vector<std::pair<NODE**, size_t>> uses;  // slot, index into made
+    for (EDGE* e = loop_->contents; e; e = e->rest)
+        for (BODY_ENTRY& s : e->bb->statements) {
+            if (!s.tree || s.tree == step_block->statements[step_at].tree) continue;
+            walk_slots(s.tree, [&](NODE** slot) {
+                NODE* n = *slot;
+                int64_t a;
+                if ((n->opcode != PLUS && n->opcode != MINUS) || !is_pointer(n->type) || !view.coefficient(n, a) || a == 0)
+                    return true;
+                size_t k = 0;
+                while (k < made.size() && !same_tree(made[k].address, n)) ++k;
+                if (k == made.size()) {
+                    if (pointers_ + static_cast<int>(made.size()) >= MAX_POINTERS) return false;
+                    made.push_back({copy_tree(n), a, nullptr});
+                }
+                uses.push_back({slot, k});
+                return false;
+            });
+        }
+    if (made.empty()) return 0;
+    BBLK* pre = preheader_of(loop_);
+    if (!pre) {
+        for (reduced& r : made) erase_tree(r.address);
+        return 0;
+    }
+
+    PSN pos = step_block->statements[step_at].pos;
+    TYPE* long_t = type_pkg->mk_int(TYPE::IK_LONG, true);
+    std::vector<BODY_ENTRY> steps;
+    for (size_t k = 0; k < made.size(); ++k) {
+        reduced& r = made[k];
+        r.pointer = make_local_temporary(r.address->type, view.iv->name + ".p" + std::to_string(++pointers_));
+        if (!r.pointer) {  // nothing changed yet for this one or the ones after
+            for (size_t j = k; j < made.size(); ++j) erase_tree(made[j].address);
+            made.resize(k);
+            break;
+        }
+        append_before_jump(pre, mktree(ASG, r.address->type, mk_NAME(r.pointer, r.address->type), copy_tree(r.address)),
+                           pos);
+        BODY_ENTRY step;
+        step.tree = mktree(PLUSASG, r.address->type, mk_NAME(r.pointer, r.address->type),
+                           mk_ICON(INT65(static_cast<long long>(r.coefficient * view.step)), long_t));
+        step.pos = pos;
+        steps.push_back(step);
+        info("Loop at line %llu: the address stepped by '%s' is kept in a pointer of its own.\n", pos.line,
+             view.iv->name.c_str());
+    }
+    for (auto [slot, k] : uses) {
+        if (k >= made.size()) continue;
+        erase_tree(*slot);
+        *slot = mk_NAME(made[k].pointer, made[k].address->type);
+    }
+    step_block->statements.insert(step_block->statements.begin() + static_cast<std::ptrdiff_t>(step_at) + 1,
+                                  steps.begin(), steps.end());
+    int changes = static_cast<int>(made.size());
+    if (!made.empty() && replace_test(view, made, step_block, step_at)) ++changes;
+    for (reduced& r : made) erase_tree(r.address);
+    return changes;
+}
+
+// The latch's test "iv < bound" becomes "p < address(bound)" when the
+// counter is then only stepped, and is dead after the loop.
+bool loop_reducer::replace_test(counter_view& view, const std::vector<reduced>& made, BBLK* step_block,
+                                size_t step_at) {
+    if (!view.iv->type || !integer_view(view.iv->type)->signed_flag) return false;
+    NODE* jump = loop_->tail->statements.empty() ? nullptr : loop_->tail->statements.back().tree;
+    if (!jump || jump->opcode != CBRANCH || !jump->right || jump->right->opcode != LABEL ||
+        jump->right->value.as<int32_t>() != loop_->head->label)
+        return false;
+    NODE* test = jump->left;
+    if (!test || !test->left || !test->right) return false;
+    int op = test->opcode;
+    NODE* bound = test->right;
+    if (test->right->opcode == NAME && test->right->symbol == view.iv) {
+        bound = test->left;
+        switch (op) {
+        case LT: op = GT; break;
+        case LE: op = GE; break;
+        case GT: op = LT; break;
+        case GE: op = LE; break;
+        default: return false;
+        }
+    } else if (!(test->left->opcode == NAME && test->left->symbol == view.iv)) {
+        return false;
+    }
+    if (op != LT && op != LE && op != GT && op != GE) return false;
+    if (!(bound->opcode == ICON || (bound->opcode == NAME && view.invariant_name(bound->symbol)))) return false;
+    if (!bound->type || !view.iv->type || integer_view(bound->type) != integer_view(view.iv->type)) return false;
+
+    // Nothing else in the loop reads the counter, and nothing after it.
+    int refs = 0;
+    for (EDGE* e = loop_->contents; e; e = e->rest)
+        for (BODY_ENTRY& s : e->bb->statements)
+            if (s.tree) refs += count_names(s.tree, view.iv);
+    if (refs != 2) return false;  // the step and the test
+    int index = lva_index(view.iv);
+    if (index < 0) return false;
+    for (EDGE* e = loop_->exits; e; e = e->rest)
+        if (!e->bb->live_in || e->bb->live_in->test(static_cast<size_t>(index))) return false;
+
+    const reduced& r = made.front();
+    BBLK* pre = loop_->preheader;
+    SYMTAB* end = make_local_temporary(r.address->type, view.iv->name + ".end");
+    if (!end) return false;
+    NODE* limit = copy_tree(r.address);
+    walk_slots(limit, [&](NODE** s) {
+        if ((*s)->opcode == NAME && (*s)->symbol == view.iv) {
+            erase_tree(*s);
+            *s = copy_tree(bound);
+            return false;
+        }
+        return true;
+    });
+    PSN pos = loop_->tail->statements.back().pos;
+    append_before_jump(pre, mktree(ASG, r.address->type, mk_NAME(end, r.address->type), limit), pos);
+    // Addresses grow with the counter when the coefficient is positive.
+    if (r.coefficient < 0) op = op == LT ? GT : op == LE ? GE : op == GT ? LT : LE;
+    int pointer_op = op == LT ? ULT : op == LE ? ULE : op == GT ? UGT : UGE;
+    TYPE* test_type = test->type;
+    erase_tree(test);
+    jump->left = mktree(pointer_op, test_type, mk_NAME(r.pointer, r.address->type), mk_NAME(end, r.address->type));
+    NODE* step = step_block->statements[step_at].tree;
+    erase_tree(step);
+    step_block->statements.erase(step_block->statements.begin() + static_cast<std::ptrdiff_t>(step_at));
+    info("Loop at line %llu: counter '%s' replaced by a pointer in the loop's test.\n", pos.line,
+         view.iv->name.c_str());
+    return true;
+}
+
+}  // namespace
+
+int reduce_address_induction() {
+    FUNINFO* fi = currfuninfo;
+    if (opt_level() < 2 || !fi || !fi->bb_list) return 0;
+    build_loop_hierarchy(false, false, false, 0);
+    if (fi->loops.empty()) return 0;
+    find_live_variables(true, false);
+    Dominator* dom = compute_dominators(false);
+    std::set<const SYMTAB*> taken = fi->address_taken;
+    int changes = 0;
+    for (struct LOOP* loop : std::vector<struct LOOP*>(fi->loops))
+        if (loop_is_innermost(loop)) changes += loop_reducer(loop, dom, taken).run();
+    unbuild_loop_hierarchy();
+    free_liveness(fi);
+    if (changes) rebuildcfg();
+    return changes;
+}
+
+int fold_post_increments() {
+    FUNINFO* fi = currfuninfo;
+    if (opt_level() < 2 || !fi || !fi->bb_list) return 0;
+    std::set<const SYMTAB*> taken = address_taken_symbols();
+    int changes = 0;
+    for (BBLK* b = fi->bb_list; b; b = b->next) {
+        auto& stmts = b->statements;
+        for (size_t j = 0; j < stmts.size(); ++j) {
+            NODE* inc = stmts[j].tree;
+            if (!inc || (inc->opcode != PLUSASG && inc->opcode != PLUSPLUS) || !inc->left ||
+                inc->left->opcode != NAME || !inc->right || inc->right->opcode != ICON || !is_pointer(inc->left->type) ||
+                !is_private_variable(inc->left->symbol, taken))
+                continue;
+            const SYMTAB* p = inc->left->symbol;
+            // The nearest statement before it that names the pointer, in
+            // this block or in the straight line of blocks that leads to it.
+            BBLK* ub = b;
+            size_t i = j;
+            for (int hops = 0;; ) {
+                while (i > 0 && !(ub->statements[i - 1].tree && sym_appears_in_tree(p, ub->statements[i - 1].tree))) --i;
+                if (i > 0 || ++hops > 8 || edge_length(ub->predecessors) != 1) break;
+                BBLK* pred = ub->predecessors->bb;
+                if (edge_length(pred->successors) != 1 || pred == b) break;
+                ub = pred;
+                i = ub->statements.size();
+            }
+            if (i == 0) continue;
+            BODY_ENTRY& use_entry = ub->statements[i - 1];
+            NODE* use = use_entry.tree;
+            if (count_names(use, p) != 1) continue;
+            NODE** at = nullptr;
+            walk_slots(use, [&](NODE** s) {
+                if ((*s)->opcode == UMULT && (*s)->left && (*s)->left->opcode == NAME && (*s)->left->symbol == p)
+                    at = &(*s)->left;
+                return at == nullptr;
+            });
+            if (!at) continue;
+            NODE* name = *at;
+            NODE* amount = inc->right;
+            inc->right = nullptr;
+            erase_tree(inc);
+            stmts.erase(stmts.begin() + static_cast<std::ptrdiff_t>(j));
+            int op = PLUSPLUS;
+            if (amount->value.is_negative()) {
+                op = MINMIN;
+                amount->value = -amount->value;
+            }
+            *at = mktree(op, name->type, name, amount);
+            info("Line %llu: the step of pointer '%s' joins its access.\n", use_entry.pos.line, p->name.c_str());
+            ++changes;
+            --j;  // the next statement has moved here (wraps to 0 when j was 0)
+        }
+    }
+    return changes;
+}
