@@ -286,8 +286,8 @@ int loop_reducer::reduce_counter(const LOOPIV& iv) {
             made.resize(k);
             break;
         }
-        append_before_jump(pre, mktree(ASG, r.address->type, mk_NAME(r.pointer, r.address->type), copy_tree(r.address)),
-                           pos);
+        NODE* start = simp_tree(copy_tree(r.address), nullptr);
+        append_before_jump(pre, mktree(ASG, r.address->type, mk_NAME(r.pointer, r.address->type), start), pos);
         BODY_ENTRY step;
         step.tree = mktree(PLUSASG, r.address->type, mk_NAME(r.pointer, r.address->type),
                            mk_ICON(INT65(static_cast<long long>(r.coefficient * view.step)), long_t));
@@ -363,6 +363,7 @@ bool loop_reducer::replace_test(counter_view& view, const std::vector<reduced>& 
         return true;
     });
     PSN pos = loop_->tail->statements.back().pos;
+    limit = simp_tree(limit, nullptr);
     append_before_jump(pre, mktree(ASG, r.address->type, mk_NAME(end, r.address->type), limit), pos);
     // Addresses grow with the counter when the coefficient is positive.
     if (r.coefficient < 0) op = op == LT ? GT : op == LE ? GE : op == GT ? LT : LE;
