@@ -1,11 +1,16 @@
 #include "OPT5/loop_rotation.h"
 
+#include <set>
+#include <vector>
+
 #include "OPT5/bbutils.h"
 #include "OPT5/cmdline.h"
+#include "OPT5/copyprop.h"
 #include "OPT5/ddbloop.h"
 #include "OPT5/globals.h"
 #include "OPT5/node.h"
 #include "OPT5/simp.h"
+#include "OPT5/symtab.h"
 
 namespace {
 
@@ -16,6 +21,77 @@ int node_count(const NODE* t, int limit) {
     if (!t || limit <= 0) return 0;
     int n = 1 + node_count(t->left, limit - 1);
     return n + node_count(t->right, limit - n);
+}
+
+// Whether the statement assigns the variable, at its root or inside.
+bool assigns_variable(const NODE* t, const SYMTAB* sym) {
+    std::vector<const NODE*> work{t};
+    while (!work.empty()) {
+        const NODE* n = work.back();
+        work.pop_back();
+        if ((n->opcode == ASG || is_op_assign(n->opcode)) && n->left && n->left->opcode == NAME &&
+            n->left->symbol == sym)
+            return true;
+        if (n->left) work.push_back(n->left);
+        if (n->right) work.push_back(n->right);
+    }
+    return false;
+}
+
+// The test left in front of a rotated loop often reads what the block
+// before it has just set (i = 0; if (i >= 10) ...): with those constants
+// the test is decided, and becomes a jump or nothing.
+// (The edges are still those of the loop before rotation: the latch is
+// still among the guard's predecessors.)
+void decide_entry_test(BBLK* guard, const BBLK* latch, const std::set<const SYMTAB*>& taken) {
+    BBLK* before = nullptr;
+    for (EDGE* e = guard->predecessors; e; e = e->rest) {
+        if (e->bb == latch) continue;
+        if (before) return;
+        before = e->bb;
+    }
+    if (!before || before->next != guard || edge_length(before->successors) != 1) return;
+    NODE* jump = guard->statements.front().tree;
+    NODE* test = copy_tree(jump->left);
+    bool known = true;
+    std::vector<NODE**> work{&test};
+    while (!work.empty() && known) {
+        NODE** slot = work.back();
+        work.pop_back();
+        NODE* n = *slot;
+        if (n->opcode != NAME) {
+            if (n->left) work.push_back(&n->left);
+            if (n->right) work.push_back(&n->right);
+            continue;
+        }
+        known = false;
+        if (!is_private_variable(n->symbol, taken)) break;
+        for (auto it = before->statements.rbegin(); it != before->statements.rend(); ++it) {
+            const NODE* t = it->tree;
+            if (!t || !assigns_variable(t, n->symbol)) continue;
+            if (t->opcode == ASG && t->left->opcode == NAME && t->right && t->right->opcode == ICON) {
+                *slot = mk_ICON(t->right->value, n->type);
+                erase_tree(n);
+                known = true;
+            }
+            break;
+        }
+    }
+    if (known) test = simp_tree(test, nullptr);
+    if (!known || test->opcode != ICON) {
+        erase_tree(test);
+        return;
+    }
+    bool leaves = !test->value.is_zero();
+    erase_tree(test);
+    if (leaves) {
+        guard->statements.front().tree = mktree(BRANCH, nullptr, jump->right);
+        jump->right = nullptr;
+        erase_tree(jump);
+    } else {
+        erase_tree(jump);
+        guard->statements.clear();
+    }
 }
 
 BBLK* block_with_label(EDGE* list, int label) {
@@ -55,6 +131,7 @@ bool rotate(struct LOOP* loop) {
     if (write_opt_info && finfo)
         std::fprintf(finfo, "Loop at line %llu rotated: its test is made at the bottom.\n",
                      head->statements.front().pos.line);
+    decide_entry_test(head, latch, currfuninfo->address_taken);
     return true;
 }
 
@@ -66,6 +143,9 @@ int rotate_loops() {
     int rotated = 0;
     for (struct LOOP* loop : currfuninfo->loops) rotated += rotate(loop) ? 1 : 0;
     unbuild_loop_hierarchy();
-    if (rotated) rebuildcfg();
+    if (rotated) {
+        rebuildcfg();
+        simpcfg(true, false);  // a loop that is never entered goes
+    }
     return rotated;
 }
