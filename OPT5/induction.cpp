@@ -197,14 +197,15 @@ struct reduced {
 
 class loop_reducer {
 public:
-    loop_reducer(struct LOOP* loop, Dominator* dom, const std::set<const SYMTAB*>& taken)
-        : loop_(loop), dom_(dom), taken_(taken) {}
+    loop_reducer(struct LOOP* loop, Dominator* dom, const std::set<const SYMTAB*>& taken, bool* live)
+        : loop_(loop), dom_(dom), taken_(taken), live_(live) {}
     int run();
 
 private:
     struct LOOP* loop_;
     Dominator* dom_;
     const std::set<const SYMTAB*>& taken_;
+    bool* live_;  // the blocks' live-in sets are there
     int pointers_ = 0;
 
     int reduce_counter(const LOOPIV& iv);
@@ -344,6 +345,10 @@ bool loop_reducer::replace_test(counter_view& view, const std::vector<reduced>& 
         for (BODY_ENTRY& s : e->bb->statements)
             if (s.tree) refs += count_names(s.tree, view.iv);
     if (refs != 2) return false;  // the step and the test
+    if (!*live_) {  // liveness is worked out once, for the first test that needs it
+        find_live_variables(true, false);
+        *live_ = true;
+    }
     int index = lva_index(view.iv);
     if (index < 0) return false;
     for (EDGE* e = loop_->exits; e; e = e->rest)
@@ -386,14 +391,14 @@ int reduce_address_induction() {
     if (opt_level() < 2 || !fi || !fi->bb_list) return 0;
     build_loop_hierarchy(false, false, false, 0);
     if (fi->loops.empty()) return 0;
-    find_live_variables(true, false);
     Dominator* dom = compute_dominators(false);
     std::set<const SYMTAB*> taken = fi->address_taken;
     int changes = 0;
+    bool live = false;
     for (struct LOOP* loop : std::vector<struct LOOP*>(fi->loops))
-        if (loop_is_innermost(loop)) changes += loop_reducer(loop, dom, taken).run();
+        if (loop_is_innermost(loop)) changes += loop_reducer(loop, dom, taken, &live).run();
     unbuild_loop_hierarchy();
-    free_liveness(fi);
+    if (live) free_liveness(fi);
     if (changes) rebuildcfg();
     return changes;
 }
