@@ -349,6 +349,7 @@ void find_loop_LCV(struct LOOP* loop) {
     case NEQ:
         span = up ? bound - init : init - bound;
         if (!(span % s).is_zero()) return;  // would step over the bound
+        if (span.is_negative()) return;     // reached only by wrapping around
         break;
     default: return;
     }

@@ -166,6 +166,33 @@ TEST_F(Cfg, CountedLoopTestedAtTheTop) {
     EXPECT_EQ(fi.loops[0]->trips->value, INT65(4));  // i = 10, 7, 4, 1
 }
 
+// i++ steps a counter as i += 1 does; a != test the counter starts beyond
+// is reached only by wrapping around, so it gives no trip count.
+TEST_F(Cfg, IncrementsCountAndWrappingTestsDoNot) {
+    set(i, 0);
+    label(1);
+    stmt(mktree(PLUSPLUS, i16, name(i), k(1)));
+    cbranch(cmp(LT, i, 6), 1);
+    set(c, 20);
+    label(2);
+    stmt(mktree(PLUSPLUS, i16, name(c), k(1)));
+    cbranch(cmp(NEQ, c, 4), 2);
+    ret();
+    buildcfg();
+    build_loop_hierarchy(false, false, false, 1);
+    ASSERT_EQ(fi.loops.size(), 2u);
+    for (struct LOOP* l : fi.loops) {
+        ASSERT_EQ(l->ivs.size(), 1u);
+        EXPECT_EQ(l->ivs[0].step, INT65(1));
+        if (l->LCV == &i) {
+            ASSERT_NE(l->trips, nullptr);
+            EXPECT_EQ(l->trips->value, INT65(6));
+        } else {
+            EXPECT_EQ(l->trips, nullptr);
+        }
+    }
+}
+
 TEST_F(Cfg, TwoBackEdgesBecomeNestedLoops) {
     set(i, 0);
     label(1);
