@@ -433,9 +433,13 @@ int fold_post_increments() {
             BODY_ENTRY& use_entry = ub->statements[i - 1];
             NODE* use = use_entry.tree;
             if (count_names(use, p) != 1) continue;
+            // The access must run whenever the statement does: not under
+            // && , || or ?: .
             NODE** at = nullptr;
             walk_slots(use, [&](NODE** s) {
-                if ((*s)->opcode == UMULT && (*s)->left && (*s)->left->opcode == NAME && (*s)->left->symbol == p)
+                int op = (*s)->opcode;
+                if (op == ANDAND || op == OROR || op == QUEST || op == COLON) return false;
+                if (op == UMULT && (*s)->left && (*s)->left->opcode == NAME && (*s)->left->symbol == p)
                     at = &(*s)->left;
                 return at == nullptr;
             });

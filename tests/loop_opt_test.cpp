@@ -124,6 +124,12 @@ static int bounded(const int *x, int n) {
     for (int i = 0; i <= n - 1; i += 3) s -= x[i];
     return s;
 }
+static int both(const int *x, const int *y, int n) {  /* y[i] is read only when x[i] > 0 */
+    int s = 0;
+    for (int i = 0; i < n; i++) s += x[i] > 0 && y[i] < 5;
+    for (int i = 0; i < n; i++) s += x[i] > 0 ? y[i] : -y[i];
+    return s;
+}
 int main(void) {
     fill(a, N);
     for (int i = 0; i < N; i++) { b[i] = i * i - 50; wide[i] = 1000L * i - 7; }
@@ -133,6 +139,7 @@ int main(void) {
     printf("%d %d %d\n", find(a, N, 1), find(a, N, 2), skip_odd(a, N));
     printf("%d %f\n", stepped_twice(a, N), (double)every_other(f, 2 * N));
     printf("%ld %ld %d %d\n", columns(), down(wide, N), wrapping(), bounded(a, N));
+    printf("%d\n", both(a, b, N));
     return 0;
 })");
     IFRUN_RESULT reference = run("");
