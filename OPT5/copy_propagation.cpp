@@ -24,7 +24,6 @@ const char THIS_MODULE[] = "OPT5/copy_propagation";
 // copies are followed, so that a huge function costs bounded memory.
 constexpr size_t MAX_SET_BITS = size_t{1} << 26;
 
-bool assigns(int op) { return op == ASG || is_op_assign(op); }
 
 struct COPY {
     const SYMTAB* to;
@@ -104,7 +103,7 @@ private:
             const NODE* n = work.back();
             work.pop_back();
             if (!n || n->opcode == LABEL || n->opcode == FIELD) continue;
-            if (assigns(n->opcode))
+            if (is_assignment(n->opcode))
                 if (const SYMTAB* v = private_name(n->left)) f(v, n != stmt);
             work.push_back(n->left);
             work.push_back(n->right);

@@ -318,7 +318,8 @@ namespace {
 // chain of statements, not one tree as deep as the run is long.
 constexpr size_t MAX_COMBINED_NODES = 48;
 
-// The number of nodes of the tree, counted up to `limit` (then limit + 1).
+}  // namespace
+
 size_t tree_size_up_to(const NODE* t, size_t limit) {
     size_t n = 0;
     std::vector<const NODE*> work{t};
@@ -332,6 +333,8 @@ size_t tree_size_up_to(const NODE* t, size_t limit) {
     }
     return n;
 }
+
+namespace {
 
 // b becomes x = f(e) when a is x = e and b is x = f(x), with x read once in
 // f and nothing else happening; a is then freed.  False when they don't

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "OPT5/bbutils.h"
+#include "OPT5/opcodes.h"
 
 struct SYMTAB;
 
@@ -32,6 +33,10 @@ void find_live_variables(bool record, bool loops);
 
 // x op= e, ++ and --: assignments that also read the variable.
 bool is_op_assign(int op);
+// Any assignment: = and the ones above.
+inline bool is_assignment(int op) { return op == ASG || is_op_assign(op); }
+// The number of nodes of the tree, counted up to `limit` (then limit + 1).
+size_t tree_size_up_to(const NODE* t, size_t limit);
 // Hands each NAME node of the tree that is read (not the place an
 // assignment or & names) to `f` by its operand slot, where f may replace it.
 void for_each_read_name(NODE*& tree, const std::function<void(NODE*&)>& f);

@@ -154,8 +154,8 @@ bool discover_loops() {
     return true;
 }
 
-// The variable a statement assigns, with the constant step when it is
-// "v += c", "v -= c", "v++", "v--", "v = v + c" or "v = v - c".
+}  // namespace
+
 const void* assigned_var(const NODE* t, bool& is_step, INT65& step) {
     is_step = false;
     if (!t || !t->left || t->left->opcode != NAME) return nullptr;
@@ -175,6 +175,8 @@ const void* assigned_var(const NODE* t, bool& is_step, INT65& step) {
     }
     return v;
 }
+
+namespace {
 
 // The constant a variable holds on entry to the loop: the last assignment
 // of a constant to it in the blocks that lead to the header from outside,

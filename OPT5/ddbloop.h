@@ -21,6 +21,10 @@ void assign_loop_levels(struct LOOP* loop, int level);
 // assigned once in the loop, by a constant step.
 void find_loop_IVs(struct LOOP* loop, const std::set<const SYMTAB*>& taken);
 void find_loop_LCV(struct LOOP* loop);
+// The variable a statement assigns at its root (a SYMTAB), or null; with
+// is_step set and the constant step when it is "v += c", "v -= c", "v++",
+// "v--", "v = v + c" or "v = v - c".
+const void* assigned_var(const NODE* t, bool& is_step, INT65& step);
 void add_exit_blocks(struct LOOP* loop);
 bool loop_is_innermost(const struct LOOP* loop);
 void build_list_of_innermost_loop_headers(const struct LOOP* loop, std::vector<BBLK*>& list);

@@ -35,8 +35,6 @@ bool is_pointer(TYPE* t) { return t && t->stripped()->kind == TYPE::PTR_T; }
 
 unsigned pointer_bits() { return static_cast<unsigned>(integer_view(type_pkg->mk_int(TYPE::IK_ULONG, false))->size); }
 
-bool assigns(const NODE* n) { return n->opcode == ASG || is_op_assign(n->opcode); }
-
 NODE* mk_NAME(SYMTAB* sym, TYPE* type) {
     NODE* n = new_node(NAME, type);
     n->mk_name(sym);
@@ -73,12 +71,12 @@ struct counter_view {
     struct LOOP* loop;
     const SYMTAB* iv;
     int64_t step;
-    std::set<const SYMTAB*> assigned;
+    const std::set<const SYMTAB*>* assigned;  // every variable the loop assigns
     const std::set<const SYMTAB*>* taken;
     unsigned ptr_bits;
 
     bool invariant_name(const SYMTAB* s) const {
-        return s != iv && is_private_variable(s, *taken) && !assigned.count(s);
+        return s != iv && is_private_variable(s, *taken) && !assigned->count(s);
     }
 
     // The tree as a * iv + (something invariant): a, or false when the tree
@@ -140,15 +138,12 @@ struct counter_view {
     }
 };
 
-// The statement "iv += c" (or ++, --, -=, iv = iv + c) that steps the
-// counter, or null.
+// Whether the statement steps the counter by a constant ("iv += c", ++,
+// --, -=, iv = iv + c).
 bool is_step_of(const NODE* t, const SYMTAB* iv) {
-    if (!t || !t->left || t->left->opcode != NAME || t->left->symbol != iv || !t->right) return false;
-    if (t->opcode == PLUSASG || t->opcode == MINUSASG || t->opcode == PLUSPLUS || t->opcode == MINMIN)
-        return t->right->opcode == ICON;
-    return t->opcode == ASG && (t->right->opcode == PLUS || t->right->opcode == MINUS) && t->right->left &&
-           t->right->left->opcode == NAME && t->right->left->symbol == iv && t->right->right &&
-           t->right->right->opcode == ICON;
+    bool is_step = false;
+    INT65 step;
+    return assigned_var(t, is_step, step) == iv && is_step;
 }
 
 // Where statements run once before the loop: its preheader, made when the
@@ -206,6 +201,7 @@ private:
     Dominator* dom_;
     const std::set<const SYMTAB*>& taken_;
     bool* live_;  // the blocks' live-in sets are there
+    std::set<const SYMTAB*> assigned_;
     int pointers_ = 0;
 
     int reduce_counter(const LOOPIV& iv);
@@ -215,13 +211,25 @@ private:
 int loop_reducer::run() {
     // Setting pointers up costs about what a few iterations save.
     if (loop_->trips && loop_->trips->opcode == ICON && loop_->trips->value < INT65(MIN_TRIPS)) return 0;
+    for (EDGE* e = loop_->contents; e; e = e->rest)
+        for (BODY_ENTRY& s : e->bb->statements) {
+            if (!s.tree) continue;
+            auto note = [&](NODE* n) {
+                if (is_assignment(n->opcode) && n->left && n->left->opcode == NAME) assigned_.insert(n->left->symbol);
+            };
+            note(s.tree);
+            walk_slots(s.tree, [&](NODE** slot) {
+                note(*slot);
+                return true;
+            });
+        }
     int changes = 0;
     for (const LOOPIV& iv : std::vector<LOOPIV>(loop_->ivs)) changes += reduce_counter(iv);
     return changes;
 }
 
 int loop_reducer::reduce_counter(const LOOPIV& iv) {
-    counter_view view{loop_, static_cast<const SYMTAB*>(iv.var), 0, {}, &taken_, pointer_bits()};
+    counter_view view{loop_, static_cast<const SYMTAB*>(iv.var), 0, &assigned_, &taken_, pointer_bits()};
     if (!iv.step.fits_in<int32_t>()) return 0;
     view.step = iv.step.as<int64_t>();
     TYPE* iv_type = integer_view(view.iv->type);
@@ -230,22 +238,12 @@ int loop_reducer::reduce_counter(const LOOPIV& iv) {
     // The counter's step, in a block run once in every iteration.
     BBLK* step_block = nullptr;
     size_t step_at = 0;
-    for (EDGE* e = loop_->contents; e; e = e->rest) {
-        BBLK* b = e->bb;
-        for (size_t i = 0; i < b->statements.size(); ++i) {
-            NODE* t = b->statements[i].tree;
-            if (t && is_step_of(t, view.iv)) {
-                step_block = b;
+    for (EDGE* e = loop_->contents; e; e = e->rest)
+        for (size_t i = 0; i < e->bb->statements.size(); ++i)
+            if (is_step_of(e->bb->statements[i].tree, view.iv)) {
+                step_block = e->bb;
                 step_at = i;
             }
-            if (!t) continue;
-            if (assigns(t) && t->left && t->left->opcode == NAME) view.assigned.insert(t->left->symbol);
-            walk_slots(t, [&](NODE** s) {
-                if (assigns(*s) && (*s)->left && (*s)->left->opcode == NAME) view.assigned.insert((*s)->left->symbol);
-                return true;
-            });
-        }
-    }
     if (!step_block || !dom_->dominates(step_block, loop_->tail)) return 0;
 
     // The addresses that move with it, alike ones together.
@@ -287,6 +285,7 @@ int loop_reducer::reduce_counter(const LOOPIV& iv) {
             made.resize(k);
             break;
         }
+        assigned_.insert(r.pointer);  // stepped in the loop from now on: no invariant for the next counter
         NODE* start = simp_tree(copy_tree(r.address), nullptr);
         append_before_jump(pre, mktree(ASG, r.address->type, mk_NAME(r.pointer, r.address->type), start), pos);
         BODY_ENTRY step;
@@ -392,11 +391,10 @@ int reduce_address_induction() {
     build_loop_hierarchy(false, false, false, 0);
     if (fi->loops.empty()) return 0;
     Dominator* dom = compute_dominators(false);
-    std::set<const SYMTAB*> taken = fi->address_taken;
     int changes = 0;
     bool live = false;
     for (struct LOOP* loop : std::vector<struct LOOP*>(fi->loops))
-        if (loop_is_innermost(loop)) changes += loop_reducer(loop, dom, taken, &live).run();
+        if (loop_is_innermost(loop)) changes += loop_reducer(loop, dom, fi->address_taken, &live).run();
     unbuild_loop_hierarchy();
     if (live) free_liveness(fi);
     if (changes) rebuildcfg();

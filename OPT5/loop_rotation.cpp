@@ -15,13 +15,7 @@
 namespace {
 
 // Tests larger than this stay where they are: the copy costs space.
-constexpr int MAX_TEST_NODES = 24;
-
-int node_count(const NODE* t, int limit) {
-    if (!t || limit <= 0) return 0;
-    int n = 1 + node_count(t->left, limit - 1);
-    return n + node_count(t->right, limit - n);
-}
+constexpr size_t MAX_TEST_NODES = 24;
 
 // Whether the statement assigns the variable, at its root or inside.
 bool assigns_variable(const NODE* t, const SYMTAB* sym) {
@@ -29,8 +23,7 @@ bool assigns_variable(const NODE* t, const SYMTAB* sym) {
     while (!work.empty()) {
         const NODE* n = work.back();
         work.pop_back();
-        if ((n->opcode == ASG || is_op_assign(n->opcode)) && n->left && n->left->opcode == NAME &&
-            n->left->symbol == sym)
+        if (is_assignment(n->opcode) && n->left && n->left->opcode == NAME && n->left->symbol == sym)
             return true;
         if (n->left) work.push_back(n->left);
         if (n->right) work.push_back(n->right);
@@ -116,7 +109,7 @@ bool rotate(struct LOOP* loop) {
     if (back->opcode != BRANCH || !back->left || back->left->opcode != LABEL ||
         back->left->value.as<int32_t>() != head->label)
         return false;
-    if (has_side_effects(test->left) || node_count(test->left, MAX_TEST_NODES + 1) > MAX_TEST_NODES) return false;
+    if (has_side_effects(test->left) || tree_size_up_to(test->left, MAX_TEST_NODES) > MAX_TEST_NODES) return false;
 
     NODE* again = invert_boolean_tree(copy_tree(test->left));
     PSN pos = latch->statements.back().pos;

@@ -14,7 +14,6 @@
 namespace {
 const char THIS_MODULE[] = "OPT5/ssa";
 
-bool assigns(int op) { return op == ASG || is_op_assign(op); }
 
 struct BUILDER {
     SSA_FORM* ssa;
@@ -49,7 +48,7 @@ struct BUILDER {
             ssa->uses[t] = {stacks[static_cast<size_t>(v)].back(), bb};
             return;
         }
-        if (assigns(t->opcode) && var_of(t->left) >= 0) {
+        if (is_assignment(t->opcode) && var_of(t->left) >= 0) {
             int x = var_of(t->left);
             rename_tree(t->right, bb, conditional);
             SSA_DEFINITION* before = stacks[static_cast<size_t>(x)].back();
@@ -185,7 +184,7 @@ SSA_FORM* construct_SSA_form() {
     std::vector<std::vector<int>> def_blocks(nv);
     for (size_t i = 0; i < nb; ++i) {
         auto note = [&](const NODE* n) {
-            int v = n && assigns(n->opcode) ? b.var_of(n->left) : -1;
+            int v = n && is_assignment(n->opcode) ? b.var_of(n->left) : -1;
             if (v < 0) return;
             std::vector<int>& d = def_blocks[static_cast<size_t>(v)];
             if (d.empty() || d.back() != static_cast<int>(i)) d.push_back(static_cast<int>(i));

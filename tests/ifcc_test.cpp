@@ -6,8 +6,7 @@
 
 #include <string>
 
-#include "test_util.h"
-#include "tools/ifcc/ifcc.h"
+#include "ifcc_util.h"
 #include "tools/ifrun/ifrun.h"
 
 namespace {
@@ -17,16 +16,7 @@ protected:
     TempDir dir;
 
     // Compiles the program; on failure returns the diagnostics (and no unit).
-    std::string compile(const std::string& c, const fs::path& out) {
-        fs::path src = dir.path / "p.c";
-        spit(src, c);
-        IFCC_OPTIONS o;
-        o.input = src.string();
-        o.include_dir = std::string(OPT5_SOURCE_DIR) + "/tools/ifcc/include";
-        std::string text, diagnostics;
-        if (!ifcc_translate(o, text, diagnostics)) return diagnostics.empty() ? "failed" : diagnostics;
-        return assemble(text, out);
-    }
+    std::string compile(const std::string& c, const fs::path& out) { return compile_c(c, dir.path, out); }
     // What the program prints, and its exit status after "exit ".
     std::string run(const std::string& c) {
         fs::path unit = dir.path / "p.if";

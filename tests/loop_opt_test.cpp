@@ -6,8 +6,7 @@
 
 #include <string>
 
-#include "test_util.h"
-#include "tools/ifcc/ifcc.h"
+#include "ifcc_util.h"
 #include "tools/ifrun/ifrun.h"
 
 namespace {
@@ -16,16 +15,7 @@ class LoopOpt : public ::testing::Test {
 protected:
     TempDir dir;
 
-    void compile(const std::string& c) {
-        fs::path src = dir.path / "p.c";
-        spit(src, c);
-        IFCC_OPTIONS o;
-        o.input = src.string();
-        o.include_dir = std::string(OPT5_SOURCE_DIR) + "/tools/ifcc/include";
-        std::string text, diagnostics;
-        ASSERT_TRUE(ifcc_translate(o, text, diagnostics)) << diagnostics;
-        ASSERT_EQ(assemble(text, dir.path / "p.if"), "");
-    }
+    void compile(const std::string& c) { ASSERT_EQ(compile_c(c, dir.path, dir.path / "p.if"), ""); }
     // The run of the unit optimized at `level` ("" for the unit as compiled).
     IFRUN_RESULT run(const std::string& level) {
         std::string unit = "p.if";
@@ -130,6 +120,15 @@ static int both(const int *x, const int *y, int n) {  /* y[i] is read only when 
     for (int i = 0; i < n; i++) s += x[i] > 0 ? y[i] : -y[i];
     return s;
 }
+static int two_counters(const int *x, int n) {  /* the address moves with both */
+    int s = 0;
+    int j = 0;
+    for (int i = 0; i < n / 2; i++) {
+        s = s * 3 + (x + i)[j];
+        j++;
+    }
+    return s;
+}
 int main(void) {
     fill(a, N);
     for (int i = 0; i < N; i++) { b[i] = i * i - 50; wide[i] = 1000L * i - 7; }
@@ -139,7 +138,7 @@ int main(void) {
     printf("%d %d %d\n", find(a, N, 1), find(a, N, 2), skip_odd(a, N));
     printf("%d %f\n", stepped_twice(a, N), (double)every_other(f, 2 * N));
     printf("%ld %ld %d %d\n", columns(), down(wide, N), wrapping(), bounded(a, N));
-    printf("%d\n", both(a, b, N));
+    printf("%d %d\n", both(a, b, N), two_counters(a, N));
     return 0;
 })");
     IFRUN_RESULT reference = run("");
