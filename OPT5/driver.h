@@ -58,5 +58,9 @@ void build_step_tables();
 void run_function_loop();
 void run_function_steps(SYMTAB* fn, step_list& passes);
 void print_time_stats(FILE* out, clock_t unit_ticks);
+// The current function's own option set, put in force and taken back
+// (`always`: the file's flags are put back even when no set was in force).
+void apply_function_options();
+void restore_function_options(bool always);
 // Forgets the passes, step tables, functions and function records.
 void reset_driver();

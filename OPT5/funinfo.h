@@ -58,6 +58,7 @@ struct FUNINFO {
     std::vector<EHT_ENTRY> eht;
     bool has_edge_profile = false;
     bool defined = false;  // its body has been read
+    bool recursive = false;  // on a cycle of direct calls ("detect_recursion")
     // While the function waits for other functions (reading the unit, a
     // barrier step), its body is kept packed here and it has no trees.
     parked_body parked;

@@ -44,24 +44,6 @@ void guarded(F&& work) {
     }
 }
 
-// Whether the flags are those of the current function's own option set.
-bool function_options_in_force = false;
-
-// A function with an option set of its own runs under it.
-void apply_function_options() {
-    if (currfuninfo->option_set >= 0 && static_cast<size_t>(currfuninfo->option_set) < all_option_sets.size()) {
-        set_global_flags(&all_option_sets[currfuninfo->option_set]);
-        function_options_in_force = true;
-    }
-}
-
-// Back to the file's flags when a function's set changed them.
-void restore_function_options(bool always) {
-    if (!function_options_in_force && !always) return;
-    restore_global_flags();
-    function_options_in_force = false;
-}
-
 // The last step of each function: writes it and lets go of it.
 void output_function() {
     SYMTAB* fn = currfunc;
@@ -156,6 +138,26 @@ void finish_worker_stretch(bool last) {
 }
 
 }  // namespace
+
+// Whether the flags are those of the current function's own option set.
+namespace {
+bool function_options_in_force = false;
+}  // namespace
+
+// A function with an option set of its own runs under it.
+void apply_function_options() {
+    if (currfuninfo->option_set >= 0 && static_cast<size_t>(currfuninfo->option_set) < all_option_sets.size()) {
+        set_global_flags(&all_option_sets[currfuninfo->option_set]);
+        function_options_in_force = true;
+    }
+}
+
+// Back to the file's flags when a function's set changed them.
+void restore_function_options(bool always) {
+    if (!function_options_in_force && !always) return;
+    restore_global_flags();
+    function_options_in_force = false;
+}
 
 std::map<SYMTAB*, step_list> steps_table;
 // The list every function's steps start from.

@@ -30,19 +30,36 @@ slab_store<SYMTAB>& all_symbols() {
 NODE* as_node(BASE_NODE* n) { return static_cast<NODE*>(n); }
 }  // namespace
 
-SYMTAB* make_local_temporary(TYPE* type, const std::string& name) {
-    FUNINFO* fi = currfuninfo;
-    if (!fi || !fi->bb_list || !type) return nullptr;
+SYMTAB* make_local_symbol(const I_SYMTAB* like, TYPE* type, const std::string& name) {
+    SYMTAB* sym;
+    {
+        static std::mutex store_mutex;  // workers make temporaries side by side
+        std::lock_guard<std::mutex> lock(store_mutex);
+        sym = all_symbols().make();
+    }
+    if (like) {
+        static_cast<I_SYMTAB&>(*sym) = *like;
+    } else {
+        sym->size = type->size;
+        sym->align = 16;
+    }
+    sym->name = name;
+    sym->type = type;
+    sym->global = false;
+    return sym;
+}
+
+bool add_locals(std::vector<BODY_ENTRY>& entries, const std::vector<SYMTAB*>& syms) {
     // The reader numbers a function's symbols in the order they come, and
-    // the writer keeps each symbol's number: the new one goes last, after
+    // the writer keeps each symbol's number: the new ones go last, after
     // the end of the arguments, numbered after every other.
     size_t at = 0;
     unsigned count = 0;
     bool args_ended = false;
-    for (size_t i = 0; i < fi->scopes.size(); ++i) {
-        const BODY_ENTRY& e = fi->scopes[i];
+    for (size_t i = 0; i < entries.size(); ++i) {
+        const BODY_ENTRY& e = entries[i];
         if (e.kind == BODY_ENTRY::SYMBOL) {
-            if (!e.sym || e.sym->index != count) return nullptr;
+            if (!e.sym || e.sym->index != count) return false;
             ++count;
             at = i + 1;
         } else if (e.kind == BODY_ENTRY::CONTROL && e.control == IR_END_ARGS) {
@@ -50,23 +67,22 @@ SYMTAB* make_local_temporary(TYPE* type, const std::string& name) {
             args_ended = true;
         }
     }
-    if (!args_ended) return nullptr;
-    SYMTAB* sym;
-    {
-        static std::mutex store_mutex;  // workers make temporaries side by side
-        std::lock_guard<std::mutex> lock(store_mutex);
-        sym = all_symbols().make();
+    if (!args_ended) return false;
+    std::vector<BODY_ENTRY> decls(syms.size());
+    for (size_t i = 0; i < syms.size(); ++i) {
+        syms[i]->index = count + static_cast<unsigned>(i);
+        decls[i].kind = BODY_ENTRY::SYMBOL;
+        decls[i].sym = syms[i];
     }
-    sym->name = name;
-    sym->type = type;
-    sym->size = type->size;
-    sym->align = 16;
-    sym->index = count;
-    sym->global = false;
-    BODY_ENTRY e;
-    e.kind = BODY_ENTRY::SYMBOL;
-    e.sym = sym;
-    fi->scopes.insert(fi->scopes.begin() + static_cast<std::ptrdiff_t>(at), e);
+    entries.insert(entries.begin() + static_cast<std::ptrdiff_t>(at), decls.begin(), decls.end());
+    return true;
+}
+
+SYMTAB* make_local_temporary(TYPE* type, const std::string& name) {
+    FUNINFO* fi = currfuninfo;
+    if (!fi || !fi->bb_list || !type || !add_locals(fi->scopes, {})) return nullptr;
+    SYMTAB* sym = make_local_symbol(nullptr, type, name);
+    add_locals(fi->scopes, {sym});
     return sym;
 }
 

@@ -80,6 +80,13 @@ void write_global_data();
 // optimizer): declared after its other locals, so that the written unit
 // numbers it as it numbers them.  Null when the locals can't take one.
 struct SYMTAB* make_local_temporary(TYPE* type, const std::string& name);
+// A local symbol not yet declared anywhere: declared like `like` (a symbol
+// of another function; null: a plain temporary), of this type and name.
+struct SYMTAB* make_local_symbol(const I_SYMTAB* like, TYPE* type, const std::string& name);
+// Declares the symbols as the last locals of a statement list (or of the
+// scope records of a function with a flow graph), numbered after the
+// others.  False, and nothing declared, when the list can't take locals.
+bool add_locals(std::vector<struct BODY_ENTRY>& entries, const std::vector<struct SYMTAB*>& syms);
 // Releases the trees of a function's body.
 void erase_function_body(FUNINFO* fi);
 // The statement in infix form, for listings and interlisting comments.

@@ -9,6 +9,7 @@
 #include "DIAG/diag.h"
 #include "OPT5/abort.h"
 #include "OPT5/cmdline.h"
+#include "OPT5/call_graph.h"
 #include "OPT5/cdvect.h"
 #include "OPT5/copy_propagation.h"
 #include "OPT5/copyprop.h"
@@ -18,6 +19,7 @@
 #include "OPT5/node.h"
 #include "OPT5/funinfo.h"
 #include "OPT5/induction.h"
+#include "OPT5/inlining.h"
 #include "OPT5/loop_rotation.h"
 #include "OPT5/park.h"
 #include "OPT5/globals.h"
@@ -57,10 +59,11 @@ void pass_1_fcp_eda() {
 void fast_CP_4_0() { fast_CP(4, 0); }
 void fast_CP_4_1() { fast_CP(4, 1); }
 void fast_CP_0_1() { fast_CP(0, 1); }
+// The copies whose reads copy propagation rewrote are often dead then.
 void global_CP() {
     if (opt_level() < 2) return;
     unbuild_loop_hierarchy();
-    copyprop(1);
+    if (copyprop(1) > 0) elim_dead_assigns(false, false);
 }
 void rotate_loops_step() { rotate_loops(); }
 // Induction variables become pointers, whose steps then join their accesses.
@@ -68,9 +71,10 @@ void propagate_increments() {
     reduce_address_induction();
     fold_post_increments();
 }
+void auto_inline_step() { auto_inline_call_sites(); }
 void lcp() {
     if (opt_level() < 1) return;
-    copyprop(1);
+    if (copyprop(1) > 0) elim_dead_assigns(false, false);
 }
 
 // One row per step: its name, whether it is a barrier (run once for the
@@ -90,9 +94,9 @@ const step pass_table[] = {
     {"pass 1 fast_CP(4,0)", false, fast_CP_4_0, 1},
     {"value propagation for pass 1", false, no_action, NEVER},
     {"analyze globals", true, no_action, NEVER},
-    {"detect_recursion", true, no_action, NEVER},
+    {"detect_recursion", true, detect_recursion, NEVER},
     {"do_interprocedural_propagation", true, no_action, NEVER},
-    {"auto_inline_call_sites", true, no_action, NEVER},
+    {"auto_inline_call_sites", true, auto_inline_step, NEVER},
     {"dump_call_graph_debug", true, no_action, NEVER},
     {"collect_clustered_symbols", true, no_action, NEVER},
     {"pass 2 header", true, pass_2_header, NEVER},

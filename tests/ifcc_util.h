@@ -3,8 +3,14 @@
 
 #include <string>
 
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <vector>
+
 #include "test_util.h"
 #include "tools/ifcc/ifcc.h"
+#include "tools/ifrun/ifrun.h"
 
 // Writes the program to dir/p.c and translates it into the unit `out`:
 // empty on success, else ifcc's diagnostics or the assembler's complaint.
@@ -18,3 +24,43 @@ inline std::string compile_c(const std::string& c, const fs::path& dir, const fs
     if (!ifcc_translate(o, text, diagnostics)) return diagnostics.empty() ? "failed" : diagnostics;
     return assemble(text, out);
 }
+
+// A C program compiled once, then optimized with options and run.
+class CProgramTest : public ::testing::Test {
+protected:
+    TempDir dir;
+
+    void compile(const std::string& c) { ASSERT_EQ(compile_c(c, dir.path, dir.path / "p.if"), ""); }
+    // The run of the unit optimized with these options (none: the unit as
+    // compiled).
+    IFRUN_RESULT run(const std::vector<std::string>& options) {
+        std::string unit = "p.if";
+        std::string what;
+        if (!options.empty()) {
+            unit = "p" + std::to_string(++optimized_) + ".if";
+            std::vector<std::string> args = options;
+            args.push_back("p.if");
+            args.push_back(unit);
+            for (const std::string& o : options) what += o + " ";
+            Result o = run_program(OPT5_BINARY, args, dir.path);
+            EXPECT_EQ(o.status, 0) << what << o.err;
+        }
+        std::string error;
+        std::unique_ptr<IFRUN_UNIT> u = IFRUN_UNIT::load((dir.path / unit).string(), error);
+        EXPECT_TRUE(u) << what << error;
+        if (!u) return {};
+        IFRUN_RESULT r = u->run(IFRUN_OPTIONS{});
+        EXPECT_TRUE(r.ok) << what << r.error;
+        return r;
+    }
+    IFRUN_RESULT run(const std::string& level) {
+        return level.empty() ? run(std::vector<std::string>{}) : run(std::vector<std::string>{level});
+    }
+    static uint64_t ops(const IFRUN_RESULT& r, const char* opcode) {
+        auto it = r.per_opcode.find(opcode);
+        return it == r.per_opcode.end() ? 0 : it->second;
+    }
+
+private:
+    int optimized_ = 0;
+};

@@ -1,0 +1,181 @@
+#include "OPT5/call_graph.h"
+
+#include <algorithm>
+#include <cstdio>
+
+#include "OPT5/abort.h"
+#include "OPT5/driver.h"
+#include "OPT5/funinfo.h"
+#include "OPT5/globals.h"
+#include "OPT5/node.h"
+#include "OPT5/park.h"
+#include "OPT5/symtab.h"
+#include "UTIL/ptr_map.h"
+
+namespace {
+const char THIS_MODULE[] = "OPT5/call_graph";
+
+bool is_function_symbol(const SYMTAB* sym) {
+    return sym && sym->type && sym->type->stripped()->kind == TYPE::FUNC_T;
+}
+
+// The function a call node names as its target, or null for a call through
+// a pointer.
+SYMTAB* called_function(const NODE* call) {
+    const NODE* f = call->left;
+    if (f && f->opcode == UAND) f = f->left;
+    return f && f->opcode == NAME && is_function_symbol(f->symbol) ? f->symbol : nullptr;
+}
+
+// Tarjan's strongly connected parts, with an explicit stack; a part is
+// complete only after every part it reaches, which gives callees first.
+void find_cycles(call_graph& g) {
+    const int n = static_cast<int>(g.nodes.size());
+    std::vector<int> index(n, -1), low(n, 0), stack;
+    std::vector<bool> on_stack(n, false);
+    struct frame {
+        int v;
+        size_t next;
+    };
+    std::vector<frame> work;
+    int counter = 0, cycles = 0;
+    for (int root = 0; root < n; ++root) {
+        if (index[root] >= 0) continue;
+        work.push_back({root, 0});
+        while (!work.empty()) {
+            frame& fr = work.back();
+            int v = fr.v;
+            if (fr.next == 0 && index[v] < 0) {
+                index[v] = low[v] = counter++;
+                stack.push_back(v);
+                on_stack[v] = true;
+            }
+            const std::vector<int>& out = g.nodes[v].callees;
+            if (fr.next < out.size()) {
+                int w = out[fr.next++];
+                if (index[w] < 0) {
+                    work.push_back({w, 0});
+                } else if (on_stack[w]) {
+                    low[v] = std::min(low[v], index[w]);
+                }
+                continue;
+            }
+            if (low[v] == index[v]) {
+                size_t first = stack.size();
+                do --first;
+                while (stack[first] != v);
+                bool cycle = stack.size() - first > 1;
+                for (size_t i = first; i < stack.size(); ++i) {
+                    int w = stack[i];
+                    on_stack[w] = false;
+                    g.nodes[w].cycle = cycles;
+                    if (cycle) g.nodes[w].recursive = true;
+                    g.bottom_up.push_back(w);
+                }
+                stack.resize(first);
+                ++cycles;
+            }
+            work.pop_back();
+            if (!work.empty()) low[work.back().v] = std::min(low[work.back().v], low[v]);
+        }
+    }
+    for (call_graph::node& nd : g.nodes)
+        if (std::find(nd.callees.begin(), nd.callees.end(), &nd - g.nodes.data()) != nd.callees.end())
+            nd.recursive = true;
+}
+
+}  // namespace
+
+int call_graph::index_of(const SYMTAB* fn) const {
+    for (size_t i = 0; i < nodes.size(); ++i)
+        if (nodes[i].fn == fn) return static_cast<int>(i);
+    return -1;
+}
+
+void with_function_statements(SYMTAB* fn, const std::function<void(FUNINFO*)>& f) {
+    FUNINFO* fi = make_FUNINFO(fn);
+    currfunc = fn;
+    currfuninfo = fi;
+    apply_function_options();
+    unpark_statements();
+    f(fi);
+    park_function();
+    restore_function_options(false);
+    currfunc = nullptr;
+    currfuninfo = nullptr;
+}
+
+size_t body_size(const FUNINFO* fi) {
+    size_t size = 0;
+    std::vector<const NODE*> work;
+    for (const BODY_ENTRY& e : fi->body) {
+        if (e.kind != BODY_ENTRY::STMT || !e.tree) continue;
+        work.push_back(e.tree);
+        while (!work.empty()) {
+            const NODE* n = work.back();
+            work.pop_back();
+            ++size;
+            if (n->left) work.push_back(n->left);
+            if (n->right) work.push_back(n->right);
+        }
+    }
+    return size;
+}
+
+call_graph build_call_graph() {
+    call_graph g;
+    ptr_map<const SYMTAB*, int> index;
+    for (SYMTAB* fn : functions) {
+        FUNINFO* fi = find_FUNINFO(fn);
+        if (!fi || !fi->defined || index.find(fn)) continue;
+        index[fn] = static_cast<int>(g.nodes.size());
+        g.nodes.emplace_back().fn = fn;
+    }
+    std::vector<bool> address_taken(g.nodes.size(), false);
+    for (size_t i = 0; i < g.nodes.size(); ++i) {
+        call_graph::node& nd = g.nodes[i];
+        with_function_statements(nd.fn, [&](FUNINFO* fi) {
+            nd.size = body_size(fi);
+            std::vector<const NODE*> work;
+            for (const BODY_ENTRY& e : fi->body) {
+                if (e.kind != BODY_ENTRY::STMT || !e.tree) continue;
+                work.push_back(e.tree);
+                while (!work.empty()) {
+                    const NODE* n = work.back();
+                    work.pop_back();
+                    if (n->opcode == CALL || n->opcode == UCALL) {
+                        if (SYMTAB* callee = called_function(n)) {
+                            if (const int* at = index.find(callee))
+                                if (std::find(nd.callees.begin(), nd.callees.end(), *at) == nd.callees.end())
+                                    nd.callees.push_back(*at);
+                        } else {
+                            nd.calls_through_pointer = true;
+                            if (n->left) work.push_back(n->left);
+                        }
+                        if (n->right) work.push_back(n->right);
+                        continue;
+                    }
+                    if (n->opcode == MCALL || n->opcode == UMCALL) nd.calls_through_pointer = true;
+                    if (n->opcode == NAME && is_function_symbol(n->symbol))
+                        if (const int* at = index.find(n->symbol)) address_taken[*at] = true;
+                    if (n->left) work.push_back(n->left);
+                    if (n->right) work.push_back(n->right);
+                }
+            }
+        });
+    }
+    for (size_t i = 0; i < g.nodes.size(); ++i) g.nodes[i].address_taken = address_taken[i];
+    find_cycles(g);
+    return g;
+}
+
+void detect_recursion() {
+    call_graph g = build_call_graph();
+    for (const call_graph::node& nd : g.nodes) {
+        FUNINFO* fi = make_FUNINFO(nd.fn);
+        fi->recursive = nd.recursive;
+        if (!nd.recursive) continue;
+        if (write_opt_info && finfo) std::fprintf(finfo, "Function %s() is recursive.\n", nd.fn->name.c_str());
+        if (print_debug) DBG_CHECK(std::fprintf(FDEBUG, "%s() is on a cycle of calls\n", nd.fn->name.c_str()));
+    }
+}

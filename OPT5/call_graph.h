@@ -1,0 +1,43 @@
+// The unit's call graph, worked out at a barrier step from the statements of
+// every defined function: who calls whom by name, who calls through a
+// pointer, which functions are named other than as a call's target, and the
+// cycles of direct calls.
+#pragma once
+
+#include <cstddef>
+#include <functional>
+#include <vector>
+
+struct FUNINFO;
+struct SYMTAB;
+
+struct call_graph {
+    struct node {
+        SYMTAB* fn = nullptr;
+        std::vector<int> callees;   // defined functions it calls by name, each once
+        size_t size = 0;            // nodes in its statements
+        int cycle = -1;             // the cycle (strongly connected part) it belongs to
+        bool recursive = false;     // on a cycle of direct calls, a call of itself included
+        bool calls_through_pointer = false;
+        bool address_taken = false; // named other than as the target of a call
+    };
+    std::vector<node> nodes;        // the defined functions, in unit order
+    std::vector<int> bottom_up;     // callees before their callers; a cycle's members side by side
+
+    // The node of a defined function, or -1.
+    int index_of(const SYMTAB* fn) const;
+};
+
+// Reads every defined function's statements (each is parked again after).
+call_graph build_call_graph();
+
+// Runs f on a defined function (its FUNINFO current) with its statements
+// unparked and its own option set in force, then parks it again.  For
+// barrier steps, which find every function parked.
+void with_function_statements(SYMTAB* fn, const std::function<void(FUNINFO*)>& f);
+
+// The number of nodes in the statements of a body.
+size_t body_size(const FUNINFO* fi);
+
+// "detect_recursion": marks the functions on cycles of the call graph.
+void detect_recursion();
