@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <climits>
 #include <map>
+#include <set>
 
 #include "BITVEC/bitvec.h"
 #include "OPT5/abort.h"
@@ -434,8 +435,57 @@ void rebuildcfg() {
     buildcfg();
 }
 
+// Joins each block that only its layout predecessor falls into, and whose
+// label nothing names, to that predecessor.
+static bool merge_fallthrough_blocks() {
+    FUNINFO* fi = currfuninfo;
+    std::set<int> named;
+    for (const EHT_ENTRY& e : fi->eht) named.insert(static_cast<int>(e.label));
+    std::vector<BBLK*> blocks = layout_blocks();
+    for (BBLK* b : blocks)
+        for (BODY_ENTRY& e : b->statements) {
+            std::vector<const NODE*> work{e.tree};
+            while (!work.empty()) {
+                const NODE* n = work.back();
+                work.pop_back();
+                if (!n) continue;
+                if (n->opcode == LABEL) named.insert(n->value.as<int32_t>());
+                work.push_back(n->left);
+                work.push_back(n->right);
+            }
+        }
+    bool merged = false;
+    for (BBLK* b : blocks) {
+        BBLK* prev = b->prev;
+        if (b == fi->bb_list || named.count(b->label) || edge_length(prev->successors) != 1 ||
+            prev->successors->bb != b)
+            continue;
+        std::vector<int> targets;
+        bool falls = true;
+        if (!prev->statements.empty()) list_branch_targets(prev->statements.back().tree, targets, falls);
+        if (!targets.empty() || !falls) continue;
+        prev->statements.insert(prev->statements.end(), b->statements.begin(), b->statements.end());
+        b->statements.clear();
+        prev->next = b->next;
+        if (b->next) b->next->prev = prev;
+        else fi->bb_list->prev = prev;
+        free_edge_list(b->predecessors);
+        free_edge_list(b->successors);
+        delete b->live_in;
+        delete b;
+        merged = true;
+    }
+    if (!merged) return false;
+    for (BBLK* b : layout_blocks()) {
+        free_edge_list(b->predecessors);
+        free_edge_list(b->successors);
+        b->predecessors = b->successors = nullptr;
+    }
+    rebuildcfg();
+    return true;
+}
+
 bool simpcfg(bool merge_blocks, bool keep_empty) {
-    (void)merge_blocks;  // blocks are written in layout order: falling through joins them already
     (void)keep_empty;
     FUNINFO* fi = currfuninfo;
     bool changed = false;
@@ -503,7 +553,8 @@ bool simpcfg(bool merge_blocks, bool keep_empty) {
         rebuildcfg();
         // Jumps that went past the blocks removed may now go to the next one.
         simpcfg(merge_blocks, keep_empty);
-        changed = true;
+        return true;
     }
+    if (merge_blocks && merge_fallthrough_blocks()) changed = true;
     return changed;
 }

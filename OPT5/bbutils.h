@@ -111,8 +111,9 @@ void unbuildcfg();
 // (after jumps were added, removed or retargeted).
 void rebuildcfg();
 // Folds conditional jumps on constants, drops jumps to the next block and
-// removes blocks that can't be reached; rebuilds the graph when anything
-// changed, which is what it returns.
+// removes blocks that can't be reached; with `merge_blocks`, a block whose
+// label nothing names joins the block that falls into it.  Rebuilds the
+// graph when anything changed, which is what it returns.
 bool simpcfg(bool merge_blocks, bool keep_empty);
 // Frees every block's live-in set.
 void free_liveness(FUNINFO* fi);

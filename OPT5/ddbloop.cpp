@@ -176,11 +176,6 @@ const void* assigned_var(const NODE* t, bool& is_step, INT65& step) {
     return v;
 }
 
-namespace {
-
-// The constant a variable holds on entry to the loop: the last assignment
-// of a constant to it in the blocks that lead to the header from outside,
-// walking back through single predecessors.
 bool find_expr_init(const struct LOOP* loop, const void* var, INT65& value) {
     BBLK* b = nullptr;
     for (EDGE* e = loop->head->predecessors; e; e = e->rest)
@@ -204,6 +199,8 @@ bool find_expr_init(const struct LOOP* loop, const void* var, INT65& value) {
     }
     return false;
 }
+
+namespace {
 
 INT65 ceil_div(INT65 a, INT65 b) { return (a + b - INT65(1)) / b; }
 

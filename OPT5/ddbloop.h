@@ -25,6 +25,10 @@ void find_loop_LCV(struct LOOP* loop);
 // is_step set and the constant step when it is "v += c", "v -= c", "v++",
 // "v--", "v = v + c" or "v = v - c".
 const void* assigned_var(const NODE* t, bool& is_step, INT65& step);
+// The constant a variable holds on entry to the loop: the last assignment
+// of a constant to it in the blocks that lead to the header from outside,
+// walking back through single predecessors.
+bool find_expr_init(const struct LOOP* loop, const void* var, INT65& value);
 void add_exit_blocks(struct LOOP* loop);
 bool loop_is_innermost(const struct LOOP* loop);
 void build_list_of_innermost_loop_headers(const struct LOOP* loop, std::vector<BBLK*>& list);

@@ -1,6 +1,7 @@
 #include "OPT5/induction.h"
 
 #include <cstdint>
+#include <map>
 #include <set>
 #include <string>
 #include <vector>
@@ -204,9 +205,21 @@ private:
     std::set<const SYMTAB*> assigned_;
     int pointers_ = 0;
 
+    // A step of the counter: its block and statement.
+    struct step_site {
+        BBLK* block;
+        NODE* tree;
+    };
     int reduce_counter(const LOOPIV& iv);
-    bool replace_test(counter_view& view, const std::vector<reduced>& made, BBLK* step_block, size_t step_at);
+    bool replace_test(counter_view& view, const std::vector<reduced>& made, const std::vector<step_site>& steps);
 };
+
+// The index of a statement in its block.
+size_t index_in(const BBLK* b, const NODE* tree) {
+    size_t i = 0;
+    while (i < b->statements.size() && b->statements[i].tree != tree) ++i;
+    return i;
+}
 
 int loop_reducer::run() {
     // Setting pointers up costs about what a few iterations save.
@@ -223,8 +236,25 @@ int loop_reducer::run() {
                 return true;
             });
         }
+    // Counters stepped more than once per iteration (an unrolled loop's),
+    // by the same amount each time, count too.
+    std::vector<LOOPIV> counters = loop_->ivs;
+    std::map<const void*, std::pair<int, INT65>> steps;  // steps and their amount, or -1: not a counter
+    for (EDGE* e = loop_->contents; e; e = e->rest)
+        for (BODY_ENTRY& st : e->bb->statements) {
+            bool is_step = false;
+            INT65 amount;
+            const void* v = st.tree ? assigned_var(st.tree, is_step, amount) : nullptr;
+            if (!v) continue;
+            auto [it, fresh] = steps.emplace(v, std::make_pair(0, amount));
+            if (!is_step || it->second.second != amount) it->second.first = -1;
+            else if (it->second.first >= 0) ++it->second.first;
+        }
+    for (auto& [v, s] : steps)
+        if (s.first >= 2 && !s.second.is_zero() && is_private_variable(static_cast<const SYMTAB*>(v), taken_))
+            counters.push_back({v, s.second});
     int changes = 0;
-    for (const LOOPIV& iv : std::vector<LOOPIV>(loop_->ivs)) changes += reduce_counter(iv);
+    for (const LOOPIV& iv : counters) changes += reduce_counter(iv);
     return changes;
 }
 
@@ -235,23 +265,24 @@ int loop_reducer::reduce_counter(const LOOPIV& iv) {
     TYPE* iv_type = integer_view(view.iv->type);
     if (!iv_type) return 0;
 
-    // The counter's step, in a block run once in every iteration.
-    BBLK* step_block = nullptr;
-    size_t step_at = 0;
+    // The counter's steps, each in a block run once in every iteration.
+    std::vector<step_site> steps;
+    std::set<const NODE*> step_trees;
     for (EDGE* e = loop_->contents; e; e = e->rest)
         for (size_t i = 0; i < e->bb->statements.size(); ++i)
             if (is_step_of(e->bb->statements[i].tree, view.iv)) {
-                step_block = e->bb;
-                step_at = i;
+                if (!dom_->dominates(e->bb, loop_->tail)) return 0;
+                steps.push_back({e->bb, e->bb->statements[i].tree});
+                step_trees.insert(e->bb->statements[i].tree);
             }
-    if (!step_block || !dom_->dominates(step_block, loop_->tail)) return 0;
+    if (steps.empty()) return 0;
 
     // The addresses that move with it, alike ones together.
     std::vector<reduced> made;
     std::vector<std::pair<NODE**, size_t>> uses;  // slot, index into made
     for (EDGE* e = loop_->contents; e; e = e->rest)
         for (BODY_ENTRY& s : e->bb->statements) {
-            if (!s.tree || s.tree == step_block->statements[step_at].tree) continue;
+            if (!s.tree || step_trees.count(s.tree)) continue;
             walk_slots(s.tree, [&](NODE** slot) {
                 NODE* n = *slot;
                 int64_t a;
@@ -274,9 +305,10 @@ int loop_reducer::reduce_counter(const LOOPIV& iv) {
         return 0;
     }
 
-    PSN pos = step_block->statements[step_at].pos;
+    const BBLK* first = steps.front().block;
+    PSN pos = first->statements[index_in(first, steps.front().tree)].pos;
     TYPE* long_t = type_pkg->mk_int(TYPE::IK_LONG, true);
-    std::vector<BODY_ENTRY> steps;
+    std::vector<BODY_ENTRY> pointer_steps;
     for (size_t k = 0; k < made.size(); ++k) {
         reduced& r = made[k];
         r.pointer = make_local_temporary(r.address->type, view.iv->name + ".p" + std::to_string(++pointers_));
@@ -292,7 +324,7 @@ int loop_reducer::reduce_counter(const LOOPIV& iv) {
         step.tree = mktree(PLUSASG, r.address->type, mk_NAME(r.pointer, r.address->type),
                            mk_ICON(INT65(static_cast<long long>(r.coefficient * view.step)), long_t));
         step.pos = pos;
-        steps.push_back(step);
+        pointer_steps.push_back(step);
         info("Loop at line %llu: the address stepped by '%s' is kept in a pointer of its own.\n", pos.line,
              view.iv->name.c_str());
     }
@@ -301,18 +333,25 @@ int loop_reducer::reduce_counter(const LOOPIV& iv) {
         erase_tree(*slot);
         *slot = mk_NAME(made[k].pointer, made[k].address->type);
     }
-    step_block->statements.insert(step_block->statements.begin() + static_cast<std::ptrdiff_t>(step_at) + 1,
-                                  steps.begin(), steps.end());
+    // The pointers move right after each step of the counter.
+    for (const step_site& st : steps) {
+        std::vector<BODY_ENTRY> moves = pointer_steps;
+        if (&st != &steps.front())
+            for (BODY_ENTRY& m : moves) m.tree = copy_tree(m.tree);
+        size_t at = index_in(st.block, st.tree);
+        st.block->statements.insert(st.block->statements.begin() + static_cast<std::ptrdiff_t>(at) + 1, moves.begin(),
+                                    moves.end());
+    }
     int changes = static_cast<int>(made.size());
-    if (!made.empty() && replace_test(view, made, step_block, step_at)) ++changes;
+    if (!made.empty() && replace_test(view, made, steps)) ++changes;
     for (reduced& r : made) erase_tree(r.address);
     return changes;
 }
 
 // The latch's test "iv < bound" becomes "p < address(bound)" when the
 // counter is then only stepped, and is dead after the loop.
-bool loop_reducer::replace_test(counter_view& view, const std::vector<reduced>& made, BBLK* step_block,
-                                size_t step_at) {
+bool loop_reducer::replace_test(counter_view& view, const std::vector<reduced>& made,
+                                const std::vector<step_site>& steps) {
     if (!view.iv->type || !integer_view(view.iv->type)->signed_flag) return false;
     NODE* jump = loop_->tail->statements.empty() ? nullptr : loop_->tail->statements.back().tree;
     if (!jump || jump->opcode != CBRANCH || !jump->right || jump->right->opcode != LABEL ||
@@ -343,7 +382,7 @@ bool loop_reducer::replace_test(counter_view& view, const std::vector<reduced>& 
     for (EDGE* e = loop_->contents; e; e = e->rest)
         for (BODY_ENTRY& s : e->bb->statements)
             if (s.tree) refs += count_names(s.tree, view.iv);
-    if (refs != 2) return false;  // the step and the test
+    if (refs != static_cast<int>(steps.size()) + 1) return false;  // the steps and the test
     if (!*live_) {  // liveness is worked out once, for the first test that needs it
         find_live_variables(true, false);
         *live_ = true;
@@ -375,9 +414,11 @@ bool loop_reducer::replace_test(counter_view& view, const std::vector<reduced>& 
     TYPE* test_type = test->type;
     erase_tree(test);
     jump->left = mktree(pointer_op, test_type, mk_NAME(r.pointer, r.address->type), mk_NAME(end, r.address->type));
-    NODE* step = step_block->statements[step_at].tree;
-    erase_tree(step);
-    step_block->statements.erase(step_block->statements.begin() + static_cast<std::ptrdiff_t>(step_at));
+    for (const step_site& st : steps) {
+        size_t at = index_in(st.block, st.tree);
+        erase_tree(st.tree);
+        st.block->statements.erase(st.block->statements.begin() + static_cast<std::ptrdiff_t>(at));
+    }
     info("Loop at line %llu: counter '%s' replaced by a pointer in the loop's test.\n", pos.line,
          view.iv->name.c_str());
     return true;

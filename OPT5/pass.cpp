@@ -9,6 +9,7 @@
 #include "DIAG/diag.h"
 #include "OPT5/abort.h"
 #include "OPT5/cmdline.h"
+#include "OPT5/common_subexpressions.h"
 #include "OPT5/call_graph.h"
 #include "OPT5/cdvect.h"
 #include "OPT5/copy_propagation.h"
@@ -21,6 +22,7 @@
 #include "OPT5/induction.h"
 #include "OPT5/inlining.h"
 #include "OPT5/loop_rotation.h"
+#include "OPT5/loop_unrolling.h"
 #include "OPT5/park.h"
 #include "OPT5/globals.h"
 #include "UTIL/support.h"
@@ -65,7 +67,11 @@ void global_CP() {
     unbuild_loop_hierarchy();
     if (copyprop(1) > 0) elim_dead_assigns(false, false);
 }
+// Extended blocks for the global step, single blocks for the late one.
+void global_CSE() { eliminate_common_subexpressions(true); }
+void lcse() { eliminate_common_subexpressions(false); }
 void rotate_loops_step() { rotate_loops(); }
+void DD_restructuring() { unroll_loops(); }
 // Induction variables become pointers, whose steps then join their accesses.
 void propagate_increments() {
     reduce_address_induction();
@@ -123,18 +129,18 @@ const step pass_table[] = {
     {"Disclose Vectors", false, no_action, NEVER},
     {"global CP", false, global_CP, 2},
     {"late points-to", false, no_action, NEVER},
-    {"global CSE", false, no_action, NEVER},
+    {"global CSE", false, global_CSE, 2},
     {"Pellin rotate loops", false, rotate_loops_step, 2},
     {"late rename symbols", false, no_action, NEVER},
     {"merge symbols", false, no_action, NEVER},
-    {"DD restructuring", false, no_action, NEVER},
+    {"DD restructuring", false, DD_restructuring, 2},
     {"expand cluster refs", false, no_action, NEVER},
     {"CSU returning temp", false, no_action, NEVER},
     {"superblocks", false, no_action, NEVER},
     {"subrange", false, no_action, NEVER},
     {"lcp", false, lcp, 1},
     {"sti-to-cinit", false, no_action, NEVER},
-    {"lcse", false, no_action, NEVER},
+    {"lcse", false, lcse, 2},
     {"propagate increments", false, propagate_increments, 2},
     {"Disguise Vectors", false, no_action, NEVER},
     {"late LIR", false, no_action, NEVER},

@@ -146,9 +146,52 @@ int main(void) { return (int)dot(x, y, 100) + total(); }
     EXPECT_LT(after.operations * 4, before.operations * 3);
     // The tests rotation puts in front of the loops see i = 0 (and dot's
     // copy in main sees n = 100) and are decided: one test per iteration
-    // is all that is left.
+    // is all that is left, and unrolled, one per several iterations.
+    IFRUN_RESULT rolled = run(std::vector<std::string>{"-o2", "--debug=skip_pass=37"});
     EXPECT_EQ(ops(before, "CBRANCH"), 2u * 100 + 2);
-    EXPECT_EQ(ops(after, "CBRANCH"), 2u * 100);
+    EXPECT_EQ(ops(rolled, "CBRANCH"), 2u * 100);
+    EXPECT_LE(ops(after, "CBRANCH"), 100u);
+    EXPECT_EQ(rolled.value, before.value);
+    EXPECT_EQ(after.value, before.value);
+}
+
+// Counted loops unrolled by factors that divide their trip counts, or
+// completely: their counters are read in the body and after the loop, step
+// down, wrap, or share the body with a branch.
+TEST_F(LoopOpt, UnrolledLoopsComputeTheSameWithFewerTests) {
+    compile(R"(#include <stdio.h>
+static int a[64];
+static long r[8];
+int main(void) {
+    long s = 0;
+    for (int i = 0; i < 64; i++) a[i] = i * 7 - 100;
+    for (int i = 0; i < 21; i++) s += a[i] * i;
+    for (int i = 0; i < 13; i++) s ^= a[i + 3];
+    for (int k = 0; k < 3; k++) r[k] = s >> k;
+    int j;
+    for (j = 10; j > 0; j -= 2) s += j * a[j];
+    s += j;
+    unsigned short c;
+    for (c = 65530; c != 4; c++) s += c;
+    for (int i = 0; i < 40; i++) {
+        s += a[i];
+        if (s > 1000) s -= 999;
+    }
+    printf("%ld %ld %ld %ld\n", s, r[0], r[1], r[2]);
+    return 0;
+})");
+    IFRUN_RESULT reference = run("");
+    ASSERT_TRUE(reference.ok);
+    for (const char* level : {"-o0", "-o1", "-o2", "-o3"}) EXPECT_EQ(run(level).output, reference.output) << level;
+    IFRUN_RESULT rolled = run(std::vector<std::string>{"-o2", "--debug=skip_pass=37"}), unrolled = run("-o2");
+    EXPECT_EQ(rolled.output, reference.output);
+    // The loops of 64, 21 and 3 iterations: at least 32 + 14 + 3 tests fewer.
+    EXPECT_LE(ops(unrolled, "CBRANCH") + 49, ops(rolled, "CBRANCH"));
+    EXPECT_LT(unrolled.operations, rolled.operations);
+    // Smallest code: nothing is unrolled.
+    IFRUN_RESULT small = run(std::vector<std::string>{"-o2", "--opt_for_speed=0"});
+    EXPECT_EQ(small.output, reference.output);
+    EXPECT_EQ(ops(small, "CBRANCH"), ops(rolled, "CBRANCH"));
 }
 
 }  // namespace

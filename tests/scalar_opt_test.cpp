@@ -147,7 +147,7 @@ TEST_F(ScalarOpt, ValueRangesDecideTestsInLoops) {
     MiniFunction f{"f", {"a", "b"}, {"s", "i", "x"}};
     f.body = {"(= s 0)", "(= i 0)", "(= x (& a 7))", "L1:", "(if (>= i 10) 2)", "(if (> i 20) 3)", "(if (== x 9) 3)",
               "(+= s i)", "(+= i 1)", "(goto 1)", "L2:", "(ret (+ s x))", "L3:", "(ret -1)"};
-    optimize(f);
+    optimize(f, {"-o2", "--debug=skip_pass=37"});  // the loop stays a loop: not unrolled
     std::vector<std::string> st = statements();
     for (const std::string& s : st) {
         EXPECT_EQ(s.find("20"), std::string::npos) << s;

@@ -1,0 +1,388 @@
+#include "OPT5/common_subexpressions.h"
+
+#include <cstdio>
+#include <map>
+#include <memory>
+#include <set>
+#include <vector>
+
+#include "OPT5/bbutils.h"
+#include "OPT5/cmdline.h"
+#include "OPT5/copyprop.h"
+#include "OPT5/funinfo.h"
+#include "OPT5/globals.h"
+#include "OPT5/node.h"
+#include "OPT5/opt_client.h"
+#include "OPT5/symtab.h"
+#include "TYPES/type_pkg.h"
+
+namespace {
+
+// A block keeps at most this many expressions available (the oldest go).
+constexpr size_t MAX_AVAILABLE = 64;
+
+// Where a memory access lands: an object (or else the pointer the address
+// starts from), a constant offset in units when there is one, and the
+// access's extent in units (0: unknown).
+struct mem_ref {
+    const SYMTAB* object = nullptr;
+    const NODE* base = nullptr;
+    int64_t offset = 0;
+    bool constant_offset = true;
+    int64_t units = 0;
+};
+
+int64_t units_of(const TYPE* t) { return t && t->size ? static_cast<int64_t>((t->size + 15) / 16) : 0; }
+
+bool is_pointer(const NODE* n) { return n && n->type && n->type->stripped()->kind == TYPE::PTR_T; }
+
+mem_ref decompose(const NODE* address, TYPE* accessed) {
+    mem_ref r;
+    r.units = units_of(accessed);
+    const NODE* a = address;
+    for (;;) {
+        if (a->opcode == PCONV && a->left) {
+            a = a->left;
+        } else if ((a->opcode == PLUS || a->opcode == MINUS) && a->left && a->right) {
+            const NODE* other = a->right;
+            const NODE* pointer = a->left;
+            if (a->opcode == PLUS && !is_pointer(pointer) && is_pointer(other)) std::swap(pointer, other);
+            if (other->opcode == ICON && other->value.fits_in<int32_t>()) {
+                int64_t v = other->value.as<int32_t>();
+                r.offset += a->opcode == PLUS ? v : -v;
+            } else {
+                r.constant_offset = false;
+            }
+            a = pointer;
+        } else {
+            break;
+        }
+    }
+    if (a->opcode == UAND && a->left && a->left->opcode == NAME) r.object = a->left->symbol;
+    else if (a->opcode == NAME && a->type && !a->type->stripped()->is_scalar()) r.object = a->symbol;
+    else r.base = a;
+    return r;
+}
+
+bool may_overlap(const mem_ref& a, const mem_ref& b) {
+    if (a.object && b.object) {
+        if (a.object != b.object) return false;
+    } else if (a.object || b.object || !same_tree(a.base, b.base)) {
+        return true;
+    }
+    if (!a.constant_offset || !b.constant_offset || !a.units || !b.units) return true;
+    return a.offset < b.offset + b.units && b.offset < a.offset + a.units;
+}
+
+bool same_value_type(TYPE* a, TYPE* b) {
+    if (!a || !b) return false;
+    a = a->stripped();
+    b = b->stripped();
+    if (a == b) return true;
+    if (a->kind != b->kind || a->size != b->size) return false;
+    if (a->kind == TYPE::INT_T) return a->is_signed() == b->is_signed();
+    return a->kind == TYPE::PTR_T;
+}
+
+// An expression computed before: its value is in a variable, or (a
+// subexpression, `var` null) it is still where it was computed and gets a
+// temporary when it is met again.
+struct available {
+    NODE* expr;
+    SYMTAB* var = nullptr;
+    BBLK* block = nullptr;             // where a subexpression was computed:
+    NODE* stmt = nullptr;              //  the statement (its root),
+    NODE** slot = nullptr;             //  and the operand slot holding it
+    std::vector<const SYMTAB*> reads;  // private variables it reads
+    std::vector<mem_ref> loads;        // memory it reads
+    bool unknown_memory = false;       // it reads memory that can't be described
+    bool gone = false;                 // it was inside a subexpression that got a temporary
+};
+// Extended blocks share what they inherit: a temporary made for one is made
+// for all.
+using available_ptr = std::shared_ptr<available>;
+
+// What a statement may change.
+struct effects {
+    std::vector<const SYMTAB*> vars;
+    std::vector<mem_ref> stores;
+    bool all_memory = false;
+};
+
+bool is_call(int op) {
+    return op == CALL || op == UCALL || op == MCALL || op == UMCALL || op == ICALL || op == UICALL;
+}
+
+// A subexpression is worth a temporary of its own from this many nodes:
+// below it, the assignment to the temporary costs what it saves.
+constexpr size_t SMALLEST_SHARED = 5;
+
+class cse {
+public:
+    explicit cse(bool extended) : extended_(extended), taken_(address_taken_symbols()) {}
+    int run();
+
+private:
+    bool is_private(const SYMTAB* s) const {
+        return s && is_private_variable(s, taken_) && s->type && s->type->stripped()->is_scalar();
+    }
+    // Whether the expression may be kept in a variable, and what it reads.
+    bool describe(const NODE* e, available& a) const;
+    effects effects_of(const NODE* stmt) const;
+    static bool kills(const effects& fx, const available& a);
+    int rewrite(BBLK* b, size_t& at);
+    SYMTAB* keep_in_temporary(available& a, BBLK* current, size_t& at);
+    void remember(available&& a) {
+        if (avail_.size() >= MAX_AVAILABLE) avail_.erase(avail_.begin());
+        avail_.push_back(std::make_shared<available>(std::move(a)));
+    }
+
+    bool extended_;
+    std::set<const SYMTAB*> taken_;
+    std::vector<available_ptr> avail_;
+    int temporaries_ = 0;
+};
+
+bool cse::describe(const NODE* e, available& a) const {
+    if (!e->left || e->opcode == LABEL) return false;
+    std::vector<const NODE*> work{e};
+    while (!work.empty()) {
+        const NODE* n = work.back();
+        work.pop_back();
+        int op = n->opcode;
+        if (is_volatile_access(n) || is_assignment(op) || is_call(op) || (side_effects[op] != 0)) return false;
+        if (op == UAND && n->left && n->left->opcode == NAME) continue;  // an address
+        if (op == NAME) {
+            if (!n->symbol) return false;
+            if (is_private(n->symbol)) a.reads.push_back(n->symbol);
+            else if (n->type && n->type->stripped()->is_scalar()) {
+                mem_ref r;
+                r.object = n->symbol;
+                r.units = units_of(n->type);
+                a.loads.push_back(r);
+            }
+            continue;
+        }
+        if (op == UMULT) a.loads.push_back(decompose(n->left, n->type));
+        if (op == STREF || op == STDOT || op == FIELD) a.unknown_memory = true;
+        if (n->left) work.push_back(n->left);
+        if (n->right) work.push_back(n->right);
+    }
+    return true;
+}
+
+effects cse::effects_of(const NODE* stmt) const {
+    effects fx;
+    std::vector<const NODE*> work{stmt};
+    while (!work.empty()) {
+        const NODE* n = work.back();
+        work.pop_back();
+        int op = n->opcode;
+        if (is_assignment(op)) {
+            const NODE* place = n->left;
+            if (place && place->opcode == NAME && is_private(place->symbol)) {
+                fx.vars.push_back(place->symbol);
+            } else if (place && place->opcode == NAME) {
+                mem_ref r;
+                r.object = place->symbol;
+                r.units = units_of(place->type);
+                fx.stores.push_back(r);
+            } else if (place && place->opcode == UMULT) {
+                fx.stores.push_back(decompose(place->left, place->type));
+            } else {
+                fx.all_memory = true;
+            }
+        } else if (is_call(op) || (side_effects[op] != 0 && op != PCOMMA && op != CBRANCH && op != BRANCH &&
+                                   op != SWITCH && op != URETURN && op != LABELDEF)) {
+            fx.all_memory = true;
+        }
+        if (n->left) work.push_back(n->left);
+        if (n->right) work.push_back(n->right);
+    }
+    return fx;
+}
+
+bool cse::kills(const effects& fx, const available& a) {
+    for (const SYMTAB* v : fx.vars) {
+        if (v == a.var) return true;
+        for (const SYMTAB* r : a.reads)
+            if (r == v) return true;
+    }
+    if (a.loads.empty() && !a.unknown_memory) return false;
+    if (fx.all_memory || (a.unknown_memory && !fx.stores.empty())) return true;
+    for (const mem_ref& s : fx.stores)
+        for (const mem_ref& l : a.loads)
+            if (may_overlap(s, l)) return true;
+    return false;
+}
+
+// Gives a subexpression met again a temporary, assigned right before the
+// statement that computed it; `at` follows the current statement of the
+// current block.  Null when no temporary can be made.
+SYMTAB* cse::keep_in_temporary(available& a, BBLK* current, size_t& at) {
+    std::vector<BODY_ENTRY>& stmts = a.block->statements;
+    size_t k = 0;
+    while (k < stmts.size() && stmts[k].tree != a.stmt) ++k;
+    if (k == stmts.size()) return nullptr;
+    SYMTAB* t = make_local_temporary(a.expr->type, "cse." + std::to_string(++temporaries_));
+    if (!t) return nullptr;
+    // What was remembered inside the expression now lives in the new
+    // statement: it is forgotten.
+    std::set<const NODE*> inside;
+    std::vector<const NODE*> work{a.expr};
+    while (!work.empty()) {
+        const NODE* n = work.back();
+        work.pop_back();
+        inside.insert(n);
+        if (n->left) work.push_back(n->left);
+        if (n->right) work.push_back(n->right);
+    }
+    for (const available_ptr& o : avail_)
+        if (o.get() != &a && !o->var && inside.count(o->expr)) o->gone = true;
+    std::erase_if(avail_, [](const available_ptr& o) { return o->gone; });
+    NODE* expr = a.expr;
+    NODE* name = new_node(NAME, expr->type);
+    name->mk_name(t);
+    *a.slot = name;
+    BODY_ENTRY e;
+    e.pos = stmts[k].pos;
+    NODE* target = new_node(NAME, expr->type);
+    target->mk_name(t);
+    e.tree = mktree(ASG, expr->type, target, expr);
+    stmts.insert(stmts.begin() + static_cast<std::ptrdiff_t>(k), e);
+    if (a.block == current && k <= at) ++at;
+    a.var = t;
+    a.block = nullptr;
+    a.stmt = nullptr;
+    a.slot = nullptr;
+    return t;
+}
+
+// Replaces the expressions of the statement that are available by their
+// variables, and remembers its other subexpressions; returns how many were
+// replaced.
+int cse::rewrite(BBLK* b, size_t& at) {
+    NODE* root = b->statements[at].tree;
+    if (!root) return 0;
+    // Everything the statement reads must be read before anything it
+    // changes: an embedded assignment, or a call other than the
+    // statement's own, could change what an expression reads.
+    std::vector<NODE*> work;
+    int calls = 0;
+    work.push_back(root);
+    while (!work.empty()) {
+        NODE* n = work.back();
+        work.pop_back();
+        if (n != root && is_assignment(n->opcode)) return 0;
+        if (is_call(n->opcode) && (++calls > 1 || !(n == root || (root->opcode == ASG && root->right == n))))
+            return 0;
+        if (n->left) work.push_back(n->left);
+        if (n->right) work.push_back(n->right);
+    }
+    int replaced = 0;
+    struct item {
+        NODE** slot;
+        bool always;  // evaluated whenever the statement runs
+    };
+    std::vector<item> slots;
+    auto operands = [&](NODE* n, bool always) {
+        bool rest = always && n->opcode != ANDAND && n->opcode != OROR && n->opcode != QUEST;
+        if (n->right) slots.push_back({&n->right, rest});
+        if (n->left) slots.push_back({&n->left, always});
+    };
+    if (is_assignment(root->opcode)) {
+        // The place assigned is not a value; an address in it is.
+        if (root->right) slots.push_back({&root->right, true});
+        if (root->left && root->left->opcode == UMULT && root->left->left) slots.push_back({&root->left->left, true});
+    } else {
+        operands(root, true);
+    }
+    size_t whole = root->opcode == ASG ? 1 : 0;  // the right side of x = e is remembered with x
+    while (!slots.empty()) {
+        auto [slot, always] = slots.back();
+        slots.pop_back();
+        NODE* n = *slot;
+        if (n->opcode == LABEL) continue;
+        if (n->opcode == UAND) {
+            if (n->left && n->left->opcode == UMULT && n->left->left) slots.push_back({&n->left->left, always});
+            continue;
+        }
+        available* match = nullptr;
+        for (const available_ptr& a : avail_)
+            if (!a->gone && a->expr->opcode == n->opcode && a->expr != n && same_tree(a->expr, n)) {
+                match = a.get();
+                break;
+            }
+        SYMTAB* var = match ? match->var : nullptr;
+        if (match && !var) var = keep_in_temporary(*match, b, at);
+        if (var) {
+            NODE* name = new_node(NAME, n->type);
+            name->mk_name(var);
+            *slot = name;
+            erase_tree(n);
+            ++replaced;
+            continue;
+        }
+        bool right_side = whole && slot == &root->right;
+        if (always && !right_side && n->type && n->type->stripped()->is_scalar() &&
+            tree_size_up_to(n, SMALLEST_SHARED) >= SMALLEST_SHARED) {
+            available a;
+            a.expr = n;
+            a.block = b;
+            a.stmt = root;
+            a.slot = slot;
+            // Only what reads memory: address arithmetic is left whole for
+            // the induction variables and the addressing modes.
+            if (describe(n, a) && (!a.loads.empty() || a.unknown_memory)) remember(std::move(a));
+        }
+        operands(n, always);
+    }
+    return replaced;
+}
+
+int cse::run() {
+    int total = 0;
+    std::map<BBLK*, std::vector<available_ptr>> ends;
+    for (BBLK* b : layout_blocks()) {
+        avail_.clear();
+        if (extended_ && b->predecessors && !b->predecessors->rest) {
+            auto it = ends.find(b->predecessors->bb);
+            if (it != ends.end()) avail_ = it->second;
+        }
+        for (size_t at = 0; at < b->statements.size(); ++at) {
+            if (!b->statements[at].tree) continue;
+            if (int n = rewrite(b, at)) {
+                total += n;
+                if (write_opt_info && finfo)
+                    std::fprintf(finfo, "Line %llu: %d common subexpression%s read from a variable.\n",
+                                 static_cast<unsigned long long>(b->statements[at].pos.line), n, n == 1 ? "" : "s");
+            }
+            NODE* t = b->statements[at].tree;
+            effects fx = effects_of(t);
+            std::erase_if(avail_, [&](const available_ptr& a) { return a->gone || kills(fx, *a); });
+            if (t->opcode != ASG || !t->left || t->left->opcode != NAME || !is_private(t->left->symbol) || !t->right)
+                continue;
+            available a;
+            a.expr = t->right;
+            a.var = t->left->symbol;
+            if (!same_value_type(a.var->type, a.expr->type) || !describe(a.expr, a)) continue;
+            bool reads_itself = false;
+            for (const SYMTAB* r : a.reads) reads_itself |= r == a.var;
+            if (!reads_itself) remember(std::move(a));
+        }
+        if (extended_) {
+            bool wanted = false;
+            for (EDGE* s = b->successors; s; s = s->rest)
+                wanted |= s->bb->predecessors && !s->bb->predecessors->rest;
+            if (wanted) ends[b] = avail_;
+        }
+    }
+    return total;
+}
+
+}  // namespace
+
+int eliminate_common_subexpressions(bool extended) {
+    if (opt_level() < 2 || !currfuninfo || !currfuninfo->bb_list) return 0;
+    return cse(extended).run();
+}
