@@ -90,9 +90,9 @@ bool same_value_type(TYPE* a, TYPE* b) {
 struct available {
     NODE* expr;
     SYMTAB* var = nullptr;
-    BBLK* block = nullptr;             // where a subexpression was computed:
-    NODE* stmt = nullptr;              //  the statement (its root),
+    NODE* stmt = nullptr;              // where a subexpression was computed: the statement (its root),
     NODE** slot = nullptr;             //  and the operand slot holding it
+    PSN pos;
     std::vector<const SYMTAB*> reads;  // private variables it reads
     std::vector<mem_ref> loads;        // memory it reads
     bool unknown_memory = false;       // it reads memory that can't be described
@@ -130,8 +130,8 @@ private:
     bool describe(const NODE* e, available& a) const;
     effects effects_of(const NODE* stmt) const;
     static bool kills(const effects& fx, const available& a);
-    int rewrite(BBLK* b, size_t& at);
-    SYMTAB* keep_in_temporary(available& a, BBLK* current, size_t& at);
+    int rewrite(BODY_ENTRY& e);
+    SYMTAB* keep_in_temporary(available& a);
     void remember(available&& a) {
         if (avail_.size() >= MAX_AVAILABLE) avail_.erase(avail_.begin());
         avail_.push_back(std::make_shared<available>(std::move(a)));
@@ -141,6 +141,9 @@ private:
     std::set<const SYMTAB*> taken_;
     std::vector<available_ptr> avail_;
     int temporaries_ = 0;
+    // The assignments to temporaries, by the statement they go in front of;
+    // put in place once every block is done.
+    std::map<const NODE*, std::vector<BODY_ENTRY>> before_;
 };
 
 bool cse::describe(const NODE* e, available& a) const {
@@ -217,13 +220,8 @@ bool cse::kills(const effects& fx, const available& a) {
 }
 
 // Gives a subexpression met again a temporary, assigned right before the
-// statement that computed it; `at` follows the current statement of the
-// current block.  Null when no temporary can be made.
-SYMTAB* cse::keep_in_temporary(available& a, BBLK* current, size_t& at) {
-    std::vector<BODY_ENTRY>& stmts = a.block->statements;
-    size_t k = 0;
-    while (k < stmts.size() && stmts[k].tree != a.stmt) ++k;
-    if (k == stmts.size()) return nullptr;
+// statement that computed it.  Null when no temporary can be made.
+SYMTAB* cse::keep_in_temporary(available& a) {
     SYMTAB* t = make_local_temporary(a.expr->type, "cse." + std::to_string(++temporaries_));
     if (!t) return nullptr;
     // What was remembered inside the expression now lives in the new
@@ -245,14 +243,12 @@ SYMTAB* cse::keep_in_temporary(available& a, BBLK* current, size_t& at) {
     name->mk_name(t);
     *a.slot = name;
     BODY_ENTRY e;
-    e.pos = stmts[k].pos;
+    e.pos = a.pos;
     NODE* target = new_node(NAME, expr->type);
     target->mk_name(t);
     e.tree = mktree(ASG, expr->type, target, expr);
-    stmts.insert(stmts.begin() + static_cast<std::ptrdiff_t>(k), e);
-    if (a.block == current && k <= at) ++at;
+    before_[a.stmt].push_back(e);
     a.var = t;
-    a.block = nullptr;
     a.stmt = nullptr;
     a.slot = nullptr;
     return t;
@@ -261,8 +257,8 @@ SYMTAB* cse::keep_in_temporary(available& a, BBLK* current, size_t& at) {
 // Replaces the expressions of the statement that are available by their
 // variables, and remembers its other subexpressions; returns how many were
 // replaced.
-int cse::rewrite(BBLK* b, size_t& at) {
-    NODE* root = b->statements[at].tree;
+int cse::rewrite(BODY_ENTRY& e) {
+    NODE* root = e.tree;
     if (!root) return 0;
     // Everything the statement reads must be read before anything it
     // changes: an embedded assignment, or a call other than the
@@ -314,7 +310,7 @@ int cse::rewrite(BBLK* b, size_t& at) {
                 break;
             }
         SYMTAB* var = match ? match->var : nullptr;
-        if (match && !var) var = keep_in_temporary(*match, b, at);
+        if (match && !var) var = keep_in_temporary(*match);
         if (var) {
             NODE* name = new_node(NAME, n->type);
             name->mk_name(var);
@@ -328,8 +324,8 @@ int cse::rewrite(BBLK* b, size_t& at) {
             tree_size_up_to(n, SMALLEST_SHARED) >= SMALLEST_SHARED) {
             available a;
             a.expr = n;
-            a.block = b;
             a.stmt = root;
+            a.pos = e.pos;
             a.slot = slot;
             // Only what reads memory: address arithmetic is left whole for
             // the induction variables and the addressing modes.
@@ -349,15 +345,15 @@ int cse::run() {
             auto it = ends.find(b->predecessors->bb);
             if (it != ends.end()) avail_ = it->second;
         }
-        for (size_t at = 0; at < b->statements.size(); ++at) {
-            if (!b->statements[at].tree) continue;
-            if (int n = rewrite(b, at)) {
+        for (BODY_ENTRY& e : b->statements) {
+            if (!e.tree) continue;
+            if (int n = rewrite(e)) {
                 total += n;
                 if (write_opt_info && finfo)
                     std::fprintf(finfo, "Line %llu: %d common subexpression%s read from a variable.\n",
-                                 static_cast<unsigned long long>(b->statements[at].pos.line), n, n == 1 ? "" : "s");
+                                 static_cast<unsigned long long>(e.pos.line), n, n == 1 ? "" : "s");
             }
-            NODE* t = b->statements[at].tree;
+            NODE* t = e.tree;
             effects fx = effects_of(t);
             std::erase_if(avail_, [&](const available_ptr& a) { return a->gone || kills(fx, *a); });
             if (t->opcode != ASG || !t->left || t->left->opcode != NAME || !is_private(t->left->symbol) || !t->right)
@@ -376,6 +372,16 @@ int cse::run() {
                 wanted |= s->bb->predecessors && !s->bb->predecessors->rest;
             if (wanted) ends[b] = avail_;
         }
+    }
+    if (before_.empty()) return total;
+    for (BBLK* b : layout_blocks()) {
+        std::vector<BODY_ENTRY> stmts;
+        for (BODY_ENTRY& e : b->statements) {
+            auto it = before_.find(e.tree);
+            if (it != before_.end()) stmts.insert(stmts.end(), it->second.begin(), it->second.end());
+            stmts.push_back(e);
+        }
+        b->statements.swap(stmts);
     }
     return total;
 }

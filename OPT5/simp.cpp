@@ -404,6 +404,14 @@ NODE* invert_boolean_tree(NODE* tree) {
         tree->opcode = boolean_inv[tree->opcode];
         return tree;
     }
+    // !(a && b) is !a || !b, and the other way round.
+    if ((tree->opcode == ANDAND || tree->opcode == OROR) && tree_is_trivially_invertible(tree->left) &&
+        tree_is_trivially_invertible(tree->right)) {
+        tree->opcode = tree->opcode == ANDAND ? OROR : ANDAND;
+        tree->left->opcode = boolean_inv[tree->left->opcode];
+        tree->right->opcode = boolean_inv[tree->right->opcode];
+        return tree;
+    }
     TYPE* t = tree->type;
     if (vector) {
         TYPE* etype = t->stripped()->base;
@@ -829,8 +837,13 @@ NODE* simp_relop(NODE* n, struct LOOP* loop) {
         // A comparison result against 0 or 1.
         if ((op == EQ || op == NEQ) && returns_1_or_0(n->left) && (r->value.is_zero() || r->value == INT65(1))) {
             bool keep_sense = (op == NEQ) == r->value.is_zero();
-            if (is_relop(n->left->opcode) || n->left->opcode == EXCLAIM) {
-                NODE* inner = n->left;
+            NODE* inner = n->left;
+            bool logical = inner->opcode == ANDAND || inner->opcode == OROR;
+            // !(a && b) is !a || !b, and the other way round, when both
+            // operands invert in place.
+            bool de_morgan = logical && tree_is_trivially_invertible(inner->left) &&
+                             tree_is_trivially_invertible(inner->right);
+            if (is_relop(inner->opcode) || inner->opcode == EXCLAIM || (logical && (keep_sense || de_morgan))) {
                 erase_node(r);
                 n->left = n->right = nullptr;
                 erase_node(n);

@@ -141,6 +141,18 @@ TEST_F(ScalarOpt, BooleanTestsAreInvertedAndNormalized) {
     same_meaning(samples);
 }
 
+TEST_F(ScalarOpt, NegatedConjunctionsInvertTheirComparisons) {
+    MiniFunction f{"f", {"a", "b"}, {}};
+    f.body = {"(if (! (&& (< a b) (> a 3))) 7)", "(ret (== (|| (== a 1) (!= b 2)) 0))", "L7:",
+              "(ret (!= (&& (< a b) (> b 5)) 0))"};
+    optimize(f);
+    EXPECT_EQ(statements(), (std::vector<std::string>{"CBRANCH(((a >= b) || (a <= 3)), L7)",
+                                                      "URETURN(((a != 1) && (b == 2)))",
+                                                      "URETURN(((a < b) && (b > 5)))"}))
+        << output;
+    same_meaning(samples);
+}
+
 TEST_F(ScalarOpt, ValueRangesDecideTestsInLoops) {
     // i runs from 0 to 9 inside the loop, so i > 20 never holds and the
     // block it leads to goes; x = a & 7 is never 9.
