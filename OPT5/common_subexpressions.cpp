@@ -1,9 +1,11 @@
 #include "OPT5/common_subexpressions.h"
 
+#include <cstdint>
 #include <cstdio>
 #include <map>
 #include <memory>
 #include <set>
+#include <unordered_map>
 #include <vector>
 
 #include "OPT5/bbutils.h"
@@ -89,6 +91,7 @@ bool same_value_type(TYPE* a, TYPE* b) {
 // temporary when it is met again.
 struct available {
     NODE* expr;
+    uint64_t shape = 0;                // shape_of(expr) when it was remembered
     SYMTAB* var = nullptr;
     NODE* stmt = nullptr;              // where a subexpression was computed: the statement (its root),
     NODE** slot = nullptr;             //  and the operand slot holding it
@@ -101,6 +104,32 @@ struct available {
 // Extended blocks share what they inherit: a temporary made for one is made
 // for all.
 using available_ptr = std::shared_ptr<available>;
+
+// A hash of a tree's structure: equal trees hash alike.  Every node of the
+// tree gets its own in `out`.
+uint64_t shape_of(const NODE* tree, std::unordered_map<const NODE*, uint64_t>* out = nullptr) {
+    std::unordered_map<const NODE*, uint64_t> local;
+    std::unordered_map<const NODE*, uint64_t>& h = out ? *out : local;
+    std::vector<std::pair<const NODE*, bool>> work{{tree, false}};
+    while (!work.empty()) {
+        auto [n, done] = work.back();
+        work.pop_back();
+        if (!done) {
+            work.push_back({n, true});
+            if (n->right) work.push_back({n->right, false});
+            if (n->left) work.push_back({n->left, false});
+            continue;
+        }
+        uint64_t v = static_cast<uint64_t>(n->opcode) * 0x9E3779B97F4A7C15ull;
+        v ^= reinterpret_cast<uintptr_t>(n->type) + (v << 6) + (v >> 2);
+        v ^= reinterpret_cast<uintptr_t>(n->symbol) + (v << 6) + (v >> 2);
+        v ^= static_cast<uint64_t>(n->value.low_word()) + (v << 6) + (v >> 2);
+        if (n->left) v ^= h[n->left] * 0xC2B2AE3D27D4EB4Full + (v << 6) + (v >> 2);
+        if (n->right) v ^= h[n->right] * 0x165667B19E3779F9ull + (v << 6) + (v >> 2);
+        h[n] = v;
+    }
+    return h[tree];
+}
 
 // What a statement may change.
 struct effects {
@@ -116,6 +145,9 @@ bool is_call(int op) {
 // A subexpression is worth a temporary of its own from this many nodes:
 // below it, the assignment to the temporary costs what it saves.
 constexpr size_t SMALLEST_SHARED = 5;
+// Larger ones are seldom computed twice, and looking at each would cost
+// time in the square of an expression's depth.
+constexpr size_t LARGEST_SHARED = 64;
 
 class cse {
 public:
@@ -144,6 +176,7 @@ private:
     // The assignments to temporaries, by the statement they go in front of;
     // put in place once every block is done.
     std::map<const NODE*, std::vector<BODY_ENTRY>> before_;
+    std::unordered_map<const NODE*, uint64_t> shapes_;  // of the statement being rewritten
 };
 
 bool cse::describe(const NODE* e, available& a) const {
@@ -275,6 +308,8 @@ int cse::rewrite(BODY_ENTRY& e) {
         if (n->left) work.push_back(n->left);
         if (n->right) work.push_back(n->right);
     }
+    shapes_.clear();
+    shape_of(root, &shapes_);
     int replaced = 0;
     struct item {
         NODE** slot;
@@ -305,7 +340,7 @@ int cse::rewrite(BODY_ENTRY& e) {
         }
         available* match = nullptr;
         for (const available_ptr& a : avail_)
-            if (!a->gone && a->expr->opcode == n->opcode && a->expr != n && same_tree(a->expr, n)) {
+            if (!a->gone && a->shape == shapes_[n] && a->expr != n && same_tree(a->expr, n)) {
                 match = a.get();
                 break;
             }
@@ -320,10 +355,11 @@ int cse::rewrite(BODY_ENTRY& e) {
             continue;
         }
         bool right_side = whole && slot == &root->right;
-        if (always && !right_side && n->type && n->type->stripped()->is_scalar() &&
-            tree_size_up_to(n, SMALLEST_SHARED) >= SMALLEST_SHARED) {
+        size_t size = always && !right_side ? tree_size_up_to(n, LARGEST_SHARED) : 0;
+        if (size >= SMALLEST_SHARED && size <= LARGEST_SHARED && n->type && n->type->stripped()->is_scalar()) {
             available a;
             a.expr = n;
+            a.shape = shapes_[n];
             a.stmt = root;
             a.pos = e.pos;
             a.slot = slot;
@@ -360,6 +396,7 @@ int cse::run() {
                 continue;
             available a;
             a.expr = t->right;
+            a.shape = shape_of(a.expr);
             a.var = t->left->symbol;
             if (!same_value_type(a.var->type, a.expr->type) || !describe(a.expr, a)) continue;
             bool reads_itself = false;
