@@ -107,18 +107,7 @@ void with_function_statements(SYMTAB* fn, const std::function<void(FUNINFO*)>& f
 
 size_t body_size(const FUNINFO* fi) {
     size_t size = 0;
-    std::vector<const NODE*> work;
-    for (const BODY_ENTRY& e : fi->body) {
-        if (e.kind != BODY_ENTRY::STMT || !e.tree) continue;
-        work.push_back(e.tree);
-        while (!work.empty()) {
-            const NODE* n = work.back();
-            work.pop_back();
-            ++size;
-            if (n->left) work.push_back(n->left);
-            if (n->right) work.push_back(n->right);
-        }
-    }
+    for_each_body_node(fi->body, [&](const NODE*) { ++size; });
     return size;
 }
 

@@ -8,7 +8,9 @@
 #include <functional>
 #include <vector>
 
-struct FUNINFO;
+#include "OPT5/funinfo.h"
+#include "OPT5/node.h"
+
 struct SYMTAB;
 
 struct call_graph {
@@ -35,6 +37,24 @@ call_graph build_call_graph();
 // unparked and its own option set in force, then parks it again.  For
 // barrier steps, which find every function parked.
 void with_function_statements(SYMTAB* fn, const std::function<void(FUNINFO*)>& f);
+
+// Calls f(node) for every node of every statement of a body, a node
+// before its operands.
+template <class F>
+void for_each_body_node(const std::vector<BODY_ENTRY>& body, F&& f) {
+    std::vector<const NODE*> work;
+    for (const BODY_ENTRY& e : body) {
+        if (e.kind != BODY_ENTRY::STMT || !e.tree) continue;
+        work.push_back(e.tree);
+        while (!work.empty()) {
+            const NODE* n = work.back();
+            work.pop_back();
+            f(n);
+            if (n->right) work.push_back(n->right);
+            if (n->left) work.push_back(n->left);
+        }
+    }
+}
 
 // The number of nodes in the statements of a body.
 size_t body_size(const FUNINFO* fi);

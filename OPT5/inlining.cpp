@@ -175,33 +175,11 @@ NODE* name_of(SYMTAB* sym, TYPE* type) {
     return n;
 }
 
-size_t tree_nodes(const NODE* t) {
-    size_t size = 0;
-    std::vector<const NODE*> work{t};
-    while (!work.empty()) {
-        const NODE* n = work.back();
-        work.pop_back();
-        ++size;
-        if (n->left) work.push_back(n->left);
-        if (n->right) work.push_back(n->right);
-    }
-    return size;
-}
-
 int largest_label(const std::vector<BODY_ENTRY>& body) {
     int largest = 0;
-    std::vector<const NODE*> work;
-    for (const BODY_ENTRY& e : body) {
-        if (e.kind != BODY_ENTRY::STMT || !e.tree) continue;
-        work.push_back(e.tree);
-        while (!work.empty()) {
-            const NODE* n = work.back();
-            work.pop_back();
-            if (n->opcode == LABEL || n->opcode == LABELDEF) largest = std::max(largest, n->value.as<int32_t>());
-            if (n->left) work.push_back(n->left);
-            if (n->right) work.push_back(n->right);
-        }
-    }
+    for_each_body_node(body, [&](const NODE* n) {
+        if (n->opcode == LABEL || n->opcode == LABELDEF) largest = std::max(largest, n->value.as<int32_t>());
+    });
     return largest;
 }
 
@@ -299,7 +277,7 @@ bool inliner::worth_copying(NODE* call, const callee_copy& c, const PSN& pos) {
     // A call costs its nodes, the jump there and the return; a copy costs
     // its body and the arguments (their assignments to the parameters are
     // propagated away).
-    size_t call_size = tree_nodes(call) + 2;
+    size_t call_size = tree_size_up_to(call, SIZE_MAX) + 2;
     size_t cost = c.size + call_size - 4;
     bool cheap = c.always_inline || c.size <= std::max(limit_, call_size);
     bool within = cost <= call_size || grown_ + cost <= budget_ || c.always_inline;
@@ -449,18 +427,9 @@ int inliner::run(int& unit_allowance) {
         if (e.kind == BODY_ENTRY::SYMBOL && e.sym && e.sym->type && !e.sym->type->stripped()->is_scalar())
             address_taken_.insert(static_cast<SYMTAB*>(e.sym));  // its name is its address
     }
-    std::vector<const NODE*> walk;
-    for (const BODY_ENTRY& e : fi_->body) {
-        if (e.kind != BODY_ENTRY::STMT || !e.tree) continue;
-        walk.push_back(e.tree);
-        while (!walk.empty()) {
-            const NODE* n = walk.back();
-            walk.pop_back();
-            if (n->opcode == UAND && n->left && n->left->opcode == NAME) address_taken_.insert(n->left->symbol);
-            if (n->left) walk.push_back(n->left);
-            if (n->right) walk.push_back(n->right);
-        }
-    }
+    for_each_body_node(fi_->body, [&](const NODE* n) {
+        if (n->opcode == UAND && n->left && n->left->opcode == NAME) address_taken_.insert(n->left->symbol);
+    });
 
     std::vector<BODY_ENTRY> out;
     out.reserve(fi_->body.size());
