@@ -435,6 +435,27 @@ void rebuildcfg() {
     buildcfg();
 }
 
+// Takes a block out of the layout and frees it (its statements are gone
+// already); the edges that named it are rebuilt by rebuild_after_unlinking.
+static void unlink_block(BBLK* b) {
+    b->prev->next = b->next;
+    if (b->next) b->next->prev = b->prev;
+    else currfuninfo->bb_list->prev = b->prev;
+    free_edge_list(b->predecessors);
+    free_edge_list(b->successors);
+    delete b->live_in;
+    delete b;
+}
+
+static void rebuild_after_unlinking() {
+    for (BBLK* b : layout_blocks()) {
+        free_edge_list(b->predecessors);
+        free_edge_list(b->successors);
+        b->predecessors = b->successors = nullptr;
+    }
+    rebuildcfg();
+}
+
 // Joins each block that only its layout predecessor falls into, and whose
 // label nothing names, to that predecessor.
 static bool merge_fallthrough_blocks() {
@@ -466,23 +487,11 @@ static bool merge_fallthrough_blocks() {
         if (!targets.empty() || !falls) continue;
         prev->statements.insert(prev->statements.end(), b->statements.begin(), b->statements.end());
         b->statements.clear();
-        prev->next = b->next;
-        if (b->next) b->next->prev = prev;
-        else fi->bb_list->prev = prev;
-        free_edge_list(b->predecessors);
-        free_edge_list(b->successors);
-        delete b->live_in;
-        delete b;
+        unlink_block(b);
         merged = true;
     }
-    if (!merged) return false;
-    for (BBLK* b : layout_blocks()) {
-        free_edge_list(b->predecessors);
-        free_edge_list(b->successors);
-        b->predecessors = b->successors = nullptr;
-    }
-    rebuildcfg();
-    return true;
+    if (merged) rebuild_after_unlinking();
+    return merged;
 }
 
 bool simpcfg(bool merge_blocks, bool keep_empty) {
@@ -535,22 +544,11 @@ bool simpcfg(bool merge_blocks, bool keep_empty) {
     for (BBLK* b : layout_blocks()) {
         if (b->visited) continue;
         for (BODY_ENTRY& e : b->statements) erase_tree(e.tree);
-        b->prev->next = b->next;
-        if (b->next) b->next->prev = b->prev;
-        else fi->bb_list->prev = b->prev;
-        free_edge_list(b->predecessors);
-        free_edge_list(b->successors);
-        delete b->live_in;
-        delete b;
+        unlink_block(b);
         removed = true;
     }
     if (removed) {
-        for (BBLK* b : layout_blocks()) {
-            free_edge_list(b->predecessors);
-            free_edge_list(b->successors);
-            b->predecessors = b->successors = nullptr;
-        }
-        rebuildcfg();
+        rebuild_after_unlinking();
         // Jumps that went past the blocks removed may now go to the next one.
         simpcfg(merge_blocks, keep_empty);
         return true;

@@ -19,14 +19,6 @@ bool is_function_symbol(const SYMTAB* sym) {
     return sym && sym->type && sym->type->stripped()->kind == TYPE::FUNC_T;
 }
 
-// The function a call node names as its target, or null for a call through
-// a pointer.
-SYMTAB* called_function(const NODE* call) {
-    const NODE* f = call->left;
-    if (f && f->opcode == UAND) f = f->left;
-    return f && f->opcode == NAME && is_function_symbol(f->symbol) ? f->symbol : nullptr;
-}
-
 // Tarjan's strongly connected parts, with an explicit stack; a part is
 // complete only after every part it reaches, which gives callees first.
 void find_cycles(call_graph& g) {
@@ -38,7 +30,7 @@ void find_cycles(call_graph& g) {
         size_t next;
     };
     std::vector<frame> work;
-    int counter = 0, cycles = 0;
+    int counter = 0;
     for (int root = 0; root < n; ++root) {
         if (index[root] >= 0) continue;
         work.push_back({root, 0});
@@ -68,12 +60,10 @@ void find_cycles(call_graph& g) {
                 for (size_t i = first; i < stack.size(); ++i) {
                     int w = stack[i];
                     on_stack[w] = false;
-                    g.nodes[w].cycle = cycles;
                     if (cycle) g.nodes[w].recursive = true;
                     g.bottom_up.push_back(w);
                 }
                 stack.resize(first);
-                ++cycles;
             }
             work.pop_back();
             if (!work.empty()) low[work.back().v] = std::min(low[work.back().v], low[v]);
@@ -86,10 +76,10 @@ void find_cycles(call_graph& g) {
 
 }  // namespace
 
-int call_graph::index_of(const SYMTAB* fn) const {
-    for (size_t i = 0; i < nodes.size(); ++i)
-        if (nodes[i].fn == fn) return static_cast<int>(i);
-    return -1;
+SYMTAB* called_function(const NODE* call) {
+    const NODE* f = call->left;
+    if (f && f->opcode == UAND) f = f->left;
+    return f && f->opcode == NAME && is_function_symbol(f->symbol) ? f->symbol : nullptr;
 }
 
 void with_function_statements(SYMTAB* fn, const std::function<void(FUNINFO*)>& f) {
@@ -120,40 +110,15 @@ call_graph build_call_graph() {
         index[fn] = static_cast<int>(g.nodes.size());
         g.nodes.emplace_back().fn = fn;
     }
-    std::vector<bool> address_taken(g.nodes.size(), false);
-    for (size_t i = 0; i < g.nodes.size(); ++i) {
-        call_graph::node& nd = g.nodes[i];
+    for (call_graph::node& nd : g.nodes)
         with_function_statements(nd.fn, [&](FUNINFO* fi) {
-            nd.size = body_size(fi);
-            std::vector<const NODE*> work;
-            for (const BODY_ENTRY& e : fi->body) {
-                if (e.kind != BODY_ENTRY::STMT || !e.tree) continue;
-                work.push_back(e.tree);
-                while (!work.empty()) {
-                    const NODE* n = work.back();
-                    work.pop_back();
-                    if (n->opcode == CALL || n->opcode == UCALL) {
-                        if (SYMTAB* callee = called_function(n)) {
-                            if (const int* at = index.find(callee))
-                                if (std::find(nd.callees.begin(), nd.callees.end(), *at) == nd.callees.end())
-                                    nd.callees.push_back(*at);
-                        } else {
-                            nd.calls_through_pointer = true;
-                            if (n->left) work.push_back(n->left);
-                        }
-                        if (n->right) work.push_back(n->right);
-                        continue;
-                    }
-                    if (n->opcode == MCALL || n->opcode == UMCALL) nd.calls_through_pointer = true;
-                    if (n->opcode == NAME && is_function_symbol(n->symbol))
-                        if (const int* at = index.find(n->symbol)) address_taken[*at] = true;
-                    if (n->left) work.push_back(n->left);
-                    if (n->right) work.push_back(n->right);
-                }
-            }
+            for_each_body_node(fi->body, [&](const NODE* n) {
+                SYMTAB* callee = n->opcode == CALL || n->opcode == UCALL ? called_function(n) : nullptr;
+                const int* at = callee ? index.find(callee) : nullptr;
+                if (at && std::find(nd.callees.begin(), nd.callees.end(), *at) == nd.callees.end())
+                    nd.callees.push_back(*at);
+            });
         });
-    }
-    for (size_t i = 0; i < g.nodes.size(); ++i) g.nodes[i].address_taken = address_taken[i];
     find_cycles(g);
     return g;
 }

@@ -1,7 +1,6 @@
 // The unit's call graph, worked out at a barrier step from the statements of
-// every defined function: who calls whom by name, who calls through a
-// pointer, which functions are named other than as a call's target, and the
-// cycles of direct calls.
+// every defined function: who calls whom by name, and the cycles of those
+// calls.
 #pragma once
 
 #include <cstddef>
@@ -17,18 +16,15 @@ struct call_graph {
     struct node {
         SYMTAB* fn = nullptr;
         std::vector<int> callees;   // defined functions it calls by name, each once
-        size_t size = 0;            // nodes in its statements
-        int cycle = -1;             // the cycle (strongly connected part) it belongs to
         bool recursive = false;     // on a cycle of direct calls, a call of itself included
-        bool calls_through_pointer = false;
-        bool address_taken = false; // named other than as the target of a call
     };
     std::vector<node> nodes;        // the defined functions, in unit order
     std::vector<int> bottom_up;     // callees before their callers; a cycle's members side by side
-
-    // The node of a defined function, or -1.
-    int index_of(const SYMTAB* fn) const;
 };
+
+// The function a call node names as its target, or null for a call through
+// a pointer.
+SYMTAB* called_function(const NODE* call);
 
 // Reads every defined function's statements (each is parked again after).
 call_graph build_call_graph();

@@ -138,10 +138,6 @@ struct effects {
     bool all_memory = false;
 };
 
-bool is_call(int op) {
-    return op == CALL || op == UCALL || op == MCALL || op == UMCALL || op == ICALL || op == UICALL;
-}
-
 // A subexpression is worth a temporary of its own from this many nodes:
 // below it, the assignment to the temporary costs what it saves.
 constexpr size_t SMALLEST_SHARED = 5;
@@ -272,14 +268,10 @@ SYMTAB* cse::keep_in_temporary(available& a) {
         if (o.get() != &a && !o->var && inside.count(o->expr)) o->gone = true;
     std::erase_if(avail_, [](const available_ptr& o) { return o->gone; });
     NODE* expr = a.expr;
-    NODE* name = new_node(NAME, expr->type);
-    name->mk_name(t);
-    *a.slot = name;
+    *a.slot = mk_NAME(t, expr->type);
     BODY_ENTRY e;
     e.pos = a.pos;
-    NODE* target = new_node(NAME, expr->type);
-    target->mk_name(t);
-    e.tree = mktree(ASG, expr->type, target, expr);
+    e.tree = mktree(ASG, expr->type, mk_NAME(t, expr->type), expr);
     before_[a.stmt].push_back(e);
     a.var = t;
     a.stmt = nullptr;
@@ -347,9 +339,7 @@ int cse::rewrite(BODY_ENTRY& e) {
         SYMTAB* var = match ? match->var : nullptr;
         if (match && !var) var = keep_in_temporary(*match);
         if (var) {
-            NODE* name = new_node(NAME, n->type);
-            name->mk_name(var);
-            *slot = name;
+            *slot = mk_NAME(var, n->type);
             erase_tree(n);
             ++replaced;
             continue;

@@ -271,22 +271,28 @@ void add_exit_blocks(struct LOOP* loop) {
             if (!loop_contains(loop, s->bb)) loop->exits = add_edge(s->bb, loop->exits);
 }
 
-void find_loop_IVs(struct LOOP* loop, const std::set<const SYMTAB*>& taken) {
-    std::map<const void*, int> assignments;
-    std::map<const void*, INT65> steps;
+std::map<const void*, loop_assignments> assignments_in_loop(const struct LOOP* loop) {
+    std::map<const void*, loop_assignments> out;
     for (EDGE* e = loop->contents; e; e = e->rest)
         for (BODY_ENTRY& s : e->bb->statements) {
-            bool is_step;
+            bool is_step = false;
             INT65 step;
-            const void* v = assigned_var(s.tree, is_step, step);
+            const void* v = s.tree ? assigned_var(s.tree, is_step, step) : nullptr;
             if (!v) continue;
-            ++assignments[v];
-            if (is_step) steps[v] = step;
+            loop_assignments& a = out[v];
+            if (!is_step || (a.count > 0 && a.step != step)) a.steps_alike = false;
+            a.step = step;
+            ++a.count;
         }
+    return out;
+}
+
+void find_loop_IVs(struct LOOP* loop, const std::set<const SYMTAB*>& taken) {
     loop->ivs.clear();
-    for (auto& [v, n] : assignments)
-        if (n == 1 && steps.count(v) && !steps[v].is_zero() && is_private_variable(static_cast<const SYMTAB*>(v), taken))
-            loop->ivs.push_back({v, steps[v]});
+    for (auto& [v, a] : assignments_in_loop(loop))
+        if (a.count == 1 && a.steps_alike && !a.step.is_zero() &&
+            is_private_variable(static_cast<const SYMTAB*>(v), taken))
+            loop->ivs.push_back({v, a.step});
 }
 
 void find_loop_LCV(struct LOOP* loop) {

@@ -1,6 +1,7 @@
 // The loop hierarchy of the current function.
 #pragma once
 
+#include <map>
 #include <set>
 
 #include "OPT5/bbutils.h"
@@ -16,6 +17,14 @@ void build_loop_hierarchy(bool value_ranges, bool scalar_memrefs, bool simplify_
 void unbuild_loop_hierarchy();
 struct LOOP* make_LOOP(BBLK* head, BBLK* tail, int uid, const struct LOOP* model);
 void assign_loop_levels(struct LOOP* loop, int level);
+// How a loop assigns each variable it assigns at a statement's root: how
+// often, and whether each time by the same constant step (`step`).
+struct loop_assignments {
+    int count = 0;
+    bool steps_alike = true;
+    INT65 step;
+};
+std::map<const void*, loop_assignments> assignments_in_loop(const struct LOOP* loop);
 // The loop's induction variables: private variables (see
 // is_private_variable; `taken` holds the function's address-taken symbols)
 // assigned once in the loop, by a constant step.

@@ -28,8 +28,6 @@ int operators_in(const NODE* t) {
     return n + operators_in(t->left) + operators_in(t->right);
 }
 
-bool is_call(int op) { return op == CALL || op == UCALL || op == ICALL || op == UICALL || op == MCALL || op == UMCALL; }
-
 // The loop-carried latency of a statement x = f(x): the latencies along
 // the longest path from the root down to a use of x.
 int carried_latency(const NODE* t, const SYMTAB* x) {

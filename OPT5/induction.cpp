@@ -1,7 +1,6 @@
 #include "OPT5/induction.h"
 
 #include <cstdint>
-#include <map>
 #include <set>
 #include <string>
 #include <vector>
@@ -35,12 +34,6 @@ void info(const char* fmt, unsigned long long line, const char* name) {
 bool is_pointer(TYPE* t) { return t && t->stripped()->kind == TYPE::PTR_T; }
 
 unsigned pointer_bits() { return static_cast<unsigned>(integer_view(type_pkg->mk_int(TYPE::IK_ULONG, false))->size); }
-
-NODE* mk_NAME(SYMTAB* sym, TYPE* type) {
-    NODE* n = new_node(NAME, type);
-    n->mk_name(sym);
-    return n;
-}
 
 // Calls f(slot) for every operand slot below the statement, node before
 // operands; f returns false to keep the walk out of the slot's operands.
@@ -239,20 +232,10 @@ int loop_reducer::run() {
     // Counters stepped more than once per iteration (an unrolled loop's),
     // by the same amount each time, count too.
     std::vector<LOOPIV> counters = loop_->ivs;
-    std::map<const void*, std::pair<int, INT65>> steps;  // steps and their amount, or -1: not a counter
-    for (EDGE* e = loop_->contents; e; e = e->rest)
-        for (BODY_ENTRY& st : e->bb->statements) {
-            bool is_step = false;
-            INT65 amount;
-            const void* v = st.tree ? assigned_var(st.tree, is_step, amount) : nullptr;
-            if (!v) continue;
-            auto [it, fresh] = steps.emplace(v, std::make_pair(0, amount));
-            if (!is_step || it->second.second != amount) it->second.first = -1;
-            else if (it->second.first >= 0) ++it->second.first;
-        }
-    for (auto& [v, s] : steps)
-        if (s.first >= 2 && !s.second.is_zero() && is_private_variable(static_cast<const SYMTAB*>(v), taken_))
-            counters.push_back({v, s.second});
+    for (auto& [v, a] : assignments_in_loop(loop_))
+        if (a.count >= 2 && a.steps_alike && !a.step.is_zero() &&
+            is_private_variable(static_cast<const SYMTAB*>(v), taken_))
+            counters.push_back({v, a.step});
     int changes = 0;
     for (const LOOPIV& iv : counters) changes += reduce_counter(iv);
     return changes;

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <cstring>
 #include <map>
 #include <set>
 #include <memory>
@@ -90,37 +89,22 @@ std::unique_ptr<callee_copy> keep_for_copying(FUNINFO* fi, const call_graph::nod
         return nullptr;
     }
     bool in_args = true;
-    std::vector<const NODE*> work;
     for (const BODY_ENTRY& e : fi->body) {
-        if (e.kind == BODY_ENTRY::CONTROL) {
-            if (e.control == IR_END_ARGS) in_args = false;
-            continue;
+        if (e.kind == BODY_ENTRY::CONTROL && e.control == IR_END_ARGS) in_args = false;
+        SYMTAB* sym = e.kind == BODY_ENTRY::SYMBOL ? static_cast<SYMTAB*>(e.sym) : nullptr;
+        if (!sym || sym->global) continue;
+        if (in_args && !(sym->type && sym->type->stripped()->is_scalar())) {
+            why = "an argument is an aggregate";
+            return nullptr;
         }
-        if (e.kind == BODY_ENTRY::SYMBOL) {
-            SYMTAB* sym = static_cast<SYMTAB*>(e.sym);
-            if (!sym || sym->global) continue;
-            if (in_args && !(sym->type && sym->type->stripped()->is_scalar())) {
-                why = "an argument is an aggregate";
-                return nullptr;
-            }
-            (in_args ? copy->params : copy->locals).push_back(sym);
-            continue;
-        }
-        if (!e.tree) continue;
-        work.push_back(e.tree);
-        while (!work.empty()) {
-            const NODE* n = work.back();
-            work.pop_back();
-            if (n->opcode == ASM || n->opcode == PPRAGMA || n->opcode == RETURN) why = "of its body";
-            if (n->opcode == CALL || n->opcode == UCALL || n->opcode == MCALL || n->opcode == UMCALL ||
-                n->opcode == ICALL || n->opcode == UICALL)
-                copy->makes_calls = true;
-            if (n->opcode == NAME && n->symbol && needs_own_frame(n->symbol->name)) why = "it needs a frame of its own";
-            if (why) return nullptr;
-            if (n->left) work.push_back(n->left);
-            if (n->right) work.push_back(n->right);
-        }
+        (in_args ? copy->params : copy->locals).push_back(sym);
     }
+    for_each_body_node(fi->body, [&](const NODE* n) {
+        if (n->opcode == ASM || n->opcode == PPRAGMA || n->opcode == RETURN) why = "of its body";
+        if (n->opcode == NAME && n->symbol && needs_own_frame(n->symbol->name)) why = "it needs a frame of its own";
+        if (is_call(n->opcode)) copy->makes_calls = true;
+    });
+    if (why) return nullptr;
     for (const BODY_ENTRY& e : fi->body)
         if (e.kind == BODY_ENTRY::STMT && e.tree) {
             BODY_ENTRY c = e;
@@ -129,12 +113,6 @@ std::unique_ptr<callee_copy> keep_for_copying(FUNINFO* fi, const call_graph::nod
         }
     copy->marks_symbol_refs = fi->marks_symbol_refs;
     return copy;
-}
-
-SYMTAB* called_function(const NODE* call) {
-    const NODE* f = call->left;
-    if (f && f->opcode == UAND) f = f->left;
-    return f && f->opcode == NAME ? f->symbol : nullptr;
 }
 
 // The arguments of a call, in the order they are evaluated.
@@ -169,12 +147,6 @@ NODE* converted(NODE* value, TYPE* to) {
     return op > 0 ? mktree(op, to, value) : value;
 }
 
-NODE* name_of(SYMTAB* sym, TYPE* type) {
-    NODE* n = new_node(NAME, type);
-    n->mk_name(sym);
-    return n;
-}
-
 int largest_label(const std::vector<BODY_ENTRY>& body) {
     int largest = 0;
     for_each_body_node(body, [&](const NODE* n) {
@@ -204,6 +176,9 @@ private:
     };
     void find_sites(NODE*& root, const PSN& pos, std::vector<site>& sites);
     bool worth_copying(NODE* call, const callee_copy& c, const PSN& pos);
+    bool touches_shared(const NODE* n) const;
+    // Whether no node of the tree touches_shared (an address's operand is
+    // not read).
     bool reads_only_private(const NODE* t) const;
     void expand(NODE* call, const PSN& pos, const callee_copy& c, std::vector<BODY_ENTRY>& out);
     copy_locals& locals_for(const callee_copy& c);
@@ -243,9 +218,19 @@ copy_locals& inliner::locals_for(const callee_copy& c) {
     return l;
 }
 
-// Whether evaluating the tree changes nothing and reads nothing a callee
-// could change: constants, and the caller's own locals whose address is
-// never taken.
+// Whether evaluating the node itself (not its operands) changes something
+// or reads something a callee could change: anything but constants,
+// addresses and the caller's own locals whose address is never taken.
+bool inliner::touches_shared(const NODE* n) const {
+    int op = n->opcode;
+    if (op == NAME) {
+        if (!n->symbol || is_volatile_access(n)) return true;
+        bool address = n->type && !n->type->stripped()->is_scalar();
+        return !address && (n->symbol->global || address_taken_.count(n->symbol));
+    }
+    return (side_effects[op] != 0 && op != PCOMMA) || is_call(op) || op == UMULT || op == STREF || op == STDOT;
+}
+
 bool inliner::reads_only_private(const NODE* t) const {
     std::vector<const NODE*> work{t};
     while (!work.empty()) {
@@ -253,16 +238,7 @@ bool inliner::reads_only_private(const NODE* t) const {
         work.pop_back();
         if (!n) continue;
         if (n->opcode == UAND && n->left && n->left->opcode == NAME) continue;  // an address reads nothing
-        if (n->opcode == NAME) {
-            if (!n->symbol || is_volatile_access(n)) return false;
-            bool address = n->type && !n->type->stripped()->is_scalar();
-            if (!address && (n->symbol->global || address_taken_.count(n->symbol))) return false;
-        } else if (n->opcode != ICON && n->opcode != FCON && side_effects[n->opcode] != 0) {
-            return false;
-        } else if (n->opcode == UMULT || n->opcode == STREF || n->opcode == CALL || n->opcode == UCALL ||
-                   n->opcode == ASM || is_assignment(n->opcode) || n->opcode == PLUSPLUS || n->opcode == MINMIN) {
-            return false;
-        }
+        if (touches_shared(n)) return false;
         work.push_back(n->left);
         work.push_back(n->right);
     }
@@ -324,8 +300,7 @@ void inliner::find_sites(NODE*& root, const PSN& pos, std::vector<site>& sites) 
                 bool copied = it.clean_before && c && ((*c)->return_type || n == root) && worth_copying(n, **c, pos);
                 if (copied) sites.push_back({it.slot, *c});
                 clean = copied;
-            } else if (op == UMULT || is_assignment(op) || op == PLUSPLUS || op == MINMIN ||
-                       (op == NAME && !reads_only_private(n)) || (side_effects[op] != 0 && op != PCOMMA)) {
+            } else if (touches_shared(n)) {
                 clean = false;
             }
             continue;
@@ -367,7 +342,7 @@ void inliner::expand(NODE* call, const PSN& pos, const callee_copy& c, std::vect
     std::vector<NODE*> args = call_arguments(call);
     for (size_t i = 0; i < args.size(); ++i) {
         SYMTAB* p = l.map[c.params[i]];
-        push(out, mktree(ASG, p->type, name_of(p, p->type), converted(copy_tree(args[i]), p->type)), pos);
+        push(out, mktree(ASG, p->type, mk_NAME(p, p->type), converted(copy_tree(args[i]), p->type)), pos);
     }
     std::map<int, int> labels;
     auto label = [&](int old) {
@@ -394,7 +369,7 @@ void inliner::expand(NODE* call, const PSN& pos, const callee_copy& c, std::vect
             t->left = nullptr;
             erase_node(t);
             if (l.result)
-                push(out, mktree(ASG, l.result->type, name_of(l.result, l.result->type), converted(value, l.result->type)),
+                push(out, mktree(ASG, l.result->type, mk_NAME(l.result, l.result->type), converted(value, l.result->type)),
                      e.pos);
             else
                 erase_tree(value);
@@ -453,7 +428,7 @@ int inliner::run(int& unit_allowance) {
                 // overwrites it.
                 SYMTAB* keep = make_local_symbol(nullptr, value->type, value->name + std::to_string(replaced));
                 new_locals_.push_back(keep);
-                push(out, mktree(ASG, keep->type, name_of(keep, keep->type), name_of(value, value->type)), e.pos);
+                push(out, mktree(ASG, keep->type, mk_NAME(keep, keep->type), mk_NAME(value, value->type)), e.pos);
                 (*earlier)->symbol = keep;
             }
             expand(call, e.pos, *st.callee, out);
@@ -461,7 +436,7 @@ int inliner::run(int& unit_allowance) {
             if (call == e.tree) {
                 e.tree = nullptr;
             } else {
-                *st.slot = name_of(value, call->type);
+                *st.slot = mk_NAME(value, call->type);
                 reader[value] = *st.slot;
             }
             erase_tree(call);

@@ -69,9 +69,7 @@ bool unroll_with_counter_values(struct LOOP* loop, std::vector<BODY_ENTRY>& body
         }
     BODY_ENTRY last = body[step_at];
     erase_tree(last.tree);
-    NODE* name = new_node(NAME, counter->type);
-    name->mk_name(const_cast<SYMTAB*>(counter));
-    last.tree = mktree(ASG, counter->type, name,
+    last.tree = mktree(ASG, counter->type, mk_NAME(const_cast<SYMTAB*>(counter), counter->type),
                        mk_ICON(truncate_to_type(init + step * INT65(trips), type), counter->type));
     out.push_back(last);
     return true;

@@ -235,6 +235,12 @@ NODE* mk_integer_constant(INT65 v, TYPE* type) {
     return mk_ICON(v, type);
 }
 
+NODE* mk_NAME(SYMTAB* sym, TYPE* type) {
+    NODE* n = new_node(NAME, type);
+    n->mk_name(sym);
+    return n;
+}
+
 NODE* mk_LABELREF(int label) {
     NODE* n = new_node(LABEL, nullptr);
     n->value = INT65(label);

@@ -120,6 +120,8 @@ NODE* new_node(int opcode, TYPE* type);
 NODE* mktree(int opcode, TYPE* type, NODE* left, NODE* right = nullptr);
 NODE* mk_ICON(INT65 v, TYPE* type);
 NODE* mk_integer_constant(INT65 v, TYPE* type);
+// A NAME node of the symbol, read as `type`.
+NODE* mk_NAME(struct SYMTAB* sym, TYPE* type);
 NODE* mk_LABELREF(int label);
 NODE* mk_LABELDEF(NODE* label);
 NODE* mk_ASM(int kind, const std::string& text);

@@ -187,6 +187,10 @@ extern unsigned char number_of_operands[NUM_OPCODES];  // 255: no such opcode
 extern unsigned char op_OK_for_SP[NUM_OPCODES];
 extern unsigned char precedence[NUM_OPCODES];
 extern unsigned char side_effects[NUM_OPCODES];
+// Calls of every kind: named, through a pointer, built-in and method calls.
+inline bool is_call(int op) {
+    return op == CALL || op == UCALL || op == ICALL || op == UICALL || op == MCALL || op == UMCALL;
+}
 // The logical inverse of each comparison (ILLOP when it has none), and the
 // operator to use when the operands of a commutable operator are swapped.
 extern int boolean_inv[NUM_OPCODES];

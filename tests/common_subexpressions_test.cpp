@@ -53,9 +53,7 @@ int main(void) {
     printf("%ld %d %d %d %d\n", sum, a[1], a[2], g, pr.hi);
     return 0;
 })");
-    IFRUN_RESULT reference = run("");
-    ASSERT_TRUE(reference.ok);
-    for (const char* level : {"-o0", "-o1", "-o2", "-o3"}) EXPECT_EQ(run(level).output, reference.output) << level;
+    expect_same_at_every_level();
 }
 
 // Three reads of the same elements become one each.

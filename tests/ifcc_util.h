@@ -56,6 +56,18 @@ protected:
     IFRUN_RESULT run(const std::string& level) {
         return level.empty() ? run(std::vector<std::string>{}) : run(std::vector<std::string>{level});
     }
+    // The unit as compiled, run; every level's run prints and returns the
+    // same.  Returns the unoptimized run.
+    IFRUN_RESULT expect_same_at_every_level() {
+        IFRUN_RESULT reference = run("");
+        EXPECT_TRUE(reference.ok);
+        for (const char* level : {"-o0", "-o1", "-o2", "-o3"}) {
+            IFRUN_RESULT r = run(level);
+            EXPECT_EQ(r.output, reference.output) << level;
+            EXPECT_EQ(r.value, reference.value) << level;
+        }
+        return reference;
+    }
     static uint64_t ops(const IFRUN_RESULT& r, const char* opcode) {
         auto it = r.per_opcode.find(opcode);
         return it == r.per_opcode.end() ? 0 : it->second;

@@ -115,9 +115,7 @@ int main(void) {
     printf("%d %d\n", both(a, b, N), two_counters(a, N));
     return 0;
 })");
-    IFRUN_RESULT reference = run("");
-    ASSERT_TRUE(reference.ok);
-    for (const char* level : {"-o0", "-o1", "-o2", "-o3"}) EXPECT_EQ(run(level).output, reference.output) << level;
+    expect_same_at_every_level();
 }
 
 // A plain array loop at -o2: tested at the bottom, its addresses in
@@ -180,9 +178,8 @@ int main(void) {
     printf("%ld %ld %ld %ld\n", s, r[0], r[1], r[2]);
     return 0;
 })");
-    IFRUN_RESULT reference = run("");
+    IFRUN_RESULT reference = expect_same_at_every_level();
     ASSERT_TRUE(reference.ok);
-    for (const char* level : {"-o0", "-o1", "-o2", "-o3"}) EXPECT_EQ(run(level).output, reference.output) << level;
     IFRUN_RESULT rolled = run(std::vector<std::string>{"-o2", "--debug=skip_pass=37"}), unrolled = run("-o2");
     EXPECT_EQ(rolled.output, reference.output);
     // The loops of 64, 21 and 3 iterations: at least 32 + 14 + 3 tests fewer.
