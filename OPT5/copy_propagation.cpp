@@ -13,6 +13,7 @@
 #include "OPT5/funinfo.h"
 #include "OPT5/globals.h"
 #include "OPT5/node.h"
+#include "OPT5/simp.h"
 #include "OPT5/symtab.h"
 #include "TYPES/type_pkg.h"
 #include "UTIL/ptr_map.h"
@@ -25,9 +26,12 @@ const char THIS_MODULE[] = "OPT5/copy_propagation";
 constexpr size_t MAX_SET_BITS = size_t{1} << 26;
 
 
+// x = y between private variables; x = c with a constant c; x = &v with v
+// a scalar variable, after which *x reads or writes v itself.
 struct COPY {
     const SYMTAB* to;
-    const SYMTAB* from;
+    const SYMTAB* from;  // null for the other two kinds
+    const NODE* value;   // the constant or the address (the statement's own right side)
 };
 
 class COPY_PROPAGATION {
@@ -45,13 +49,19 @@ public:
         std::vector<BITVEC> in(nb, BITVEC(nc));
         if (global) solve(gen, kill, in);
         int rewritten = 0;
+        std::vector<BODY_ENTRY*> folded;  // statements that now read constants
         for (size_t i = 0; i < nb; ++i) {
             BITVEC avail = in[i];
             for (BODY_ENTRY& e : blocks_[i]->statements) {
-                rewritten += rewrite_reads(e.tree, avail);
+                bool constants = false;
+                rewritten += rewrite_reads(e.tree, avail, constants);
+                if (constants) folded.push_back(&e);
                 step(e.tree, avail, nullptr);
             }
         }
+        // Constants fold; a test they decide leaves the flow graph.
+        for (BODY_ENTRY* e : folded) e->tree = simp_tree(e->tree, nullptr);
+        if (!folded.empty()) simpcfg(false, false);
         if (print_debug && FDEBUG)
             DBG_CHECK(std::fprintf(FDEBUG, "Copy propagation: %d of %zu copies' reads rewritten in %s()\n", rewritten,
                                    nc, currfunc ? currfunc->name.c_str() : ""));
@@ -72,6 +82,17 @@ private:
         return t->is_scalar() && t->kind != TYPE::VECTOR_T ? n->symbol : nullptr;
     }
 
+    // A right side whose value a read may take instead of the variable: a
+    // number, or the address of a scalar variable (read through *x).
+    static const NODE* propagated_value(const NODE* r) {
+        if (r->opcode == ICON || r->opcode == FCON) return r;
+        if (r->opcode != UAND || !r->left || r->left->opcode != NAME || !r->left->symbol) return nullptr;
+        const NODE* v = r->left;
+        if (!v->type || !v->symbol->type || !exact_types(v->type, v->symbol->type)) return nullptr;
+        TYPE* t = v->type->stripped();
+        return t->is_scalar() && t->kind != TYPE::VECTOR_T && t->kind != TYPE::FUNC_T ? r : nullptr;
+    }
+
     // Numbers the copies; false when there is none to follow (or the
     // function holds inline assembly, which may name any variable).
     bool find_copies() {
@@ -83,13 +104,15 @@ private:
                 if (t->opcode == ASM) return false;
                 if (t->opcode != ASG || copies_.size() >= limit) continue;
                 const SYMTAB* to = private_name(t->left);
+                if (!to || !t->right || !exact_types(t->left->type, t->right->type)) continue;
                 const SYMTAB* from = private_name(t->right);
-                if (!to || !from || to == from || !exact_types(t->left->type, t->right->type)) continue;
+                const NODE* value = from ? nullptr : propagated_value(t->right);
+                if (from == to || (!from && !value)) continue;
                 int c = static_cast<int>(copies_.size());
-                copies_.push_back({to, from});
+                copies_.push_back({to, from, value});
                 copy_of_[t] = c;
                 involving_[to].push_back(c);
-                involving_[from].push_back(c);
+                if (from) involving_[from].push_back(c);
             }
         return !copies_.empty();
     }
@@ -168,27 +191,53 @@ private:
         }
     }
 
-    // Reads of x become reads of y where the copy x = y is available and
-    // the statement assigns neither inside (its top-level assignment is
-    // made after its operands are read).
-    int rewrite_reads(NODE*& stmt, const BITVEC& avail) const {
+    // Reads of x become reads of y, or the constant, where the copy is
+    // available and the statement assigns neither inside (its top-level
+    // assignment is made after its operands are read); *x becomes v where
+    // x = &v is.  `constants` tells whether a constant came in.
+    int rewrite_reads(NODE*& stmt, const BITVEC& avail, bool& constants) const {
         if (!stmt || !avail.any()) return 0;
         std::set<const SYMTAB*> embedded;
         for_each_assigned(stmt, [&](const SYMTAB* v, bool inside) {
             if (inside) embedded.insert(v);
         });
-        int n = 0;
-        for_each_read_name(stmt, [&](NODE*& t) {
+        // The copy of x in force here, if any.
+        auto available = [&](const NODE* t) -> const COPY* {
             const SYMTAB* x = private_name(t);
             const std::vector<int>* cs = x ? involving_.find(x) : nullptr;
-            if (!cs || embedded.count(x)) return;
+            if (!cs || embedded.count(x)) return nullptr;
             for (int c : *cs) {
                 const COPY& copy = copies_[static_cast<size_t>(c)];
-                if (copy.to != x || !avail.test(static_cast<size_t>(c)) || embedded.count(copy.from)) continue;
-                t->symbol = const_cast<SYMTAB*>(copy.from);
-                ++n;
+                if (copy.to == x && avail.test(static_cast<size_t>(c)) && !(copy.from && embedded.count(copy.from)))
+                    return &copy;
+            }
+            return nullptr;
+        };
+        int n = 0;
+        walk_and_modify_tree(stmt, [&](NODE*& slot) {
+            if (slot->opcode != UMULT || !slot->left || slot->left->opcode != NAME) return;
+            const COPY* copy = available(slot->left);
+            if (!copy || !copy->value || copy->value->opcode != UAND) return;
+            const NODE* v = copy->value->left;
+            if (!slot->type || !exact_types(slot->type, v->type)) return;
+            erase_tree(slot);
+            slot = copy_tree(v);
+            ++n;
+        });
+        for_each_read_name(stmt, [&](NODE*& t) {
+            const COPY* copy = available(t);
+            if (!copy) return;
+            if (copy->from) {
+                t->symbol = const_cast<SYMTAB*>(copy->from);
+            } else if (copy->value->opcode != UAND) {
+                TYPE* type = t->type;
+                erase_node(t);
+                t = converted(copy_tree(copy->value), type);
+                constants = true;
+            } else {
                 return;
             }
+            ++n;
         });
         return n;
     }

@@ -119,15 +119,6 @@ int count_name(const NODE* t, const SYMTAB* sym) {
     return (t->opcode == NAME && t->symbol == sym ? 1 : 0) + count_name(t->left, sym) + count_name(t->right, sym);
 }
 
-NODE* converted(NODE* value, TYPE* type) {
-    if (!type || !value->type || exact_types(value->type, type)) return value;
-    if (value->opcode == ICON && integer_view(type)) {
-        value->value = truncate_to_type(value->value, type);
-        value->type = type;
-        return value;
-    }
-    return mktree(type->stripped()->kind == TYPE::PTR_T ? PCONV : SCONV, type, value);
-}
 
 // Statements that only compute a value: when it has no effect they go.
 bool is_expression_statement(const NODE* t) {
@@ -160,6 +151,16 @@ bool drop_useless_statements(BBLK* b) {
 }
 
 }  // namespace
+
+NODE* converted(NODE* value, TYPE* type) {
+    if (!type || !value->type || exact_types(value->type, type)) return value;
+    if (value->opcode == ICON && integer_view(type)) {
+        value->value = truncate_to_type(value->value, type);
+        value->type = type;
+        return value;
+    }
+    return mktree(type->stripped()->kind == TYPE::PTR_T ? PCONV : SCONV, type, value);
+}
 
 std::set<const SYMTAB*> address_taken_symbols() {
     std::set<const SYMTAB*> out;

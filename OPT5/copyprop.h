@@ -11,6 +11,7 @@
 #include "OPT5/opcodes.h"
 
 struct SYMTAB;
+struct TYPE;
 
 void fast_CP(int32_t iterations, int32_t early);
 void elim_dead_assigns(bool delay, bool promote);
@@ -41,6 +42,8 @@ size_t tree_size_up_to(const NODE* t, size_t limit);
 // assignment or & names) to `f` by its operand slot, where f may replace it.
 void for_each_read_name(NODE*& tree, const std::function<void(NODE*&)>& f);
 
+// The value as the type: a constant truncated to it, or a conversion.
+NODE* converted(NODE* value, TYPE* type);
 // The side effects of a tree (null when it has none); the rest is freed.
 NODE* peel_for_effect(NODE* tree);
 bool sym_appears_in_tree(const SYMTAB* sym, const NODE* tree);

@@ -142,7 +142,7 @@ int conversion(TYPE* from, TYPE* to) {
     return -1;
 }
 
-NODE* converted(NODE* value, TYPE* to) {
+NODE* passed_as(NODE* value, TYPE* to) {
     int op = conversion(value->type, to);
     return op > 0 ? mktree(op, to, value) : value;
 }
@@ -342,7 +342,7 @@ void inliner::expand(NODE* call, const PSN& pos, const callee_copy& c, std::vect
     std::vector<NODE*> args = call_arguments(call);
     for (size_t i = 0; i < args.size(); ++i) {
         SYMTAB* p = l.map[c.params[i]];
-        push(out, mktree(ASG, p->type, mk_NAME(p, p->type), converted(copy_tree(args[i]), p->type)), pos);
+        push(out, mktree(ASG, p->type, mk_NAME(p, p->type), passed_as(copy_tree(args[i]), p->type)), pos);
     }
     std::map<int, int> labels;
     auto label = [&](int old) {
@@ -369,7 +369,7 @@ void inliner::expand(NODE* call, const PSN& pos, const callee_copy& c, std::vect
             t->left = nullptr;
             erase_node(t);
             if (l.result)
-                push(out, mktree(ASG, l.result->type, mk_NAME(l.result, l.result->type), converted(value, l.result->type)),
+                push(out, mktree(ASG, l.result->type, mk_NAME(l.result, l.result->type), passed_as(value, l.result->type)),
                      e.pos);
             else
                 erase_tree(value);

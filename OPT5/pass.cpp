@@ -73,8 +73,10 @@ void lcse() { eliminate_common_subexpressions(false); }
 void rotate_loops_step() { rotate_loops(); }
 void DD_restructuring() { unroll_loops(); }
 // Induction variables become pointers, whose steps then join their accesses.
+// The pointers start from the counters' first values, known constants more
+// often than not: propagated, they fold, and the counters' assignments die.
 void propagate_increments() {
-    reduce_address_induction();
+    if (reduce_address_induction() > 0 && copyprop(1) > 0) elim_dead_assigns(false, false);
     fold_post_increments();
 }
 void auto_inline_step() { auto_inline_call_sites(); }

@@ -989,7 +989,17 @@ NODE* simp_SCONV(NODE* n) {
 }
 
 NODE* simp_PCONV(NODE* n) {
-    if (n->left && n->type && n->left->type && exact_types(n->type, n->left->type)) return keep_operand(n, n->left);
+    if (!n->left || !n->type || !n->left->type) return n;
+    // Pointers of every type have one size: a chain of conversions between
+    // them is the last one.
+    NODE* x = n->left;
+    if (x->opcode == PCONV && x->left && x->left->type && x->left->type->stripped()->kind == TYPE::PTR_T &&
+        x->type->stripped()->kind == TYPE::PTR_T && n->type->stripped()->kind == TYPE::PTR_T) {
+        n->left = x->left;
+        x->left = nullptr;
+        erase_node(x);
+    }
+    if (exact_types(n->type, n->left->type)) return keep_operand(n, n->left);
     return n;
 }
 

@@ -71,6 +71,29 @@ int main(void) {
     EXPECT_EQ(calls(o2), remaining);
 }
 
+// A copy's pointer parameters that hold the addresses of the caller's
+// locals: what the copy reads and writes through them are the locals.
+TEST_F(InlineOpt, PointersToLocalsBecomeTheLocals) {
+    compile(R"(#include <stdio.h>
+static void count_bits(int *n, int *run, int v) {
+    for (int k = 0; k < 4; k++) {
+        int b = (v >> k) & 1;
+        *run = b ? *run + 1 : 0;
+        *n += b;
+    }
+}
+int main(void) {
+    int n = 0, run = 0;
+    for (int v = 0; v < 20; v++) count_bits(&n, &run, v);
+    printf("%d %d\n", n, run);
+    return n;
+})");
+    IFRUN_RESULT reference = expect_same_at_every_level();
+    ASSERT_TRUE(reference.ok);
+    EXPECT_GT(ops(reference, "UMULT"), 0u);
+    EXPECT_EQ(ops(run("-o2"), "UMULT"), 0u);
+}
+
 // The level, the size/speed goal and the switches decide.
 TEST_F(InlineOpt, TheCostModelFollowsLevelGoalAndSwitches) {
     compile(R"(
