@@ -223,6 +223,46 @@ void dump_loops() {
 
 bool loop_contains(const struct LOOP* loop, const BBLK* bb) { return edge_memberp(bb, loop->contents); }
 
+// Where statements run once before the loop: its preheader, made when the
+// loop has none.
+BBLK* preheader_of(struct LOOP* loop) {
+    if (loop->preheader) return loop->preheader;
+    BBLK* outside = nullptr;
+    for (EDGE* e = loop->head->predecessors; e; e = e->rest)
+        if (!loop_contains(loop, e->bb)) {
+            if (outside) return nullptr;
+            outside = e->bb;
+        }
+    if (!outside) return nullptr;
+    BBLK* pre = split_cfg_edge(outside, loop->head);
+    // It falls into the head when it lies just before it.
+    NODE* jump = pre->statements.empty() ? nullptr : pre->statements.back().tree;
+    if (jump && jump->opcode == BRANCH && pre->next == loop->head) {
+        erase_tree(jump);
+        pre->statements.pop_back();
+    }
+    loop->preheader = pre;
+    // It belongs to the loops around this one.
+    pre->loop = loop->parent;
+    for (struct LOOP* l = loop->parent; l; l = l->parent) l->contents = mkedge(pre, l->contents);
+    return pre;
+}
+
+// Appends a statement to a preheader, before the jump that ends it.
+void append_before_jump(BBLK* b, NODE* tree, const PSN& pos) {
+    BODY_ENTRY e;
+    e.tree = tree;
+    e.pos = pos;
+    auto at = b->statements.end();
+    if (!b->statements.empty()) {
+        std::vector<int> labels;
+        bool falls = true;
+        list_branch_targets(b->statements.back().tree, labels, falls);
+        if (!labels.empty() || !falls) --at;
+    }
+    b->statements.insert(at, e);
+}
+
 struct LOOP* make_LOOP(BBLK* head, BBLK* tail, int uid, const struct LOOP* model) {
     struct LOOP* l = new struct LOOP;
     if (model) {

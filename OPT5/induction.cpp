@@ -140,43 +140,6 @@ bool is_step_of(const NODE* t, const SYMTAB* iv) {
     return assigned_var(t, is_step, step) == iv && is_step;
 }
 
-// Where statements run once before the loop: its preheader, made when the
-// loop has none.
-BBLK* preheader_of(struct LOOP* loop) {
-    if (loop->preheader) return loop->preheader;
-    BBLK* outside = nullptr;
-    for (EDGE* e = loop->head->predecessors; e; e = e->rest)
-        if (!loop_contains(loop, e->bb)) {
-            if (outside) return nullptr;
-            outside = e->bb;
-        }
-    if (!outside) return nullptr;
-    BBLK* pre = split_cfg_edge(outside, loop->head);
-    // It falls into the head when it lies just before it.
-    NODE* jump = pre->statements.empty() ? nullptr : pre->statements.back().tree;
-    if (jump && jump->opcode == BRANCH && pre->next == loop->head) {
-        erase_tree(jump);
-        pre->statements.pop_back();
-    }
-    loop->preheader = pre;
-    return pre;
-}
-
-// Appends a statement to a preheader, before the jump that ends it.
-void append_before_jump(BBLK* b, NODE* tree, const PSN& pos) {
-    BODY_ENTRY e;
-    e.tree = tree;
-    e.pos = pos;
-    auto at = b->statements.end();
-    if (!b->statements.empty()) {
-        std::vector<int> labels;
-        bool falls = true;
-        list_branch_targets(b->statements.back().tree, labels, falls);
-        if (!labels.empty() || !falls) --at;
-    }
-    b->statements.insert(at, e);
-}
-
 // One new pointer: the address it stands for and how it moves.
 struct reduced {
     NODE* address;  // a copy of the address tree (owned)

@@ -22,6 +22,7 @@
 #include "OPT5/induction.h"
 #include "OPT5/inlining.h"
 #include "OPT5/loop_rotation.h"
+#include "OPT5/loop_invariants.h"
 #include "OPT5/loop_unrolling.h"
 #include "OPT5/park.h"
 #include "OPT5/globals.h"
@@ -71,7 +72,11 @@ void global_CP() {
 void global_CSE() { eliminate_common_subexpressions(true); }
 void lcse() { eliminate_common_subexpressions(false); }
 void rotate_loops_step() { rotate_loops(); }
-void DD_restructuring() { unroll_loops(); }
+// Invariants leave their loops before the loops are copied.
+void DD_restructuring() {
+    hoist_loop_invariants();
+    unroll_loops();
+}
 // Induction variables become pointers, whose steps then join their accesses.
 // The pointers start from the counters' first values, known constants more
 // often than not: propagated, they fold, and the counters' assignments die.

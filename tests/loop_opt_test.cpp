@@ -191,4 +191,52 @@ int main(void) {
     EXPECT_EQ(ops(small, "CBRANCH"), ops(rolled, "CBRANCH"));
 }
 
+// Invariant computations leave their loops, but only from blocks every
+// entry to the loop runs: a division the loop guards, one after a break,
+// one in a loop that may not run and a read of a variable set on one path
+// all stay where they are (moved, they would fail when the loop did not).
+TEST_F(LoopOpt, InvariantsLeaveLoopsOnlyWhereTheyRanAnyway) {
+    compile(R"(#include <stdio.h>
+static int a[40], b[40];
+static const int lut[8] = {3, 1, 4, 1, 5, 9, 2, 6};
+static volatile int trips = 37, zero = 0;
+static int touch(int v) { b[v & 31] = v; return v; }
+int main(void) {
+    int m = trips, z = zero, d = zero, k = m - 32, u;
+    long s = 0;
+    for (int i = 0; i < 40; i++) a[i] = i * 3 - 50;
+    if (m > 100) u = 5;
+    for (int i = 0; i < m; i++) s += a[i] * (k * k + 1) + lut[k & 7];
+    for (int j = 0; j < 6; j++)
+        for (int i = 0; i < m; i++) s += (k * k + j) ^ (j * 3 + k);
+    for (int i = 0; i < m; i++) {
+        if (d != 0) s += 100 / d;
+        s += i * (k + 2);
+    }
+    for (int i = 0; i < m; i++) {
+        if (i == 3 || d == 0) break;
+        s += 100 / d;
+    }
+    for (int i = 0; i < z; i++) s += 100 / d;
+    for (int i = 0; i < m; i++)
+        if (m > 100) s += u * 3;
+    for (int i = 0; i < m; i++) {
+        b[i & 31] = i;
+        s += lut[k & 7] + b[k];
+    }
+    for (int i = 0; i < m; i++) s += touch(i) + b[k & 3] * (k - 1);
+    printf("%ld %d %d\n", s, b[5], b[3]);
+    return 0;
+})");
+    IFRUN_RESULT reference = expect_same_at_every_level();
+    ASSERT_TRUE(reference.ok);
+    // Without the step (and unrolling, its neighbour) every iteration
+    // multiplies k by itself again: 37 times in the first loop, and k * k
+    // and j * 3 in each of the 6 * 37 inner iterations of the nested one.
+    IFRUN_RESULT kept = run(std::vector<std::string>{"-o2", "--debug=skip_pass=37"}), moved = run("-o2");
+    EXPECT_EQ(kept.output, reference.output);
+    EXPECT_LE(ops(moved, "MULT") + 400, ops(kept, "MULT"));
+    EXPECT_LT(moved.operations, kept.operations);
+}
+
 }  // namespace

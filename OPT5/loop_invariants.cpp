@@ -1,0 +1,308 @@
+#include "OPT5/loop_invariants.h"
+
+#include <cstdio>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "OPT5/bbutils.h"
+#include "OPT5/cmdline.h"
+#include "OPT5/copyprop.h"
+#include "OPT5/ddbloop.h"
+#include "OPT5/dominator.h"
+#include "OPT5/funinfo.h"
+#include "OPT5/globals.h"
+#include "OPT5/node.h"
+#include "OPT5/opt_client.h"
+#include "OPT5/symtab.h"
+#include "TYPES/type_pkg.h"
+#include "UTIL/ptr_map.h"
+
+namespace {
+
+// Operators whose value is a function of their operands' values alone.
+bool is_pure_operator(int op) {
+    switch (op) {
+    case PLUS: case MINUS: case MULT: case DIV: case MOD: case ANDB: case ORB: case XORB: case SLL: case SRL:
+    case UMINUS: case NOTB: case EXCLAIM: case ABS: case SCONV: case PCONV:
+    case EQ: case NEQ: case LE: case LT: case GE: case GT: case ULE: case ULT: case UGE: case UGT:
+    case FEQ: case FNEQ: case FLE: case FLT: case FGE: case FGT:
+    case QUEST: case COLON: case ANDAND: case OROR:
+        return true;
+    default: return false;
+    }
+}
+
+// Tests stay in place: they are cheap, and where they are tested they are
+// conditions, not values.
+bool is_condition(int op) {
+    return (op >= EQ && op <= UGT) || (op >= FEQ && op <= FUNO) || op == ANDAND || op == OROR || op == EXCLAIM;
+}
+
+bool plain_scalar(TYPE* t) {
+    if (!t) return false;
+    TYPE* s = t->stripped();
+    return s->is_scalar() && s->kind != TYPE::VECTOR_T && s->kind != TYPE::FUNC_T;
+}
+
+// What a loop changes.
+struct loop_effects {
+    std::set<const SYMTAB*> assigned;  // variables assigned by name
+    bool memory = false;               // stores, calls, volatile accesses
+    bool assembly = false;
+};
+
+// How a tree's value relates to the loop.
+enum : char { VARIES, FIXED, INVARIANT };  // FIXED: a constant or an address; INVARIANT: reads what the loop keeps
+
+class hoister {
+public:
+    explicit hoister(const std::set<const SYMTAB*>& taken) : taken_(taken) {}
+
+    // Moves the invariant computations of the blocks out of the loop.
+    int run(struct LOOP* loop, const std::vector<BBLK*>& blocks) {
+        loop_ = loop;
+        preheader_ = nullptr;
+        effects_ = effects_of(loop);
+        if (effects_.assembly) return 0;
+        kind_.clear();
+        moved_.clear();
+        int moved = 0;
+        for (BBLK* b : blocks)
+            for (BODY_ENTRY& e : b->statements) moved += hoist_from(e);
+        // Freed only now: the kinds remembered are of nodes that still live.
+        for (NODE* n : dropped_) erase_tree(n);
+        dropped_.clear();
+        return moved;
+    }
+
+    BBLK* preheader() const { return preheader_; }
+
+private:
+    const std::set<const SYMTAB*>& taken_;
+    struct LOOP* loop_ = nullptr;
+    loop_effects effects_;
+    ptr_map<const NODE*, char> kind_;
+    std::vector<std::pair<NODE*, SYMTAB*>> moved_;  // the trees computed before the loop, and their temporaries
+    BBLK* preheader_ = nullptr;
+    std::vector<NODE*> dropped_;  // trees the temporaries replaced
+    int temporaries_ = 0;
+
+    loop_effects effects_of(struct LOOP* loop) const {
+        loop_effects fx;
+        for (EDGE* c = loop->contents; c; c = c->rest)
+            for (const BODY_ENTRY& e : c->bb->statements) {
+                std::vector<const NODE*> work{e.tree};
+                while (!work.empty()) {
+                    const NODE* n = work.back();
+                    work.pop_back();
+                    if (!n || n->opcode == LABEL || n->opcode == FIELD) continue;
+                    int op = n->opcode;
+                    if (op == ASM) fx.assembly = true;
+                    if (is_volatile_access(n)) fx.memory = true;
+                    if (side_effects[op] == 1) {
+                        const NODE* place = n->left;
+                        if (place && place->opcode == NAME && place->symbol) {
+                            fx.assigned.insert(place->symbol);
+                            if (!is_private_variable(place->symbol, taken_)) fx.memory = true;
+                        } else {
+                            fx.memory = true;
+                        }
+                    } else if (side_effects[op] == 255 && op != PCOMMA && op != COMMAOP) {
+                        fx.memory = true;
+                    }
+                    work.push_back(n->left);
+                    work.push_back(n->right);
+                }
+            }
+        return fx;
+    }
+
+    // The kind of a tree read as a value; every node of it gets its kind.
+    char kind_of(const NODE* root) {
+        if (const char* k = kind_.find(root)) return *k;
+        std::vector<std::pair<const NODE*, bool>> work{{root, false}};
+        while (!work.empty()) {
+            auto [n, operands_done] = work.back();
+            work.pop_back();
+            if (kind_.find(n)) continue;
+            if (!operands_done && is_pure_operator(n->opcode)) {
+                work.push_back({n, true});
+                for (const NODE* o : {n->left, n->right})
+                    if (o && !kind_.find(o)) work.push_back({o, false});
+                continue;
+            }
+            kind_[n] = classify(n);
+        }
+        return kind_[root];
+    }
+
+    char classify(const NODE* n) const {
+        switch (n->opcode) {
+        case ICON: case FCON: case SCON: return FIXED;
+        case UAND: return n->left && n->left->opcode == NAME ? FIXED : VARIES;
+        case NAME: {
+            const SYMTAB* s = n->symbol;
+            if (!s || !plain_scalar(n->type) || !plain_scalar(s->type) || is_volatile_access(n)) return VARIES;
+            if (is_private_variable(s, taken_)) return effects_.assigned.count(s) ? VARIES : INVARIANT;
+            return effects_.memory || effects_.assigned.count(s) ? VARIES : INVARIANT;
+        }
+        case UMULT:
+            if (effects_.memory || is_volatile_access(n) || !plain_scalar(n->type) || !n->left) return VARIES;
+            return kind_.find(n->left) && *kind_.find(n->left) != VARIES ? INVARIANT : VARIES;
+        default: break;
+        }
+        if (!is_pure_operator(n->opcode)) return VARIES;
+        char k = FIXED;
+        for (const NODE* o : {n->left, n->right}) {
+            if (!o) continue;
+            const char* ok = kind_.find(o);
+            if (!ok || *ok == VARIES) return VARIES;
+            if (*ok == INVARIANT) k = INVARIANT;
+        }
+        return k;
+    }
+
+    // The operand slots of a statement whose values the statement reads
+    // every time it runs, in no particular order.
+    int hoist_from(BODY_ENTRY& e) {
+        NODE* t = e.tree;
+        if (!t) return 0;
+        std::vector<NODE**> work;
+        auto place = [&](NODE*& p) {  // the place an assignment writes: only its address is read
+            if (p && p->opcode == UMULT && p->left) work.push_back(&p->left);
+        };
+        switch (t->opcode) {
+        case LABELDEF: case PPRAGMA: case ASM: case BRANCH: return 0;
+        case CBRANCH: case SWITCH: case URETURN: work.push_back(&t->left); break;
+        default:
+            if (side_effects[t->opcode] == 1) {
+                place(t->left);
+                work.push_back(&t->right);
+            } else {
+                work.push_back(&t->left);
+                work.push_back(&t->right);
+            }
+        }
+        int moved = 0;
+        while (!work.empty()) {
+            NODE** slot = work.back();
+            work.pop_back();
+            NODE* n = *slot;
+            if (!n || n->opcode == LABEL || n->opcode == FIELD) continue;
+            if (kind_of(n) == INVARIANT && n->opcode != NAME && !is_condition(n->opcode) && plain_scalar(n->type)) {
+                if (move(slot, e.pos)) {
+                    ++moved;
+                    continue;
+                }
+            }
+            int op = n->opcode;
+            if (op == UAND) continue;
+            if (side_effects[op] == 1) {
+                place(n->left);
+                work.push_back(&n->right);
+                continue;
+            }
+            work.push_back(&n->left);
+            // The second operand of && and || and the arms of ?: may not run.
+            if (op != ANDAND && op != OROR && op != QUEST) work.push_back(&n->right);
+        }
+        return moved;
+    }
+
+    // Computes the tree in the slot before the loop; the slot reads the
+    // temporary.
+    bool move(NODE** slot, const PSN& pos) {
+        NODE* n = *slot;
+        SYMTAB* temp = nullptr;
+        for (auto& [tree, t] : moved_)
+            if (same_tree(tree, n)) temp = t;
+        if (!temp) {
+            if (!preheader_) preheader_ = preheader_of(loop_);
+            if (!preheader_) return false;
+            temp = make_local_temporary(n->type, "inv." + std::to_string(++temporaries_));
+            if (!temp) return false;
+            NODE* tree = copy_tree(n);
+            append_before_jump(preheader_, mktree(ASG, n->type, mk_NAME(temp, n->type), tree), pos);
+            moved_.push_back({tree, temp});
+        }
+        *slot = mk_NAME(temp, n->type);
+        dropped_.push_back(n);
+        return true;
+    }
+};
+
+// The nearest block that dominates both.
+BBLK* common_dominator(Dominator* dom, BBLK* a, BBLK* b) {
+    std::set<const BBLK*> above;
+    for (BBLK* x = a; x; x = dom->immediate_dominator(x)) {
+        above.insert(x);
+        if (x == currfuninfo->bb_list) break;
+    }
+    for (BBLK* x = b; x; x = dom->immediate_dominator(x)) {
+        if (above.count(x)) return x;
+        if (x == currfuninfo->bb_list) break;
+    }
+    return nullptr;
+}
+
+// The blocks of the loop itself (not of loops inside it) that run whenever
+// the loop is entered, before it is left: those that dominate every block
+// with an edge out of the loop.
+std::vector<BBLK*> always_run(Dominator* dom, struct LOOP* loop) {
+    BBLK* all = nullptr;
+    bool any = false;
+    for (EDGE* c = loop->contents; c; c = c->rest)
+        for (EDGE* s = c->bb->successors; s; s = s->rest)
+            if (!loop_contains(loop, s->bb)) {
+                all = any ? common_dominator(dom, all, c->bb) : c->bb;
+                any = true;
+                if (!all) return {};
+            }
+    std::vector<BBLK*> out;
+    for (BBLK* b = all; b && loop_contains(loop, b); b = dom->immediate_dominator(b)) {
+        if (b->loop == loop) out.push_back(b);
+        if (b == loop->head) break;
+    }
+    return out;
+}
+
+}  // namespace
+
+int hoist_loop_invariants() {
+    FUNINFO* fi = currfuninfo;
+    if (opt_level() < 2 || !fi || !fi->bb_list) return 0;
+    build_loop_hierarchy(false, false, false, 0);
+    if (fi->loops.empty()) return 0;
+    Dominator* dom = compute_dominators(false);
+    std::vector<struct LOOP*> loops = fi->loops;  // inner loops first
+    std::vector<std::vector<BBLK*>> blocks;
+    for (struct LOOP* l : loops) blocks.push_back(always_run(dom, l));
+    hoister h(fi->address_taken);
+    int total = 0;
+    for (size_t i = 0; i < loops.size(); ++i) {
+        struct LOOP* l = loops[i];
+        int moved = blocks[i].empty() ? 0 : h.run(l, blocks[i]);
+        // A preheader made for this loop runs whenever its head does.
+        if (BBLK* pre = h.preheader(); pre && l->parent)
+            for (size_t j = i + 1; j < loops.size(); ++j)
+                if (loops[j] == l->parent) {
+                    std::vector<BBLK*>& outer = blocks[j];
+                    for (size_t k = 0; k < outer.size(); ++k)
+                        if (outer[k] == l->head) {
+                            outer.insert(outer.begin() + static_cast<long>(k), pre);
+                            break;
+                        }
+                }
+        if (moved && write_opt_info && finfo) {
+            unsigned long long line = l->head->statements.empty() ? 0 : l->head->statements.front().pos.line;
+            std::fprintf(finfo, "Loop at line %llu: %d invariant computation%s moved before the loop.\n", line, moved,
+                         moved == 1 ? "" : "s");
+        }
+        total += moved;
+    }
+    unbuild_loop_hierarchy();
+    if (total) rebuildcfg();
+    return total;
+}
