@@ -339,7 +339,10 @@ int cse::rewrite(BODY_ENTRY& e) {
         SYMTAB* var = match ? match->var : nullptr;
         if (match && !var) var = keep_in_temporary(*match);
         if (var) {
-            *slot = mk_NAME(var, n->type);
+            // The variable read as it is declared when only qualifiers tell
+            // the types apart, so that later steps see a plain read of it.
+            bool plain = var->type && n->type && var->type->stripped() == n->type->stripped();
+            *slot = mk_NAME(var, plain ? var->type : n->type);
             erase_tree(n);
             ++replaced;
             continue;

@@ -78,6 +78,26 @@ int main(void) {
     EXPECT_LE(ops(o2, "UMULT"), 2u * 64 + 8);
 }
 
+// A const element read again is read from the variable that holds it; the
+// copies that makes (one inlined function's parameters from another's) are
+// propagated like any other, the qualifier of the element notwithstanding.
+TEST_F(CommonSubexpressions, ReusedConstLoadsLeaveNoCopies) {
+    compile(R"(
+static const short vals[] = {3, -1, 4, 1, -5, 9, 2, -6};
+static short add(short a, short b) { return (short)(a + b); }
+static short sub(short a, short b) { return (short)(a - b); }
+int main(void) {
+    int h = 0;
+    for (int i = 0; i < 8; i++) h = h * 3 + add(vals[i], vals[7 - i]) + sub(vals[i], vals[7 - i]);
+    return h & 0x7fff;
+})");
+    IFRUN_RESULT reference = run(""), o2 = run("-o2");
+    ASSERT_TRUE(reference.ok && o2.ok);
+    EXPECT_EQ(o2.value, reference.value);
+    // Per iteration: the two loads, the two results and h.
+    EXPECT_LE(ops(o2, "ASG"), 5u * 8 + 4);
+}
+
 // Two blocks entered from one both compute again what it computed: the
 // temporary is made once, for both.
 TEST_F(CommonSubexpressions, BranchesShareOneTemporary) {
