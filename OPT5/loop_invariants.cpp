@@ -21,19 +21,6 @@
 
 namespace {
 
-// Operators whose value is a function of their operands' values alone.
-bool is_pure_operator(int op) {
-    switch (op) {
-    case PLUS: case MINUS: case MULT: case DIV: case MOD: case ANDB: case ORB: case XORB: case SLL: case SRL:
-    case UMINUS: case NOTB: case EXCLAIM: case ABS: case SCONV: case PCONV:
-    case EQ: case NEQ: case LE: case LT: case GE: case GT: case ULE: case ULT: case UGE: case UGT:
-    case FEQ: case FNEQ: case FLE: case FLT: case FGE: case FGT:
-    case QUEST: case COLON: case ANDAND: case OROR:
-        return true;
-    default: return false;
-    }
-}
-
 // Tests stay in place: they are cheap, and where they are tested they are
 // conditions, not values.
 bool is_condition(int op) {

@@ -191,6 +191,19 @@ extern unsigned char side_effects[NUM_OPCODES];
 inline bool is_call(int op) {
     return op == CALL || op == UCALL || op == ICALL || op == UICALL || op == MCALL || op == UMCALL;
 }
+// Operators whose value is a function of their operands' values alone
+// (arithmetic, logic, comparisons, conversions, the conditional operators).
+inline bool is_pure_operator(int op) {
+    switch (op) {
+    case PLUS: case MINUS: case MULT: case DIV: case MOD: case ANDB: case ORB: case XORB: case SLL: case SRL:
+    case UMINUS: case NOTB: case EXCLAIM: case ABS: case SCONV: case PCONV:
+    case EQ: case NEQ: case LE: case LT: case GE: case GT: case ULE: case ULT: case UGE: case UGT:
+    case FEQ: case FNEQ: case FLE: case FLT: case FGE: case FGT:
+    case QUEST: case COLON: case ANDAND: case OROR:
+        return true;
+    default: return false;
+    }
+}
 // The logical inverse of each comparison (ILLOP when it has none), and the
 // operator to use when the operands of a commutable operator are swapped.
 extern int boolean_inv[NUM_OPCODES];

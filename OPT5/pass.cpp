@@ -24,6 +24,7 @@
 #include "OPT5/loop_rotation.h"
 #include "OPT5/loop_invariants.h"
 #include "OPT5/loop_unrolling.h"
+#include "OPT5/superblocks.h"
 #include "OPT5/park.h"
 #include "OPT5/globals.h"
 #include "UTIL/support.h"
@@ -85,6 +86,7 @@ void propagate_increments() {
     fold_post_increments();
 }
 void auto_inline_step() { auto_inline_call_sites(); }
+void superblocks() { sink_partially_dead_assignments(); }
 void lcp() {
     if (opt_level() < 1) return;
     if (copyprop(1) > 0) elim_dead_assigns(false, false);
@@ -143,7 +145,7 @@ const step pass_table[] = {
     {"DD restructuring", false, DD_restructuring, 2},
     {"expand cluster refs", false, no_action, NEVER},
     {"CSU returning temp", false, no_action, NEVER},
-    {"superblocks", false, no_action, NEVER},
+    {"superblocks", false, superblocks, 2},
     {"subrange", false, no_action, NEVER},
     {"lcp", false, lcp, 1},
     {"sti-to-cinit", false, no_action, NEVER},
