@@ -388,10 +388,46 @@ int reduce_address_induction() {
     return changes;
 }
 
+namespace {
+constexpr int MAX_BLOCKS_BETWEEN = 32;
+
+// Past a join: the nearest block above `from` in the dominator tree that
+// names the pointer, when it and the step's block `step` run equally often
+// (the same innermost loop, the step's block running whenever it does) and
+// no block between them names the pointer.  `at` gets one past its last
+// statement that does.  Null when there is none.
+BBLK* use_above_join(BBLK* from, BBLK* step, const SYMTAB* p, size_t& at) {
+    Dominator* dom = dominators();
+    BBLK* d = from;
+    for (int hops = 0;; ++hops) {
+        if (hops > 8 || d == currfuninfo->bb_list) return nullptr;
+        d = dom->immediate_dominator(d);
+        if (!d) return nullptr;
+        if (sym_appears_in_bb(p, d)) break;
+    }
+    if (d->loop != step->loop || !dom->post_dominates(step, d)) return nullptr;
+    // Every block a path from d reaches before the step's block.
+    std::vector<BBLK*> work;
+    std::set<const BBLK*> seen{d, step};
+    for (EDGE* e = d->successors; e; e = e->rest) work.push_back(e->bb);
+    while (!work.empty()) {
+        BBLK* x = work.back();
+        work.pop_back();
+        if (!seen.insert(x).second) continue;
+        if (seen.size() > MAX_BLOCKS_BETWEEN || sym_appears_in_bb(p, x)) return nullptr;
+        for (EDGE* e = x->successors; e; e = e->rest) work.push_back(e->bb);
+    }
+    at = d->statements.size();
+    while (at > 0 && !(d->statements[at - 1].tree && sym_appears_in_tree(p, d->statements[at - 1].tree))) --at;
+    return at > 0 ? d : nullptr;
+}
+}  // namespace
+
 int fold_post_increments() {
     FUNINFO* fi = currfuninfo;
     if (opt_level() < 2 || !fi || !fi->bb_list) return 0;
     std::set<const SYMTAB*> taken = address_taken_symbols();
+    build_loop_hierarchy(false, false, false, 0);  // which loop each block is in
     int changes = 0;
     for (BBLK* b = fi->bb_list; b; b = b->next) {
         auto& stmts = b->statements;
@@ -414,7 +450,7 @@ int fold_post_increments() {
                 ub = pred;
                 i = ub->statements.size();
             }
-            if (i == 0) continue;
+            if (i == 0 && !(ub = use_above_join(ub, b, p, i))) continue;
             BODY_ENTRY& use_entry = ub->statements[i - 1];
             NODE* use = use_entry.tree;
             if (count_names(use, p) != 1) continue;
@@ -445,5 +481,6 @@ int fold_post_increments() {
             --j;  // the next statement has moved here (wraps to 0 when j was 0)
         }
     }
+    unbuild_loop_hierarchy();
     return changes;
 }

@@ -330,6 +330,22 @@ TEST_F(ScalarOpt, SteppedPointersStartFromTheCountersFirstValue) {
     same_meaning({{0, 0}, {1, 0}, {7, 0}, {-3, 0}});
 }
 
+// A pointer stepped at the bottom of a loop whose body branches: the step
+// joins the access at the top, as no path between them names the pointer.
+// q is read before the loop and after it only: its step stays where it is.
+TEST_F(ScalarOpt, PointerStepsJoinAccessesAcrossBranches) {
+    MiniFunction f{"f", {"n", "m"}, {"s", "v", "w", "p:p", "p:q"}};
+    f.globals = {"a"};
+    f.body = {"(= p (addr a))", "(= q (addr a))", "(= w (deref q))", "(= s 0)", "L1:", "(= v (deref p))",
+              "(if (< v m) 2)", "(= s (+ s v))", "(goto 3)", "L2:", "(= s (- s 1))", "L3:", "(+= p 1)", "(+= q 1)",
+              "(+= n -1)", "(if (> n 0) 1)", "(ret (+ (+ s w) (deref q)))"};
+    optimize(f, {"-o2"});
+    std::vector<std::string> st = statements();
+    EXPECT_TRUE(has(st, "(v = *PLUSPLUS(p, 1))")) << output;
+    EXPECT_TRUE(has(st, "(q += 1)")) << output;
+    same_meaning({{1, 0}, {5, 3}, {50, -2}});
+}
+
 TEST_F(ScalarOpt, LoopsThatCannotBeVectorizedStayAsTheyAre) {
     // A division has no vector form; -o1 does not vectorize.
     for (auto [value, level] : {std::pair<std::string, const char*>{"(/ (deref (+ (addr a) i)) 3)", "-o2"},
