@@ -42,21 +42,21 @@ public:
         taken_ = address_taken_symbols();
         blocks_ = layout_blocks();
         if (!find_copies()) return 0;
-        size_t nb = blocks_.size(), nc = copies_.size();
-        std::vector<BITVEC> gen(nb, BITVEC(nc)), kill(nb, BITVEC(nc));
-        for (size_t i = 0; i < nb; ++i)
-            for (BODY_ENTRY& e : blocks_[i]->statements) step(e.tree, gen[i], &kill[i]);
-        std::vector<BITVEC> in(nb, BITVEC(nc));
-        if (global) solve(gen, kill, in);
-        int rewritten = 0;
         std::vector<BODY_ENTRY*> folded;  // statements that now read constants
-        for (size_t i = 0; i < nb; ++i) {
-            BITVEC avail = in[i];
-            for (BODY_ENTRY& e : blocks_[i]->statements) {
-                bool constants = false;
-                rewritten += rewrite_reads(e.tree, avail, constants);
-                if (constants) folded.push_back(&e);
-                step(e.tree, avail, nullptr);
+        int rewritten = propagate_constants(folded);
+        size_t nb = blocks_.size(), nc = copies_.size();
+        if (nc > 0) {
+            std::vector<BITVEC> gen(nb, BITVEC(nc)), kill(nb, BITVEC(nc));
+            for (size_t i = 0; i < nb; ++i)
+                for (BODY_ENTRY& e : blocks_[i]->statements) step(e.tree, gen[i], &kill[i]);
+            std::vector<BITVEC> in(nb, BITVEC(nc));
+            if (global) solve(gen, kill, in);
+            for (size_t i = 0; i < nb; ++i) {
+                BITVEC avail = in[i];
+                for (BODY_ENTRY& e : blocks_[i]->statements) {
+                    rewritten += rewrite_reads(e.tree, avail);
+                    step(e.tree, avail, nullptr);
+                }
             }
         }
         // Constants fold; a test they decide leaves the flow graph.
@@ -64,7 +64,7 @@ public:
         if (!folded.empty()) simpcfg(false, false);
         if (print_debug && FDEBUG)
             DBG_CHECK(std::fprintf(FDEBUG, "Copy propagation: %d of %zu copies' reads rewritten in %s()\n", rewritten,
-                                   nc, currfunc ? currfunc->name.c_str() : ""));
+                                   nc + constants_, currfunc ? currfunc->name.c_str() : ""));
         return rewritten;
     }
 
@@ -72,6 +72,7 @@ private:
     std::set<const SYMTAB*> taken_;
     std::vector<BBLK*> blocks_;
     std::vector<COPY> copies_;
+    size_t constants_ = 0;                                // assignments of constants
     ptr_map<const NODE*, int> copy_of_;                   // a copy statement's tree -> its number
     ptr_map<const SYMTAB*, std::vector<int>> involving_;  // a variable -> the copies that name it
 
@@ -82,10 +83,9 @@ private:
         return t->is_scalar() && t->kind != TYPE::VECTOR_T ? n->symbol : nullptr;
     }
 
-    // A right side whose value a read may take instead of the variable: a
-    // number, or the address of a scalar variable (read through *x).
-    static const NODE* propagated_value(const NODE* r) {
-        if (r->opcode == ICON || r->opcode == FCON) return r;
+    // A right side whose value a read may take instead of the variable: the
+    // address of a scalar variable (read through *x).
+    static const NODE* propagated_address(const NODE* r) {
         if (r->opcode != UAND || !r->left || r->left->opcode != NAME || !r->left->symbol) return nullptr;
         const NODE* v = r->left;
         if (!v->type || !v->symbol->type || !exact_types(v->type, v->symbol->type)) return nullptr;
@@ -106,7 +106,8 @@ private:
                 const SYMTAB* to = private_name(t->left);
                 if (!to || !t->right || !exact_types(t->left->type, t->right->type)) continue;
                 const SYMTAB* from = private_name(t->right);
-                const NODE* value = from ? nullptr : propagated_value(t->right);
+                if (is_constant(t->right)) ++constants_;
+                const NODE* value = from ? nullptr : propagated_address(t->right);
                 if (from == to || (!from && !value)) continue;
                 int c = static_cast<int>(copies_.size());
                 copies_.push_back({to, from, value});
@@ -114,7 +115,7 @@ private:
                 involving_[to].push_back(c);
                 if (from) involving_[from].push_back(c);
             }
-        return !copies_.empty();
+        return !copies_.empty() || constants_ > 0;
     }
 
     // The private variables a statement assigns; `embedded` gets those
@@ -191,16 +192,12 @@ private:
         }
     }
 
-    // Reads of x become reads of y, or the constant, where the copy is
-    // available and the statement assigns neither inside (its top-level
-    // assignment is made after its operands are read); *x becomes v where
-    // x = &v is.  `constants` tells whether a constant came in.
-    int rewrite_reads(NODE*& stmt, const BITVEC& avail, bool& constants) const {
+    // Reads of x become reads of y where the copy is available and the
+    // statement assigns neither inside (its top-level assignment is made
+    // after its operands are read); *x becomes v where x = &v is.
+    int rewrite_reads(NODE*& stmt, const BITVEC& avail) const {
         if (!stmt || !avail.any()) return 0;
-        std::set<const SYMTAB*> embedded;
-        for_each_assigned(stmt, [&](const SYMTAB* v, bool inside) {
-            if (inside) embedded.insert(v);
-        });
+        std::set<const SYMTAB*> embedded = assigned_inside(stmt);
         // The copy of x in force here, if any.
         auto available = [&](const NODE* t) -> const COPY* {
             const SYMTAB* x = private_name(t);
@@ -217,7 +214,7 @@ private:
         walk_and_modify_tree(stmt, [&](NODE*& slot) {
             if (slot->opcode != UMULT || !slot->left || slot->left->opcode != NAME) return;
             const COPY* copy = available(slot->left);
-            if (!copy || !copy->value || copy->value->opcode != UAND) return;
+            if (!copy || !copy->value) return;
             const NODE* v = copy->value->left;
             if (!slot->type || !exact_types(slot->type, v->type)) return;
             erase_tree(slot);
@@ -226,19 +223,79 @@ private:
         });
         for_each_read_name(stmt, [&](NODE*& t) {
             const COPY* copy = available(t);
-            if (!copy) return;
-            if (copy->from) {
-                t->symbol = const_cast<SYMTAB*>(copy->from);
-            } else if (copy->value->opcode != UAND) {
-                TYPE* type = t->type;
-                erase_node(t);
-                t = converted(copy_tree(copy->value), type);
-                constants = true;
-            } else {
-                return;
-            }
+            if (!copy || !copy->from) return;
+            t->symbol = const_cast<SYMTAB*>(copy->from);
             ++n;
         });
+        return n;
+    }
+
+    std::set<const SYMTAB*> assigned_inside(const NODE* stmt) const {
+        std::set<const SYMTAB*> inside;
+        for_each_assigned(stmt, [&](const SYMTAB* v, bool embedded) {
+            if (embedded) inside.insert(v);
+        });
+        return inside;
+    }
+
+    static bool is_constant(const NODE* n) { return n->opcode == ICON || n->opcode == FCON; }
+
+    // x = c with a constant c: later reads of x read c, along each extended
+    // block (a block and those only it enters, depth first, the values of
+    // a block undone when its walk is over): one visit per block.
+    int propagate_constants(std::vector<BODY_ENTRY*>& folded) {
+        if (constants_ == 0) return 0;
+        ptr_map<const SYMTAB*, const NODE*> value;  // null: none known
+        std::vector<std::pair<const SYMTAB*, const NODE*>> undo;  // the values a walk replaced
+        struct visit {
+            BBLK* block;
+            size_t undo_mark;
+            bool leaving;
+        };
+        std::vector<visit> work;
+        for (auto it = blocks_.rbegin(); it != blocks_.rend(); ++it)
+            if (edge_length((*it)->predecessors) != 1 || *it == blocks_.front()) work.push_back({*it, 0, false});
+        int n = 0;
+        while (!work.empty()) {
+            visit v = work.back();
+            work.pop_back();
+            if (v.leaving) {
+                for (size_t k = undo.size(); k-- > v.undo_mark;) value[undo[k].first] = undo[k].second;
+                undo.resize(v.undo_mark);
+                continue;
+            }
+            work.push_back({v.block, undo.size(), true});
+            for (BODY_ENTRY& e : v.block->statements) {
+                if (!e.tree) continue;
+                {
+                    std::set<const SYMTAB*> embedded = assigned_inside(e.tree);
+                    bool here = false;
+                    for_each_read_name(e.tree, [&](NODE*& t) {
+                        const SYMTAB* x = private_name(t);
+                        const NODE* const* c = x && !embedded.count(x) ? value.find(x) : nullptr;
+                        if (!c || !*c) return;
+                        TYPE* type = t->type;
+                        erase_node(t);
+                        t = converted(copy_tree(*c), type);
+                        here = true;
+                        ++n;
+                    });
+                    if (here) folded.push_back(&e);
+                }
+                for_each_assigned(e.tree, [&](const SYMTAB* x, bool) {
+                    const NODE* const* old = value.find(x);
+                    undo.push_back({x, old ? *old : nullptr});
+                    value[x] = nullptr;
+                });
+                const NODE* t = e.tree;
+                if (t->opcode == ASG && t->right && is_constant(t->right) && t->left && private_name(t->left) &&
+                    exact_types(t->left->type, t->right->type))
+                    value[t->left->symbol] = t->right;
+            }
+            for (EDGE* s = v.block->successors; s; s = s->rest)
+                if (edge_length(s->bb->predecessors) == 1 && s->bb != blocks_.front())
+                    work.push_back({s->bb, 0, false});
+        }
         return n;
     }
 };
