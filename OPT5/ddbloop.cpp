@@ -223,8 +223,6 @@ void dump_loops() {
 
 bool loop_contains(const struct LOOP* loop, const BBLK* bb) { return edge_memberp(bb, loop->contents); }
 
-// Where statements run once before the loop: its preheader, made when the
-// loop has none.
 BBLK* preheader_of(struct LOOP* loop) {
     if (loop->preheader) return loop->preheader;
     BBLK* outside = nullptr;
@@ -242,13 +240,16 @@ BBLK* preheader_of(struct LOOP* loop) {
         pre->statements.pop_back();
     }
     loop->preheader = pre;
-    // It belongs to the loops around this one.
-    pre->loop = loop->parent;
-    for (struct LOOP* l = loop->parent; l; l = l->parent) l->contents = mkedge(pre, l->contents);
+    // It belongs to the loops around this one that the edge was in.
+    pre->loop = nullptr;
+    for (struct LOOP* l = loop->parent; l; l = l->parent)
+        if (loop_contains(l, outside)) {
+            if (!pre->loop) pre->loop = l;
+            l->contents = mkedge(pre, l->contents);
+        }
     return pre;
 }
 
-// Appends a statement to a preheader, before the jump that ends it.
 void append_before_jump(BBLK* b, NODE* tree, const PSN& pos) {
     BODY_ENTRY e;
     e.tree = tree;

@@ -1,5 +1,6 @@
 #include "OPT5/loop_invariants.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <set>
 #include <string>
@@ -271,12 +272,14 @@ int hoist_loop_invariants() {
     for (size_t i = 0; i < loops.size(); ++i) {
         struct LOOP* l = loops[i];
         int moved = blocks[i].empty() ? 0 : h.run(l, blocks[i]);
-        // A preheader made for this loop runs whenever its head does.
-        if (BBLK* pre = h.preheader(); pre && l->parent)
+        // A preheader made for this loop in the loop around it runs
+        // whenever its head does.
+        if (BBLK* pre = h.preheader(); pre && l->parent && pre->loop == l->parent)
             for (size_t j = i + 1; j < loops.size(); ++j)
                 if (loops[j] == l->parent) {
                     std::vector<BBLK*>& outer = blocks[j];
-                    for (size_t k = 0; k < outer.size(); ++k)
+                    bool listed = std::find(outer.begin(), outer.end(), pre) != outer.end();
+                    for (size_t k = 0; k < outer.size() && !listed; ++k)
                         if (outer[k] == l->head) {
                             outer.insert(outer.begin() + static_cast<long>(k), pre);
                             break;
