@@ -79,8 +79,7 @@ private:
     const SYMTAB* private_name(const NODE* n) const {
         if (!n || n->opcode != NAME || !n->symbol || !n->type || !n->symbol->type) return nullptr;
         if (!exact_types(n->type, n->symbol->type) || !is_private_variable(n->symbol, taken_)) return nullptr;
-        TYPE* t = n->symbol->type->stripped();
-        return t->is_scalar() && t->kind != TYPE::VECTOR_T ? n->symbol : nullptr;
+        return n->symbol->type->stripped()->is_scalar() ? n->symbol : nullptr;
     }
 
     // A right side whose value a read may take instead of the variable: the
@@ -89,8 +88,7 @@ private:
         if (r->opcode != UAND || !r->left || r->left->opcode != NAME || !r->left->symbol) return nullptr;
         const NODE* v = r->left;
         if (!v->type || !v->symbol->type || !exact_types(v->type, v->symbol->type)) return nullptr;
-        TYPE* t = v->type->stripped();
-        return t->is_scalar() && t->kind != TYPE::VECTOR_T && t->kind != TYPE::FUNC_T ? r : nullptr;
+        return v->type->stripped()->is_scalar() ? r : nullptr;
     }
 
     // Numbers the copies; false when there is none to follow (or the
@@ -267,21 +265,19 @@ private:
             work.push_back({v.block, undo.size(), true});
             for (BODY_ENTRY& e : v.block->statements) {
                 if (!e.tree) continue;
-                {
-                    std::set<const SYMTAB*> embedded = assigned_inside(e.tree);
-                    bool here = false;
-                    for_each_read_name(e.tree, [&](NODE*& t) {
-                        const SYMTAB* x = private_name(t);
-                        const NODE* const* c = x && !embedded.count(x) ? value.find(x) : nullptr;
-                        if (!c || !*c) return;
-                        TYPE* type = t->type;
-                        erase_node(t);
-                        t = converted(copy_tree(*c), type);
-                        here = true;
-                        ++n;
-                    });
-                    if (here) folded.push_back(&e);
-                }
+                std::set<const SYMTAB*> embedded = assigned_inside(e.tree);
+                bool here = false;
+                for_each_read_name(e.tree, [&](NODE*& t) {
+                    const SYMTAB* x = private_name(t);
+                    const NODE* const* c = x && !embedded.count(x) ? value.find(x) : nullptr;
+                    if (!c || !*c) return;
+                    TYPE* type = t->type;
+                    erase_node(t);
+                    t = converted(copy_tree(*c), type);
+                    here = true;
+                    ++n;
+                });
+                if (here) folded.push_back(&e);
                 for_each_assigned(e.tree, [&](const SYMTAB* x, bool) {
                     const NODE* const* old = value.find(x);
                     undo.push_back({x, old ? *old : nullptr});

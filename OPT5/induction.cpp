@@ -427,7 +427,7 @@ int fold_post_increments() {
     FUNINFO* fi = currfuninfo;
     if (opt_level() < 2 || !fi || !fi->bb_list) return 0;
     std::set<const SYMTAB*> taken = address_taken_symbols();
-    build_loop_hierarchy(false, false, false, 0);  // which loop each block is in
+    bool loops = false;  // which loop each block is in, found when first asked
     int changes = 0;
     for (BBLK* b = fi->bb_list; b; b = b->next) {
         auto& stmts = b->statements;
@@ -450,7 +450,11 @@ int fold_post_increments() {
                 ub = pred;
                 i = ub->statements.size();
             }
-            if (i == 0 && !(ub = use_above_join(ub, b, p, i))) continue;
+            if (i == 0) {
+                if (!loops) build_loop_hierarchy(false, false, false, 0);
+                loops = true;
+                if (!(ub = use_above_join(ub, b, p, i))) continue;
+            }
             BODY_ENTRY& use_entry = ub->statements[i - 1];
             NODE* use = use_entry.tree;
             if (count_names(use, p) != 1) continue;
@@ -481,6 +485,6 @@ int fold_post_increments() {
             --j;  // the next statement has moved here (wraps to 0 when j was 0)
         }
     }
-    unbuild_loop_hierarchy();
+    if (loops) unbuild_loop_hierarchy();
     return changes;
 }

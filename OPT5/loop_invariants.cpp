@@ -22,17 +22,7 @@
 
 namespace {
 
-// Tests stay in place: they are cheap, and where they are tested they are
-// conditions, not values.
-bool is_condition(int op) {
-    return (op >= EQ && op <= UGT) || (op >= FEQ && op <= FUNO) || op == ANDAND || op == OROR || op == EXCLAIM;
-}
-
-bool plain_scalar(TYPE* t) {
-    if (!t) return false;
-    TYPE* s = t->stripped();
-    return s->is_scalar() && s->kind != TYPE::VECTOR_T && s->kind != TYPE::FUNC_T;
-}
+bool plain_scalar(TYPE* t) { return t && t->stripped()->is_scalar(); }
 
 // What a loop changes.
 struct loop_effects {
@@ -138,7 +128,8 @@ private:
         }
         case UMULT:
             if (effects_.memory || is_volatile_access(n) || !plain_scalar(n->type) || !n->left) return VARIES;
-            return kind_.find(n->left) && *kind_.find(n->left) != VARIES ? INVARIANT : VARIES;
+            if (const char* k = kind_.find(n->left)) return *k != VARIES ? INVARIANT : VARIES;
+            return VARIES;
         default: break;
         }
         if (!is_pure_operator(n->opcode)) return VARIES;
@@ -152,49 +143,41 @@ private:
         return k;
     }
 
-    // The operand slots of a statement whose values the statement reads
-    // every time it runs, in no particular order.
+    // Visits the operand slots whose values the statement reads every time
+    // it runs, and moves the largest invariant computations among them.
     int hoist_from(BODY_ENTRY& e) {
         NODE* t = e.tree;
-        if (!t) return 0;
+        if (!t || t->opcode == LABELDEF || t->opcode == PPRAGMA || t->opcode == ASM) return 0;
         std::vector<NODE**> work;
-        auto place = [&](NODE*& p) {  // the place an assignment writes: only its address is read
-            if (p && p->opcode == UMULT && p->left) work.push_back(&p->left);
-        };
-        switch (t->opcode) {
-        case LABELDEF: case PPRAGMA: case ASM: case BRANCH: return 0;
-        case CBRANCH: case SWITCH: case URETURN: work.push_back(&t->left); break;
-        default:
-            if (side_effects[t->opcode] == 1) {
-                place(t->left);
-                work.push_back(&t->right);
-            } else {
-                work.push_back(&t->left);
-                work.push_back(&t->right);
+        // The operands of n that run whenever n does: of an assignment, the
+        // value and the address of the place it writes; not the second
+        // operand of && and || nor the arms of ?:; nothing under &.
+        auto push_operands = [&](NODE* n) {
+            int op = n->opcode;
+            if (op == UAND) return;
+            if (side_effects[op] == 1) {
+                if (n->left && n->left->opcode == UMULT && n->left->left) work.push_back(&n->left->left);
+                work.push_back(&n->right);
+                return;
             }
-        }
+            work.push_back(&n->left);
+            if (op != ANDAND && op != OROR && op != QUEST) work.push_back(&n->right);
+        };
+        push_operands(t);
         int moved = 0;
         while (!work.empty()) {
             NODE** slot = work.back();
             work.pop_back();
             NODE* n = *slot;
             if (!n || n->opcode == LABEL || n->opcode == FIELD) continue;
-            if (kind_of(n) == INVARIANT && n->opcode != NAME && !is_condition(n->opcode) && plain_scalar(n->type)) {
-                if (move(slot, e.pos)) {
-                    ++moved;
-                    continue;
-                }
-            }
-            int op = n->opcode;
-            if (op == UAND) continue;
-            if (side_effects[op] == 1) {
-                place(n->left);
-                work.push_back(&n->right);
+            // Tests stay in place: they are cheap, and where they are tested
+            // they are conditions, not values.
+            if (kind_of(n) == INVARIANT && n->opcode != NAME && !is_truth_operator(n->opcode) &&
+                plain_scalar(n->type) && move(slot, e.pos)) {
+                ++moved;
                 continue;
             }
-            work.push_back(&n->left);
-            // The second operand of && and || and the arms of ?: may not run.
-            if (op != ANDAND && op != OROR && op != QUEST) work.push_back(&n->right);
+            push_operands(n);
         }
         return moved;
     }

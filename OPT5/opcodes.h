@@ -191,6 +191,10 @@ extern unsigned char side_effects[NUM_OPCODES];
 inline bool is_call(int op) {
     return op == CALL || op == UCALL || op == ICALL || op == UICALL || op == MCALL || op == UMCALL;
 }
+// Comparisons, integer and floating.
+inline bool is_relop(int op) { return (op >= EQ && op <= UGT) || (op >= FEQ && op <= FUNO); }
+// Operators whose value is a truth value, 1 or 0.
+inline bool is_truth_operator(int op) { return is_relop(op) || op == ANDAND || op == OROR || op == EXCLAIM; }
 // Operators whose value is a function of their operands' values alone
 // (arithmetic, logic, comparisons, conversions, the conditional operators).
 inline bool is_pure_operator(int op) {

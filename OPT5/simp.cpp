@@ -99,7 +99,6 @@ NODE* retype(NODE* operand, TYPE* type) {
     return mktree(type->stripped()->kind == TYPE::PTR_T ? PCONV : SCONV, type, operand);
 }
 
-bool is_relop(int op) { return (op >= EQ && op <= UGT) || (op >= FEQ && op <= FUNO); }
 bool is_unsigned_relop(int op) { return op >= ULE && op <= UGT; }
 
 }  // namespace
@@ -379,7 +378,7 @@ NODE* prop_mask_into_subtree(NODE* tree, INT65 mask) {
 
 bool returns_1_or_0(const NODE* tree) {
     if (!tree) return false;
-    if (is_relop(tree->opcode) || tree->opcode == ANDAND || tree->opcode == OROR || tree->opcode == EXCLAIM) return true;
+    if (is_truth_operator(tree->opcode)) return true;
     if (is_icon(tree)) return tree->value == INT65(0) || tree->value == INT65(1);
     if (!integer_view(tree->type)) return false;
     INT65 z = find_known_zeros(tree, tree->type);

@@ -192,7 +192,8 @@ int main(void) {
 }
 
 // Invariant computations leave their loops, but only from blocks every
-// entry to the loop runs: a division the loop guards, one after a break,
+// entry to the loop runs: a division the loop guards (by a test or by &&),
+// one after a break,
 // one in a loop that may not run and a read of a variable set on one path
 // all stay where they are (moved, they would fail when the loop did not).
 TEST_F(LoopOpt, InvariantsLeaveLoopsOnlyWhereTheyRanAnyway) {
@@ -218,6 +219,10 @@ int main(void) {
         s += 100 / d;
     }
     for (int i = 0; i < z; i++) s += 100 / d;
+    for (int i = 0; i < m; i++) {
+        s += i;
+        d && (s += 100 / d);            /* a statement that is itself an && */
+    }
     for (int i = 0; i < m; i++)
         if (m > 100) s += u * 3;
     for (int i = 0; i < m; i++) {
