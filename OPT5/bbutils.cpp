@@ -219,8 +219,38 @@ static void replace_edge(EDGE* list, BBLK* from, BBLK* to) {
         if (list->bb == from) list->bb = to;
 }
 
+bool falls_through(const BBLK* b) {
+    std::vector<int> labels;
+    bool falls = true;
+    list_branch_targets(b->last_tree(), labels, falls);
+    return falls;
+}
+
+// Where a block on the edge from -> to goes in the layout: after `from`
+// when the edge is its fall-through or it does not fall through; else after
+// a block that does not fall through, the one before `to` or the last one;
+// else after `from`, which then jumps to the block it fell into.
+static BBLK* place_for_edge_block(BBLK* from, BBLK* to) {
+    FUNINFO* fi = currfuninfo;
+    if (from->next == to || !from->next || !falls_through(from)) return from;
+    BBLK* before_to = to == fi->bb_list ? nullptr : to->prev;
+    if (before_to && !falls_through(before_to)) return before_to;
+    if (!falls_through(fi->bb_list->prev)) return fi->bb_list->prev;
+    BBLK* was_next = from->next;
+    if (!was_next->label) was_next->label = new_label_number();
+    BODY_ENTRY jump;
+    jump.tree = mk_BRANCH(was_next->label);
+    if (!from->statements.empty()) jump.pos = from->statements.back().pos;
+    from->statements.push_back(jump);
+    return from;
+}
+
 BBLK* split_cfg_edge(BBLK* from, BBLK* to) {
-    BBLK* n = insert_new_bb_with_branch(0, from, to, nullptr);
+    BBLK* n = insert_new_bb_with_branch(0, place_for_edge_block(from, to), to, nullptr);
+    if (n->next == to) {  // it falls into `to`
+        erase_tree(n->statements.back().tree);
+        n->statements.pop_back();
+    }
     subst_bb_for_bb_in_bb(n, to, from);
     replace_edge(from->successors, to, n);
     replace_edge(to->predecessors, from, n);

@@ -91,7 +91,10 @@ BBLK* insert_new_bb_with_branch(int dfn, BBLK* after, BBLK* target, const PSN* p
 void renumber_bblocks();
 // In the jumps of bb, references to old become references to replacement.
 void subst_bb_for_bb_in_bb(BBLK* replacement, BBLK* old, BBLK* bb);
+// A new block on the edge from -> to, jumping to `to` unless it falls into it.
 BBLK* split_cfg_edge(BBLK* from, BBLK* to);
+// Whether control can leave b by falling into the next block.
+bool falls_through(const BBLK* b);
 void split_critical_edges(bool all);
 bool bb_is_split_critical_edge(const BBLK* bb);
 void clear_visited();

@@ -15,14 +15,6 @@
 namespace {
 const char THIS_MODULE[] = "OPT5/ddbloop";
 
-// Whether control can leave b by falling into the next block.
-bool falls_through(const BBLK* b) {
-    std::vector<int> labels;
-    bool falls = true;
-    list_branch_targets(b->last_tree(), labels, falls);
-    return falls;
-}
-
 // Moves the edge pred -> from to pred -> to, retargeting pred's jump.
 void move_edge(BBLK* pred, BBLK* from, BBLK* to) {
     subst_bb_for_bb_in_bb(to, from, pred);
@@ -223,27 +215,43 @@ void dump_loops() {
 
 bool loop_contains(const struct LOOP* loop, const BBLK* bb) { return edge_memberp(bb, loop->contents); }
 
+namespace {
+// A new block laid out just before the loop's head that the ways in from
+// `outside` take instead; null when the block laid out before the head is
+// in the loop and falls into it.
+BBLK* block_in_front_of(struct LOOP* loop, const std::vector<BBLK*>& outside) {
+    BBLK* head = loop->head;
+    BBLK* before = head == currfuninfo->bb_list ? nullptr : head->prev;
+    if (before && loop_contains(loop, before) && falls_through(before)) return nullptr;
+    if (!head->label) head->label = new_label_number();
+    BBLK* pre = mkbblock({}, head, currfuninfo);
+    pre->label = new_label_number();
+    for (BBLK* o : outside) move_edge(o, head, pre);
+    pre->successors = add_edge(head, pre->successors);
+    head->predecessors = add_edge(pre, head->predecessors);
+    renumber_bblocks();
+    return pre;
+}
+}  // namespace
+
 BBLK* preheader_of(struct LOOP* loop) {
     if (loop->preheader) return loop->preheader;
-    BBLK* outside = nullptr;
+    std::vector<BBLK*> outside;
     for (EDGE* e = loop->head->predecessors; e; e = e->rest)
-        if (!loop_contains(loop, e->bb)) {
-            if (outside) return nullptr;
-            outside = e->bb;
-        }
-    if (!outside) return nullptr;
-    BBLK* pre = split_cfg_edge(outside, loop->head);
-    // It falls into the head when it lies just before it.
-    NODE* jump = pre->statements.empty() ? nullptr : pre->statements.back().tree;
-    if (jump && jump->opcode == BRANCH && pre->next == loop->head) {
-        erase_tree(jump);
-        pre->statements.pop_back();
+        if (!loop_contains(loop, e->bb)) outside.push_back(e->bb);
+    if (outside.empty()) return nullptr;
+    BBLK* pre = nullptr;
+    BBLK* from = outside.front();
+    if (outside.size() == 1) {
+        pre = split_cfg_edge(from, loop->head);
+    } else if (!(pre = block_in_front_of(loop, outside))) {
+        return nullptr;
     }
     loop->preheader = pre;
-    // It belongs to the loops around this one that the edge was in.
+    // It belongs to the loops around this one that the ways in were in.
     pre->loop = nullptr;
     for (struct LOOP* l = loop->parent; l; l = l->parent)
-        if (loop_contains(l, outside)) {
+        if (loop_contains(l, from)) {
             if (!pre->loop) pre->loop = l;
             l->contents = mkedge(pre, l->contents);
         }

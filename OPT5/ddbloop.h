@@ -43,8 +43,9 @@ bool loop_is_innermost(const struct LOOP* loop);
 void build_list_of_innermost_loop_headers(const struct LOOP* loop, std::vector<BBLK*>& list);
 bool loop_contains(const struct LOOP* loop, const BBLK* bb);
 // Where statements run once before the loop: its preheader, made (and
-// added to the loops around it) when the loop has none; null when the loop
-// is entered from more than one block.
+// added to the loops around it) when the loop has none, taking every way
+// in; null when the block laid out before the head is in the loop and falls
+// into it.
 BBLK* preheader_of(struct LOOP* loop);
 // Appends a statement to a block, before the jump that ends it.
 void append_before_jump(BBLK* b, NODE* tree, const PSN& pos);

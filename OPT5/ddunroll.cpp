@@ -4,10 +4,12 @@
 #include <algorithm>
 #include <cstdio>
 #include <map>
+#include <vector>
 
 #include "DEBUG_DISABLE/switches.h"
 #include "OPT5/abort.h"
 #include "OPT5/cmdline.h"
+#include "OPT5/copyprop.h"
 #include "OPT5/globals.h"
 #include "OPT5/md_rules.h"
 #include "OPT5/node.h"
@@ -22,10 +24,88 @@ bool debugging() { return print_debug && FDEBUG; }
 // The size budget: debug:max_unroll_size when set, else 90.
 int size_budget() { return pass_debug_max_unroll_size ? static_cast<int>(pass_debug_max_unroll_size) : 90; }
 
-int operators_in(const NODE* t) {
-    if (!t || t->opcode == LABEL || t->opcode == FIELD || t->opcode == LABELDEF) return 0;
-    int n = number_of_operands[t->opcode] > 0 && number_of_operands[t->opcode] != 255 ? 1 : 0;
-    return n + operators_in(t->left) + operators_in(t->right);
+bool is_operator(const NODE* t) {
+    return t->opcode != LABEL && t->opcode != FIELD && t->opcode != LABELDEF && number_of_operands[t->opcode] > 0 &&
+           number_of_operands[t->opcode] != 255;
+}
+
+// A conversion the target makes on the way: a pointer's, and an integer's
+// that keeps or drops bits (registers hold the low part; a load extends
+// what it loads).
+bool free_conversion(const NODE* t) {
+    if (t->opcode == PCONV) return true;
+    if (t->opcode != SCONV || !t->left) return false;
+    TYPE* to = integer_view(t->type);
+    TYPE* from = integer_view(t->left->type);
+    if (!to || !from) return false;
+    return to->size <= from->size || t->left->opcode == UMULT;
+}
+
+// Machine instructions of a statement, roughly: one per operator, less
+// what the target does on the way.  The address of a memory access is its
+// addressing mode when it is a register, a post-increment or a base plus a
+// scaled index or an offset; conversions are free as free_conversion says;
+// an operation assigned to a variable computes into it.
+int instructions_in(const NODE* stmt) {
+    enum role { VALUE, ADDRESS, INDEX };
+    std::vector<std::pair<const NODE*, role>> work{{stmt, VALUE}};
+    int n = 0;
+    while (!work.empty()) {
+        auto [t, r] = work.back();
+        work.pop_back();
+        if (!t) continue;
+        if (r == ADDRESS) {
+            switch (t->opcode) {
+            case PCONV: work.push_back({t->left, ADDRESS}); continue;
+            case NAME: case ICON: case UAND: continue;
+            case PLUSPLUS: case MINMIN:
+                if (t->left && t->left->opcode == NAME) continue;
+                break;
+            case PLUS: case MINUS:
+                work.push_back({t->left, ADDRESS});
+                work.push_back({t->right, INDEX});
+                continue;
+            default: break;
+            }
+        } else if (r == INDEX) {
+            if (free_conversion(t)) {
+                work.push_back({t->left, INDEX});
+                continue;
+            }
+            if ((t->opcode == SLL || t->opcode == MULT) && t->right && t->right->opcode == ICON) {
+                work.push_back({t->left, VALUE});
+                continue;
+            }
+        }
+        if (!is_operator(t)) continue;
+        if (free_conversion(t)) {
+            work.push_back({t->left, VALUE});
+            continue;
+        }
+        if (t->opcode == UMULT) {  // a load
+            ++n;
+            work.push_back({t->left, ADDRESS});
+            continue;
+        }
+        if (is_assignment(t->opcode) && t->left && t->left->opcode == UMULT) {  // a store
+            n += t->opcode == ASG ? 1 : 3;                                    // read, operate, write
+            work.push_back({t->left->left, ADDRESS});
+            work.push_back({t->right, VALUE});
+            continue;
+        }
+        if (t->opcode == ASG && t->left && t->left->opcode == NAME && t->right) {
+            const NODE* value = t->right;
+            while (free_conversion(value)) value = value->left;
+            if (is_operator(value)) {
+                work.push_back({t->right, VALUE});
+                continue;
+            }
+        }
+        ++n;
+        work.push_back({t->left, VALUE});
+        work.push_back({t->right, VALUE});
+    }
+    return n;
 }
 
 // The loop-carried latency of a statement x = f(x): the latencies along
@@ -58,7 +138,7 @@ void update_pragmas_for_loop(struct LOOP* loop, int factor) {
 
 int count_instrs_in_block(const BBLK* bb) {
     int n = 0;
-    for (const BODY_ENTRY& e : bb->statements) n += operators_in(e.tree);
+    for (const BODY_ENTRY& e : bb->statements) n += instructions_in(e.tree);
     return n;
 }
 

@@ -1,6 +1,8 @@
 #include "OPT5/loop_unrolling.h"
 
 #include <cstdio>
+#include <set>
+#include <utility>
 #include <vector>
 
 #include "OPT5/bbutils.h"
@@ -17,14 +19,28 @@
 
 namespace {
 
-// The factor for a loop of `trips` iterations: 0 to leave it, `trips` to
-// unroll it completely.
-int choose_factor(struct LOOP* loop, int64_t trips, int size) {
-    if (OK_to_unroll_completely(loop, size, 1)) return static_cast<int>(trips);
+// How a loop of `trips` iterations is unrolled: `factor` copies per test
+// (0 to leave it, `trips` to unroll it completely), after `peeled` copies
+// run once in front of it, when no factor the limits allow divides the
+// trip count as well.
+struct unrolling {
+    int factor = 0;
+    int peeled = 0;
+};
+
+unrolling choose_factor(struct LOOP* loop, int64_t trips, int size) {
+    if (OK_to_unroll_completely(loop, size, 1)) return {static_cast<int>(trips), 0};
     int largest = max_unrolling_factor(loop, size);
-    for (int f = largest; f >= 2; --f)
-        if (trips % f == 0 && trips / f >= 2 && unroll_factor_satisfies_pragma(f, loop, 0)) return f;
-    return 0;
+    int dividing = 0;
+    for (int f = largest; f >= 2 && !dividing; --f)
+        if (trips % f == 0 && trips / f >= 2 && unroll_factor_satisfies_pragma(f, loop, 0)) dividing = f;
+    // A larger factor with the remainder peeled, the copies at most one
+    // more than the limits allow the loop.
+    for (int f = largest; f > 2 * dividing && f >= 2; --f) {
+        int rest = static_cast<int>(trips % f);
+        if (trips / f >= 2 && f + rest <= largest + 1 && unroll_factor_satisfies_pragma(f, loop, 0)) return {f, rest};
+    }
+    return {dividing, 0};
 }
 
 // A loop unrolled completely whose counter starts at a known constant: each
@@ -75,6 +91,176 @@ bool unroll_with_counter_values(struct LOOP* loop, std::vector<BODY_ENTRY>& body
     return true;
 }
 
+// The loop's counter and bound when its test is "counter op bound" (or the
+// mirror image) on a counter stepped once per iteration by 1 or -1 and a
+// bound the loop keeps; the test normalised to "go on while counter op
+// bound".
+struct counted_test {
+    SYMTAB* counter = nullptr;
+    TYPE* type = nullptr;  // the counter's, as the test reads it
+    NODE* bound = nullptr;
+    int op = 0;
+    bool up = true;
+};
+
+bool find_counted_test(struct LOOP* loop, const NODE* test, counted_test& out) {
+    if (!test || !test->left || !test->right) return false;
+    int op = test->opcode;
+    NODE* counter = test->left;
+    NODE* bound = test->right;
+    if (counter->opcode != NAME) {
+        std::swap(counter, bound);
+        switch (op) {
+        case LT: op = GT; break;
+        case LE: op = GE; break;
+        case GT: op = LT; break;
+        case GE: op = LE; break;
+        case ULT: op = UGT; break;
+        case ULE: op = UGE; break;
+        case UGT: op = ULT; break;
+        case UGE: op = ULE; break;
+        case NEQ: break;
+        default: return false;
+        }
+    }
+    if (counter->opcode != NAME || (bound->opcode != NAME && bound->opcode != ICON)) return false;
+    if (!integer_view(counter->type) || integer_view(counter->type) != integer_view(bound->type)) return false;
+    const std::set<const SYMTAB*>& taken = currfuninfo->address_taken;
+    if (!is_private_variable(counter->symbol, taken)) return false;
+    if (bound->opcode == NAME && (bound->symbol == counter->symbol || !is_private_variable(bound->symbol, taken)))
+        return false;
+    auto assigned = assignments_in_loop(loop);
+    if (bound->opcode == NAME && assigned.count(bound->symbol)) return false;
+    auto it = assigned.find(counter->symbol);
+    if (it == assigned.end() || it->second.count != 1 || !it->second.steps_alike) return false;
+    bool up = it->second.step == INT65(1);
+    if (!up && it->second.step != INT65(-1)) return false;
+    switch (op) {
+    case LT: case LE: case ULT: case ULE: if (!up) return false; break;
+    case GT: case GE: case UGT: case UGE: if (up) return false; break;
+    case NEQ: break;
+    default: return false;
+    }
+    out = {counter->symbol, counter->type, bound, op, up};
+    return true;
+}
+
+// Whether the loop's test holds whenever the loop is entered: the blocks
+// that lead to it in a straight line from a jump on the opposite test (a
+// rotated loop's guard) leave the counter and the bound alone.
+bool entered_only_when_test_holds(struct LOOP* loop, BBLK* pre, const NODE* test, const counted_test& c) {
+    BBLK* b = pre;
+    for (int hops = 0; hops < 8; ++hops) {
+        for (const BODY_ENTRY& e : b->statements) {
+            if (!e.tree) continue;
+            if (sym_appears_in_tree(c.counter, e.tree) && !(e.tree == b->last_tree() && b != pre)) return false;
+            if (c.bound->opcode == NAME && sym_appears_in_tree(c.bound->symbol, e.tree) &&
+                !(e.tree == b->last_tree() && b != pre))
+                return false;
+        }
+        if (edge_length(b->predecessors) != 1) return false;
+        BBLK* from = b->predecessors->bb;
+        if (loop_contains(loop, from)) return false;
+        const NODE* jump = from->last_tree();
+        if (jump && jump->opcode == CBRANCH && edge_length(from->successors) == 2) {
+            if (!jump->right || jump->right->opcode != LABEL) return false;
+            bool taken = jump->right->value == INT65(b->label) && b->label != 0;
+            bool falls = from->next == b;
+            if (taken == falls) return false;
+            NODE* reached = copy_tree(jump->left);
+            if (falls) reached = invert_boolean_tree(reached);
+            bool same = same_tree(reached, test);
+            erase_tree(reached);
+            return same;
+        }
+        if (edge_length(from->successors) != 1) return false;
+        b = from;
+    }
+    return false;
+}
+
+// A loop whose trip count is known only when it runs: unrolled by a power
+// of two, after the iterations left over run once each, straight-line, in
+// front of it (a jump on the remainder of the trip count by the factor to
+// the right number of copies).  The loop must be entered only when its test
+// holds, so that the trip count is the distance from the counter to the
+// bound.
+bool unroll_run_time(struct LOOP* loop, BBLK* b, NODE* jump) {
+    counted_test c;
+    if (loop->unroll_pragma || !find_counted_test(loop, jump->left, c)) return false;
+    int largest = max_unrolling_factor(loop, count_instrs_in_loop(loop));
+    int factor = 1;
+    while (2 * (2 * factor) - 1 <= largest + 1) factor *= 2;  // copies: factor, and factor - 1 in front
+    if (factor < 2) return false;
+    BBLK* pre = preheader_of(loop);
+    if (!pre || !entered_only_when_test_holds(loop, pre, jump->left, c)) return false;
+    BBLK* exit = b->next;
+    if (!exit || !edge_memberp(exit, b->successors)) return false;
+
+    // The trip count, modulo the factor, in the counter's unsigned type.
+    TYPE* u = type_pkg->mk_unsigned(integer_view(c.type));
+    NODE* counter = mk_NAME(c.counter, c.type);
+    NODE* bound = copy_tree(c.bound);
+    NODE* distance = c.up ? mktree(MINUS, u, mktree(SCONV, u, bound), mktree(SCONV, u, counter))
+                          : mktree(MINUS, u, mktree(SCONV, u, counter), mktree(SCONV, u, bound));
+    if (c.op == LE || c.op == ULE || c.op == GE || c.op == UGE)
+        distance = mktree(PLUS, u, distance, mk_ICON(INT65(1), u));
+    NODE* selector = simp_tree(mktree(ANDB, u, distance, mk_ICON(INT65(factor - 1), u)), nullptr);
+
+    std::vector<BODY_ENTRY> body(b->statements.begin(), b->statements.end() - 1);
+    PSN pos = b->statements.back().pos;
+    if (!exit->label) exit->label = new_label_number();
+    BODY_ENTRY guard;
+    guard.tree = mktree(CBRANCH, jump->type, invert_boolean_tree(copy_tree(jump->left)), mk_LABELREF(exit->label));
+    guard.pos = pos;
+    std::vector<BODY_ENTRY> guard_block{guard};
+    bool pre_falls_into_loop = pre->next == b;
+    if (!pre_falls_into_loop) {
+        BODY_ENTRY on;
+        on.tree = mktree(BRANCH, nullptr, mk_LABELREF(b->label));
+        on.pos = pos;
+        guard_block.push_back(on);
+    }
+    BBLK* at = pre_falls_into_loop ? b : pre->next;
+    at = mkbblock(std::move(guard_block), at, currfuninfo);
+    // Copies for remainders 1, 2, ... factor - 1, the larger in front.
+    NODE* cases = mktree(DEFAULT, nullptr, mk_LABELREF(b->label));
+    for (int k = 1; k < factor; ++k) {
+        std::vector<BODY_ENTRY> copy;
+        for (const BODY_ENTRY& e : body) {
+            BODY_ENTRY c2 = e;
+            c2.tree = copy_tree(e.tree);
+            copy.push_back(c2);
+        }
+        at = mkbblock(std::move(copy), at, currfuninfo);
+        at->label = new_label_number();
+        cases = mktree(PCOMMA, nullptr, mktree(CASE, nullptr, mk_ICON(INT65(k), u), mk_LABELREF(at->label)), cases);
+    }
+    NODE* last = pre->statements.empty() ? nullptr : pre->statements.back().tree;
+    if (last && last->opcode == BRANCH) {
+        erase_tree(last);
+        pre->statements.pop_back();
+    }
+    BODY_ENTRY sw;
+    sw.tree = mktree(SWITCH, u, selector, cases);
+    sw.pos = pos;
+    pre->statements.push_back(sw);
+
+    std::vector<BODY_ENTRY> unrolled(body.begin(), body.end());
+    for (int copy = 1; copy < factor; ++copy)
+        for (const BODY_ENTRY& e : body) {
+            BODY_ENTRY c2 = e;
+            c2.tree = copy_tree(e.tree);
+            unrolled.push_back(c2);
+        }
+    unrolled.push_back(b->statements.back());
+    b->statements.swap(unrolled);
+    if (write_opt_info && finfo)
+        std::fprintf(finfo, "Loop at line %llu unrolled %d times; the iterations left over run first.\n",
+                     static_cast<unsigned long long>(pos.line), factor);
+    return true;
+}
+
 bool unroll(struct LOOP* loop) {
     BBLK* b = loop->head;
     if (loop->tail != b || edge_length(loop->contents) != 1 || b->statements.size() < 2) return false;
@@ -82,14 +268,18 @@ bool unroll(struct LOOP* loop) {
     if (!jump || jump->opcode != CBRANCH || !jump->right || jump->right->opcode != LABEL ||
         jump->right->value != INT65(b->label))
         return false;
-    if (!loop->trips || loop->trips->opcode != ICON || !loop->trips->value.fits_in<int32_t>()) return false;
-    int64_t trips = loop->trips->value.as<int32_t>();
-    if (trips < 2) return false;
     for (const BODY_ENTRY& e : b->statements)
         if (!e.tree || e.tree->opcode == ASM || e.tree->opcode == LABELDEF || e.tree->opcode == PPRAGMA) return false;
-    int factor = choose_factor(loop, trips, count_instrs_in_loop(loop));
+    if (!loop->trips || loop->trips->opcode != ICON) return unroll_run_time(loop, b, jump);
+    if (!loop->trips->value.fits_in<int32_t>()) return false;
+    int64_t trips = loop->trips->value.as<int32_t>();
+    if (trips < 2) return false;
+    unrolling how = choose_factor(loop, trips, count_instrs_in_loop(loop));
+    int factor = how.factor;
     if (factor < 2) return false;
     bool completely = factor == trips;
+    BBLK* pre = how.peeled ? preheader_of(loop) : nullptr;
+    if (how.peeled && !pre) return false;
 
     std::vector<BODY_ENTRY> body(b->statements.begin(), b->statements.end() - 1);
     PSN pos = b->statements.back().pos;
@@ -99,6 +289,8 @@ bool unroll(struct LOOP* loop) {
         erase_tree(jump);
         b->statements.swap(unrolled);
     } else {
+        for (int copy = 0; copy < how.peeled; ++copy)
+            for (const BODY_ENTRY& e : body) append_before_jump(pre, copy_tree(e.tree), e.pos);
         unrolled.insert(unrolled.end(), body.begin(), body.end());
         for (int copy = 1; copy < factor; ++copy)
             for (const BODY_ENTRY& e : body) {
@@ -114,6 +306,9 @@ bool unroll(struct LOOP* loop) {
         if (completely)
             std::fprintf(finfo, "Loop at line %llu unrolled completely (%lld iterations).\n",
                          static_cast<unsigned long long>(pos.line), static_cast<long long>(trips));
+        else if (how.peeled)
+            std::fprintf(finfo, "Loop at line %llu unrolled %d times (%lld iterations, %d of them peeled off).\n",
+                         static_cast<unsigned long long>(pos.line), factor, static_cast<long long>(trips), how.peeled);
         else
             std::fprintf(finfo, "Loop at line %llu unrolled %d times (%lld iterations).\n",
                          static_cast<unsigned long long>(pos.line), factor, static_cast<long long>(trips));

@@ -111,6 +111,9 @@ TEST_F(Cfg, SortKeepsTheHeadCellAndEqualOrder) {
     free_edge_list(list);
 }
 
+// The block on a jump's edge goes where no block falls into it: B1 falls
+// into B2, and B2 into B3; the new block comes last and jumps to B3.  The
+// statements say what the edges say (a rebuilt graph is the same).
 TEST_F(Cfg, CriticalEdgeIsSplit) {
     cbranch(cmp(LT, i, 1), 2);  // B1 -> B2, B3
     set(i, 2);                  // B2 -> B3
@@ -120,13 +123,56 @@ TEST_F(Cfg, CriticalEdgeIsSplit) {
     ASSERT_EQ(fi.bb_count, 3);
     split_critical_edges(false);
     ASSERT_EQ(fi.bb_count, 4);
-    BBLK* n = dominators()->DFSblock(2);  // right after B1 in layout
-    EXPECT_TRUE(bb_is_split_critical_edge(n));
-    EXPECT_EQ(succs(1), (std::vector<int>{2, 3}));
-    EXPECT_EQ(succs(2), (std::vector<int>{4}));
-    // B1's jump now goes to the new block.
-    const NODE* jump = dominators()->DFSblock(1)->last_tree();
-    EXPECT_EQ(jump->right->value, INT65(n->label));
+    for (int rebuilt = 0; rebuilt < 2; ++rebuilt) {
+        BBLK* n = dominators()->DFSblock(4);
+        EXPECT_TRUE(bb_is_split_critical_edge(n));
+        EXPECT_EQ(succs(1), (std::vector<int>{2, 4}));
+        EXPECT_EQ(succs(2), (std::vector<int>{3}));
+        EXPECT_EQ(succs(4), (std::vector<int>{3}));
+        // B1's jump now goes to the new block.
+        const NODE* jump = dominators()->DFSblock(1)->last_tree();
+        EXPECT_EQ(jump->right->value, INT65(n->label));
+        rebuildcfg();
+    }
+}
+
+// A loop entered by a jump from a block that falls elsewhere, and one
+// entered from two blocks: the preheader takes every way in, the block
+// fallen into before stays where it was, and a rebuilt graph agrees.
+TEST_F(Cfg, PreheadersTakeEveryWayIntoTheLoop) {
+    for (int entries : {1, 2}) {
+        free_cfg(&fi);
+        set(i, 0);
+        cbranch(cmp(GE, c, 1), 1);  // B1: into the loop, or on to B2
+        if (entries == 1) ret();    // B2 returns
+        else set(i, 5);             // B2 falls into the loop
+        label(1);
+        step(i, 1);                 // B3: the loop
+        cbranch(cmp(LT, i, 9), 1);
+        ret();
+        buildcfg();
+        build_loop_hierarchy(false, false, false, 0);
+        ASSERT_EQ(fi.loops.size(), 1u);
+        BBLK* pre = preheader_of(fi.loops[0]);
+        ASSERT_NE(pre, nullptr) << entries;
+        int pre_label = pre->label, head_label = fi.loops[0]->head->label;
+        unbuild_loop_hierarchy();
+        for (int rebuilt = 0; rebuilt < 2; ++rebuilt) {
+            BBLK* head = nullptr;
+            for (BBLK* b = fi.bb_list; b; b = b->next) {
+                if (b->label == pre_label) pre = b;
+                if (b->label == head_label) head = b;
+            }
+            ASSERT_NE(head, nullptr);
+            EXPECT_EQ(edge_length(head->predecessors), 2) << entries;  // the preheader and the loop
+            EXPECT_TRUE(edge_memberp(pre, head->predecessors)) << entries;
+            EXPECT_EQ(edge_length(pre->predecessors), entries) << entries;
+            BBLK* b1 = fi.bb_list;
+            EXPECT_TRUE(edge_memberp(b1->next, b1->successors)) << entries;  // still falls into B2
+            EXPECT_TRUE(edge_memberp(pre, b1->successors)) << entries;
+            rebuildcfg();
+        }
+    }
 }
 
 TEST_F(Cfg, CountedLoopTestedAtTheBottom) {

@@ -191,6 +191,46 @@ int main(void) {
     EXPECT_EQ(ops(small, "CBRANCH"), ops(rolled, "CBRANCH"));
 }
 
+// Loops whose trip counts are known only when they run: unrolled, with the
+// iterations left over run first, for every count from 0 up, counting up to
+// < and <= bounds, down, with != past the wrap of an unsigned counter; a
+// loop entered without its test holding (a do-while) runs once, as before.
+// Trip counts that no factor divides lose their remainder in front.
+TEST_F(LoopOpt, RunTimeTripCountsUnrollWithTheLeftOverIterationsFirst) {
+    compile(R"(#include <stdio.h>
+static short a[80];
+static volatile int nine = 9;
+static long up(const short *x, int lo, int hi) { long s = 0; for (int i = lo; i < hi; i++) s += x[i]; return s; }
+static long up_to(const short *x, int lo, int hi) { long s = 0; for (int i = lo; i <= hi; i++) s += x[i] * 3; return s; }
+static long down(const short *x, int n) { long s = 0; for (int i = n; i > 0; i--) s = s * 3 + x[i]; return s; }
+static long wraps(const short *x, unsigned lo, unsigned hi) {
+    long s = 0;
+    for (unsigned i = lo; i != hi; i++) s += x[i & 63] ^ (short)i;
+    return s;
+}
+static long once(const short *x, int i, int n) {
+    long s = 0;
+    do { s += x[i & 63]; i++; } while (i < n);
+    return s;
+}
+int main(void) {
+    for (int i = 0; i < 80; i++) a[i] = (short)(i * 37 % 101 - 50);
+    long t = 0;
+    for (int n = 0; n < 12; n++)
+        t = t * 7 + up(a, 3, 3 + n) + up_to(a, n, 2 * n) + down(a, n) + wraps(a, 65530u + n, 2u) + once(a, 20, n);
+    for (int i = 0; i < 79; i++) t += a[i] * (i + nine);
+    printf("%ld\n", t);
+    return 0;
+})");
+    IFRUN_RESULT reference = expect_same_at_every_level();
+    ASSERT_TRUE(reference.ok);
+    IFRUN_RESULT rolled = run(std::vector<std::string>{"-o2", "--debug=skip_pass=37"}), unrolled = run("-o2");
+    EXPECT_EQ(rolled.output, reference.output);
+    EXPECT_GT(ops(unrolled, "SWITCH"), 0u);  // the jump to the left-over iterations
+    EXPECT_LT(ops(unrolled, "CBRANCH") + 150, ops(rolled, "CBRANCH"));
+    EXPECT_LT(unrolled.operations, rolled.operations);
+}
+
 // Invariant computations leave their loops, but only from blocks every
 // entry to the loop runs: a division the loop guards (by a test or by &&),
 // one after a break,
