@@ -36,22 +36,6 @@ bool debugging() { return print_debug && FDEBUG; }
 bool is_volatile(TYPE* t) { return TYPE_qual_kind(t) & TYPE::Q_VOLATILE; }
 bool is_const(TYPE* t) { return TYPE_qual_kind(t) & TYPE::Q_CONST; }
 
-// The function's own symbols (arguments first), each with whether it is an
-// argument.
-struct FUNC_SYM {
-    SYMTAB* sym;
-    bool is_arg;
-};
-std::vector<FUNC_SYM> function_symbols() {
-    std::vector<FUNC_SYM> out;
-    bool in_args = true;
-    for (const BODY_ENTRY& e : currfuninfo->scopes) {
-        if (e.kind == BODY_ENTRY::CONTROL && e.control == IR_END_ARGS) in_args = false;
-        if (e.kind == BODY_ENTRY::SYMBOL && e.sym) out.push_back({static_cast<SYMTAB*>(e.sym), in_args});
-    }
-    return out;
-}
-
 // Scope level of a symbol: 0 for the unit's globals, 1 for the function's own.
 int sym_level(const SYMTAB* sym) { return sym->global ? 0 : 1; }
 
@@ -173,6 +157,16 @@ std::set<const SYMTAB*> address_taken_symbols() {
         bool below = under || n->opcode == UAND;
         if (n->left) work.push_back({n->left, below});
         if (n->right) work.push_back({n->right, below});
+    }
+    return out;
+}
+
+std::vector<FUNC_SYM> function_symbols() {
+    std::vector<FUNC_SYM> out;
+    bool in_args = true;
+    for (const BODY_ENTRY& e : currfuninfo->scopes) {
+        if (e.kind == BODY_ENTRY::CONTROL && e.control == IR_END_ARGS) in_args = false;
+        if (e.kind == BODY_ENTRY::SYMBOL && e.sym) out.push_back({static_cast<SYMTAB*>(e.sym), in_args});
     }
     return out;
 }

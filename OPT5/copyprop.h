@@ -49,6 +49,13 @@ NODE* peel_for_effect(NODE* tree);
 bool sym_appears_in_tree(const SYMTAB* sym, const NODE* tree);
 bool sym_appears_in_bb(const SYMTAB* sym, const BBLK* bb);
 
+// The current function's own symbols (arguments first), each with whether
+// it is an argument.
+struct FUNC_SYM {
+    struct SYMTAB* sym;
+    bool is_arg;
+};
+std::vector<FUNC_SYM> function_symbols();
 // The symbols whose address the current function takes.
 std::set<const SYMTAB*> address_taken_symbols();
 // Only assignments that name the variable can change it: a local, not

@@ -22,8 +22,9 @@ namespace {
 
 // A loop keeps at most this many new pointers (address registers are few).
 constexpr int MAX_POINTERS = 6;
-// Loops known to iterate fewer times than this are left as they are.
-constexpr int MIN_TRIPS = 4;
+// Loops known to iterate fewer times than this are left as they are: a
+// pointer set up for one iteration saves nothing.
+constexpr int MIN_TRIPS = 2;
 // Coefficients beyond this are left alone rather than risk overflow.
 constexpr int64_t MAX_COEFFICIENT = int64_t{1} << 24;
 
@@ -68,6 +69,7 @@ struct counter_view {
     const std::set<const SYMTAB*>* assigned;  // every variable the loop assigns
     const std::set<const SYMTAB*>* taken;
     unsigned ptr_bits;
+    bool iv_in_range = false;  // the counter's values never wrap in its type (a counted loop)
 
     bool invariant_name(const SYMTAB* s) const {
         return s != iv && is_private_variable(s, *taken) && !assigned->count(s);
@@ -86,7 +88,7 @@ struct counter_view {
         case NAME:
             if (t->symbol == iv) {
                 a = 1;
-                return !narrow_unsigned(t->type);
+                return iv_in_range || !narrow_unsigned(t->type);
             }
             a = 0;
             return invariant_name(t->symbol);
@@ -102,7 +104,8 @@ struct counter_view {
             TYPE* from = integer_view(t->left->type);
             TYPE* to = integer_view(t->type);
             if (!from || !to || to->size < from->size) return false;
-            return from->signed_flag || from->size >= ptr_bits;
+            return from->signed_flag || from->size >= ptr_bits ||
+                   (iv_in_range && t->left->opcode == NAME && t->left->symbol == iv);
         }
         case PLUS: case MINUS:
             if (!coefficient(t->left, l) || !coefficient(t->right, r)) return false;
@@ -167,6 +170,7 @@ private:
         NODE* tree;
     };
     int reduce_counter(const LOOPIV& iv);
+    bool stays_in_type(const SYMTAB* iv, TYPE* type, INT65 per_iteration) const;
     bool replace_test(counter_view& view, const std::vector<reduced>& made, const std::vector<step_site>& steps);
 };
 
@@ -204,6 +208,35 @@ int loop_reducer::run() {
     return changes;
 }
 
+// Whether every value the counter takes in the loop is one of its type, so
+// that it never wraps: it starts at a known value and the loop's test at
+// the bottom bounds it by a constant, which it passes by at most one
+// iteration's steps.
+bool loop_reducer::stays_in_type(const SYMTAB* iv, TYPE* type, INT65 per_iteration) const {
+    INT65 init;
+    const NODE* jump = loop_->tail->last_tree();
+    if (!jump || jump->opcode != CBRANCH || !jump->right || jump->right->opcode != LABEL ||
+        jump->right->value != INT65(loop_->head->label) || !find_expr_init(loop_, iv, init))
+        return false;
+    const NODE* test = jump->left;
+    if (!test || !test->left || !test->right || test->right->opcode != ICON) return false;
+    const NODE* counter = test->left;
+    if (counter->opcode == SCONV && counter->left && integer_view(counter->type) &&
+        integer_view(counter->left->type) && integer_view(counter->type)->size >= integer_view(counter->left->type)->size)
+        counter = counter->left;
+    if (counter->opcode != NAME || counter->symbol != iv) return false;
+    INT65 bound = test->right->value, lo, hi;
+    bool up = !per_iteration.is_negative();
+    switch (test->opcode) {
+    case LT: case ULT: if (!up) return false; lo = init; hi = (init > bound - INT65(1) ? init : bound - INT65(1)) + per_iteration; break;
+    case LE: case ULE: if (!up) return false; lo = init; hi = (init > bound ? init : bound) + per_iteration; break;
+    case GT: case UGT: if (up) return false; hi = init; lo = (init < bound + INT65(1) ? init : bound + INT65(1)) + per_iteration; break;
+    case GE: case UGE: if (up) return false; hi = init; lo = (init < bound ? init : bound) + per_iteration; break;
+    default: return false;
+    }
+    return truncate_to_type(lo, type) == lo && truncate_to_type(hi, type) == hi;
+}
+
 int loop_reducer::reduce_counter(const LOOPIV& iv) {
     counter_view view{loop_, static_cast<const SYMTAB*>(iv.var), 0, &assigned_, &taken_, pointer_bits()};
     if (!iv.step.fits_in<int32_t>()) return 0;
@@ -222,6 +255,7 @@ int loop_reducer::reduce_counter(const LOOPIV& iv) {
                 step_trees.insert(e->bb->statements[i].tree);
             }
     if (steps.empty()) return 0;
+    view.iv_in_range = stays_in_type(view.iv, iv_type, iv.step * INT65(static_cast<long long>(steps.size())));
 
     // The addresses that move with it, alike ones together.
     std::vector<reduced> made;

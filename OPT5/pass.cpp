@@ -26,6 +26,7 @@
 #include "OPT5/loop_unrolling.h"
 #include "OPT5/superblocks.h"
 #include "OPT5/park.h"
+#include "OPT5/pointer_retyping.h"
 #include "OPT5/globals.h"
 #include "UTIL/support.h"
 
@@ -81,8 +82,10 @@ void DD_restructuring() {
 // Induction variables become pointers, whose steps then join their accesses.
 // The pointers start from the counters' first values, known constants more
 // often than not: propagated, they fold, and the counters' assignments die.
+// Pointers read through one conversion take its type first.
 void propagate_increments() {
     if (reduce_address_induction() > 0 && copyprop(1) > 0) elim_dead_assigns(false, false);
+    retype_converted_pointers();
     fold_post_increments();
 }
 void auto_inline_step() { auto_inline_call_sites(); }

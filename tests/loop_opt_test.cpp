@@ -231,6 +231,52 @@ int main(void) {
     EXPECT_LT(unrolled.operations, rolled.operations);
 }
 
+// A struct pointer stepped through an array of structs whose fields are
+// all 16 bits is read through one conversion: the pointer takes that type
+// and the conversions go (not so for a struct of mixed fields).  Counters of
+// narrow unsigned types that a counted loop keeps in range step pointers
+// too, counting up and down; a two-trip loop is worth its pointer.
+TEST_F(LoopOpt, StructPointersAndNarrowCountersStepWithoutConversions) {
+    compile(R"(#include <stdio.h>
+#include <stdint.h>
+struct q { int16_t a, b, c, d; };
+struct m { int32_t w; int16_t h; };
+static struct q qs[6] = {{1, 2, 3, 4}, {5, 6, 7, 8}, {9, 10, 11, 12}, {13, 14, 15, 16}, {17, 18, 19, 20}, {21, 22, 23, 24}};
+static struct m ms[4] = {{100000, 1}, {200000, 2}, {300000, 3}, {-5, 4}};
+static const int16_t v[10] = {3, -1, 4, -1, 5, -9, 2, 6, -5, 3};
+static long mix(struct q *p) { long r = p->a * 3 + p->b - p->c * p->d; p->a = (int16_t)(p->a + 1); return r; }
+static long big(struct q *p, long s) {
+    long r = (p->a * s + p->b) * p->c - (p->d ^ p->a) + (p->b * p->c + s) * (p->a - p->d);
+    p->b = (int16_t)(p->b ^ (int16_t)r); p->c = (int16_t)(p->c + p->a); p->d = (int16_t)(r >> 3);
+    return r;
+}
+int main(void) {
+    long s = 0;
+    for (int n = 0; n < 5; n++) {
+        for (int k = 0; k < 6; k++) s = s * 3 + mix(&qs[k]);
+        for (int k = 0; k < 2; k++) s = (s >> 2) + big(&qs[k + 3], s);
+        for (int k = 0; k < 4; k++) s += ms[k].w + ms[k].h;
+        for (unsigned short j = 0; j < 10; j++) s += v[j] * (long)j;
+        for (unsigned char j = 250; j > 247; j--) s ^= v[j - 245];
+    }
+    printf("%ld %d\n", s, qs[2].a);
+    return 0;
+})");
+    IFRUN_RESULT reference = expect_same_at_every_level();
+    ASSERT_TRUE(reference.ok);
+    IFRUN_RESULT plain = run("-o0"), optimized = run("-o2");
+    // Per round 8 struct pointers of at least 5 reads and 1 write, 10 + 3
+    // indexed reads.
+    EXPECT_GE(ops(plain, "PCONV"), 5u * (8 * 6 + 13));
+    // The two-trip loop's pointer steps: no index scaled (k * 4 is k << 2)
+    // per iteration.
+    EXPECT_EQ(ops(optimized, "SLL"), 0u);
+    EXPECT_LE(ops(optimized, "PCONV") * 2, ops(plain, "PCONV"));
+    // The narrow counters' 13 indexed reads a round (65 additions) are
+    // pointer steps now.
+    EXPECT_LE(ops(optimized, "PLUS") + 60, ops(plain, "PLUS"));
+}
+
 // Invariant computations leave their loops, but only from blocks every
 // entry to the loop runs: a division the loop guards (by a test or by &&),
 // one after a break,
