@@ -241,6 +241,21 @@ private:
     // x = c with a constant c: later reads of x read c, along each extended
     // block (a block and those only it enters, depth first, the values of
     // a block undone when its walk is over): one visit per block.
+    // The value a step of a variable whose constant value is known leaves
+    // in it (x += c, x -= c, x++, x--), as a new constant; null for any
+    // other statement.
+    NODE* stepped_constant(const NODE* t, const ptr_map<const SYMTAB*, const NODE*>& value) const {
+        if (t->opcode != PLUSASG && t->opcode != MINUSASG && t->opcode != PLUSPLUS && t->opcode != MINMIN) return nullptr;
+        const SYMTAB* x = private_name(t->left);
+        if (!x || !t->right || t->right->opcode != ICON) return nullptr;
+        const NODE* const* known = value.find(x);
+        TYPE* type = integer_view(t->left->type);
+        if (!known || !*known || (*known)->opcode != ICON || !type) return nullptr;
+        INT65 v = t->opcode == PLUSASG || t->opcode == PLUSPLUS ? (*known)->value + t->right->value
+                                                                 : (*known)->value - t->right->value;
+        return mk_ICON(truncate_to_type(v, type), t->left->type);
+    }
+
     int propagate_constants(std::vector<BODY_ENTRY*>& folded) {
         if (constants_ == 0) return 0;
         ptr_map<const SYMTAB*, const NODE*> value;  // null: none known
@@ -278,11 +293,19 @@ private:
                     ++n;
                 });
                 if (here) folded.push_back(&e);
+                NODE* stepped = stepped_constant(e.tree, value);
                 for_each_assigned(e.tree, [&](const SYMTAB* x, bool) {
                     const NODE* const* old = value.find(x);
                     undo.push_back({x, old ? *old : nullptr});
                     value[x] = nullptr;
                 });
+                if (stepped) {  // x += c after x = k: x = k + c
+                    NODE* place = e.tree->left;
+                    e.tree->left = nullptr;
+                    erase_tree(e.tree);
+                    e.tree = mktree(ASG, place->type, place, stepped);
+                    ++n;
+                }
                 const NODE* t = e.tree;
                 if (t->opcode == ASG && t->right && is_constant(t->right) && t->left && private_name(t->left) &&
                     exact_types(t->left->type, t->right->type))
