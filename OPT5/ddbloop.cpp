@@ -218,8 +218,9 @@ bool loop_contains(const struct LOOP* loop, const BBLK* bb) { return edge_member
 namespace {
 // A new block laid out just before the loop's head that the ways in from
 // `outside` take instead; null when the block laid out before the head is
-// in the loop and falls into it.
-BBLK* block_in_front_of(struct LOOP* loop, const std::vector<BBLK*>& outside) {
+// in the loop and falls into it.  Without `renumber` the blocks keep their
+// numbers (the new one has none) until the caller renumbers them.
+BBLK* block_in_front_of(struct LOOP* loop, const std::vector<BBLK*>& outside, bool renumber) {
     BBLK* head = loop->head;
     BBLK* before = head == currfuninfo->bb_list ? nullptr : head->prev;
     if (before && loop_contains(loop, before) && falls_through(before)) return nullptr;
@@ -229,12 +230,12 @@ BBLK* block_in_front_of(struct LOOP* loop, const std::vector<BBLK*>& outside) {
     for (BBLK* o : outside) move_edge(o, head, pre);
     pre->successors = add_edge(head, pre->successors);
     head->predecessors = add_edge(pre, head->predecessors);
-    renumber_bblocks();
+    if (renumber) renumber_bblocks();
     return pre;
 }
 }  // namespace
 
-BBLK* preheader_of(struct LOOP* loop) {
+BBLK* preheader_of(struct LOOP* loop, bool renumber) {
     if (loop->preheader) return loop->preheader;
     std::vector<BBLK*> outside;
     for (EDGE* e = loop->head->predecessors; e; e = e->rest)
@@ -242,9 +243,9 @@ BBLK* preheader_of(struct LOOP* loop) {
     if (outside.empty()) return nullptr;
     BBLK* pre = nullptr;
     BBLK* from = outside.front();
-    if (outside.size() == 1) {
+    if (outside.size() == 1 && renumber) {
         pre = split_cfg_edge(from, loop->head);
-    } else if (!(pre = block_in_front_of(loop, outside))) {
+    } else if (!(pre = block_in_front_of(loop, outside, renumber))) {
         return nullptr;
     }
     loop->preheader = pre;

@@ -45,7 +45,9 @@ bool loop_contains(const struct LOOP* loop, const BBLK* bb);
 // Where statements run once before the loop: its preheader, made (and
 // added to the loops around it) when the loop has none, taking every way
 // in; null when the block laid out before the head is in the loop and falls
-// into it.
-BBLK* preheader_of(struct LOOP* loop);
+// into it.  Without `renumber` (a step making many before it needs the
+// blocks' numbers again) the new block is laid out before the head and the
+// blocks keep their numbers, the new one none.
+BBLK* preheader_of(struct LOOP* loop, bool renumber = true);
 // Appends a statement to a block, before the jump that ends it.
 void append_before_jump(BBLK* b, NODE* tree, const PSN& pos);

@@ -148,24 +148,21 @@ bool find_counted_test(struct LOOP* loop, const NODE* test, counted_test& out) {
 // Whether the loop's test holds whenever the loop is entered: the blocks
 // that lead to it in a straight line from a jump on the opposite test (a
 // rotated loop's guard) leave the counter and the bound alone.
-bool entered_only_when_test_holds(struct LOOP* loop, BBLK* pre, const NODE* test, const counted_test& c) {
-    BBLK* b = pre;
+bool entered_only_when_test_holds(struct LOOP* loop, const NODE* test, const counted_test& c) {
+    BBLK* to = loop->head;
     for (int hops = 0; hops < 8; ++hops) {
-        for (const BODY_ENTRY& e : b->statements) {
-            if (!e.tree) continue;
-            if (sym_appears_in_tree(c.counter, e.tree) && !(e.tree == b->last_tree() && b != pre)) return false;
-            if (c.bound->opcode == NAME && sym_appears_in_tree(c.bound->symbol, e.tree) &&
-                !(e.tree == b->last_tree() && b != pre))
-                return false;
+        BBLK* from = nullptr;
+        for (EDGE* e = to->predecessors; e; e = e->rest) {
+            if (loop_contains(loop, e->bb)) continue;
+            if (from) return false;
+            from = e->bb;
         }
-        if (edge_length(b->predecessors) != 1) return false;
-        BBLK* from = b->predecessors->bb;
-        if (loop_contains(loop, from)) return false;
+        if (!from) return false;
         const NODE* jump = from->last_tree();
         if (jump && jump->opcode == CBRANCH && edge_length(from->successors) == 2) {
             if (!jump->right || jump->right->opcode != LABEL) return false;
-            bool taken = jump->right->value == INT65(b->label) && b->label != 0;
-            bool falls = from->next == b;
+            bool taken = to->label != 0 && jump->right->value == INT65(to->label);
+            bool falls = from->next == to;
             if (taken == falls) return false;
             NODE* reached = copy_tree(jump->left);
             if (falls) reached = invert_boolean_tree(reached);
@@ -174,7 +171,11 @@ bool entered_only_when_test_holds(struct LOOP* loop, BBLK* pre, const NODE* test
             return same;
         }
         if (edge_length(from->successors) != 1) return false;
-        b = from;
+        for (const BODY_ENTRY& e : from->statements)
+            if (e.tree && (sym_appears_in_tree(c.counter, e.tree) ||
+                           (c.bound->opcode == NAME && sym_appears_in_tree(c.bound->symbol, e.tree))))
+                return false;
+        to = from;
     }
     return false;
 }
@@ -192,8 +193,9 @@ bool unroll_run_time(struct LOOP* loop, BBLK* b, NODE* jump) {
     int factor = 1;
     while (2 * (2 * factor) - 1 <= largest + 1) factor *= 2;  // copies: factor, and factor - 1 in front
     if (factor < 2) return false;
-    BBLK* pre = preheader_of(loop);
-    if (!pre || !entered_only_when_test_holds(loop, pre, jump->left, c)) return false;
+    if (!entered_only_when_test_holds(loop, jump->left, c)) return false;
+    BBLK* pre = preheader_of(loop, false);  // the blocks are renumbered once, after every loop
+    if (!pre) return false;
     BBLK* exit = b->next;
     if (!exit || !edge_memberp(exit, b->successors)) return false;
 
@@ -278,7 +280,7 @@ bool unroll(struct LOOP* loop) {
     int factor = how.factor;
     if (factor < 2) return false;
     bool completely = factor == trips;
-    BBLK* pre = how.peeled ? preheader_of(loop) : nullptr;
+    BBLK* pre = how.peeled ? preheader_of(loop, false) : nullptr;
     if (how.peeled && !pre) return false;
 
     std::vector<BODY_ENTRY> body(b->statements.begin(), b->statements.end() - 1);
