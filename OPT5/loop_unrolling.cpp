@@ -245,6 +245,7 @@ bool unroll_run_time(struct LOOP* loop, BBLK* b, NODE* jump) {
     }
     BODY_ENTRY sw;
     sw.tree = mktree(SWITCH, u, selector, cases);
+    sw.tree->mk_switch(factor - 1);  // the cases, the default not counted
     sw.pos = pos;
     pre->statements.push_back(sw);
 

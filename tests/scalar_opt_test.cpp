@@ -330,6 +330,21 @@ TEST_F(ScalarOpt, ShortConstantLoopsAreUnrolledCompletely) {
     same_meaning({{0, 0}});
 }
 
+// A loop whose trip count is known at run time, unrolled: the jump to the
+// left-over iterations is a switch on the trip count's remainder, written
+// with the number of its cases (three for four copies), and the function
+// means what it meant for every count.
+TEST_F(ScalarOpt, RunTimeUnrollingJumpsToTheLeftOverIterations) {
+    MiniFunction f = array_loop("n", "(* 3 (deref (+ (addr a) i)))");
+    optimize(f, {"-o2"});
+    std::vector<std::string> st = statements();
+    size_t switches = 0;
+    for (const std::string& s : st) switches += s.rfind("SWITCH(", 0) == 0;
+    EXPECT_EQ(switches, 1u) << output;
+    EXPECT_NE(output.find("node b:40 n:3 n:3\n"), std::string::npos) << output;
+    same_meaning({{0, 0}, {1, 0}, {2, 0}, {3, 0}, {4, 0}, {5, 0}, {7, 0}, {8, 0}, {-3, 0}});
+}
+
 // The pointers the induction step makes start from the counter's first
 // value, which folds in; the counter then goes with its assignment.  (The
 // loop is kept rolled: unrolled, its left-over iterations would come first.)
