@@ -14,6 +14,7 @@
 #include "OPT5/funinfo.h"
 #include "OPT5/globals.h"
 #include "OPT5/node.h"
+#include "OPT5/simp.h"
 #include "OPT5/opt_client.h"
 #include "OPT5/symtab.h"
 #include "TYPES/type_pkg.h"
@@ -36,7 +37,7 @@ struct mem_ref {
 
 int64_t units_of(const TYPE* t) { return t && t->size ? static_cast<int64_t>((t->size + 15) / 16) : 0; }
 
-bool is_pointer(const NODE* n) { return n && n->type && n->type->stripped()->kind == TYPE::PTR_T; }
+bool is_pointer(const NODE* n) { return n && is_pointer_type(n->type); }
 
 mem_ref decompose(const NODE* address, TYPE* accessed) {
     mem_ref r;

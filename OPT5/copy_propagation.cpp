@@ -10,6 +10,7 @@
 #include "OPT5/abort.h"
 #include "OPT5/bbutils.h"
 #include "OPT5/copyprop.h"
+#include "OPT5/ddbloop.h"
 #include "OPT5/funinfo.h"
 #include "OPT5/globals.h"
 #include "OPT5/node.h"
@@ -245,15 +246,14 @@ private:
     // in it (x += c, x -= c, x++, x--), as a new constant; null for any
     // other statement.
     NODE* stepped_constant(const NODE* t, const ptr_map<const SYMTAB*, const NODE*>& value) const {
-        if (t->opcode != PLUSASG && t->opcode != MINUSASG && t->opcode != PLUSPLUS && t->opcode != MINMIN) return nullptr;
+        bool is_step = false;
+        INT65 step;
         const SYMTAB* x = private_name(t->left);
-        if (!x || !t->right || t->right->opcode != ICON) return nullptr;
+        if (!x || assigned_var(t, is_step, step) != x || !is_step) return nullptr;
         const NODE* const* known = value.find(x);
         TYPE* type = integer_view(t->left->type);
         if (!known || !*known || (*known)->opcode != ICON || !type) return nullptr;
-        INT65 v = t->opcode == PLUSASG || t->opcode == PLUSPLUS ? (*known)->value + t->right->value
-                                                                 : (*known)->value - t->right->value;
-        return mk_ICON(truncate_to_type(v, type), t->left->type);
+        return mk_ICON(truncate_to_type((*known)->value + step, type), t->left->type);
     }
 
     int propagate_constants(std::vector<BODY_ENTRY*>& folded) {

@@ -345,6 +345,17 @@ void find_loop_IVs(struct LOOP* loop, const std::set<const SYMTAB*>& taken) {
             loop->ivs.push_back({v, a.step});
 }
 
+NODE* latch_jump(const struct LOOP* loop) {
+    for (auto it = loop->tail->statements.rbegin(); it != loop->tail->statements.rend(); ++it) {
+        NODE* j = it->tree;
+        if (!j) continue;
+        if (j->opcode != CBRANCH || !j->right || j->right->opcode != LABEL || j->right->value != INT65(loop->head->label))
+            return nullptr;
+        return j;
+    }
+    return nullptr;
+}
+
 void find_loop_LCV(struct LOOP* loop) {
     // The exit test: a conditional jump at the latch back to the header
     // (the loop goes on while the test holds), or at the header out of the
@@ -354,10 +365,9 @@ void find_loop_LCV(struct LOOP* loop) {
         const NODE* cond = nullptr;
         bool continue_while_true = true;
     } test;
-    const NODE* latch = loop->tail->last_tree();
+    const NODE* latch = latch_jump(loop);
     const NODE* head = loop->head->last_tree();
-    if (latch && latch->opcode == CBRANCH && latch->right && latch->right->opcode == LABEL &&
-        latch->right->value == INT65(loop->head->label)) {
+    if (latch) {
         test = {latch->left, true};
     } else if (head && head->opcode == CBRANCH && head->right && head->right->opcode == LABEL) {
         bool exits = false;
@@ -378,21 +388,7 @@ void find_loop_LCV(struct LOOP* loop) {
     // Normalize to "go on while i < bound" (or <=, !=) for a positive step,
     // and the mirror image for a negative one.
     int op = c->opcode;
-    if (!test.continue_while_true) {
-        switch (op) {
-        case LT: op = GE; break;
-        case LE: op = GT; break;
-        case GT: op = LE; break;
-        case GE: op = LT; break;
-        case ULT: op = UGE; break;
-        case ULE: op = UGT; break;
-        case UGT: op = ULE; break;
-        case UGE: op = ULT; break;
-        case EQ: op = NEQ; break;
-        case NEQ: op = EQ; break;
-        default: return;
-        }
-    }
+    if (!test.continue_while_true) op = boolean_inv[op];  // the comparisons checked below
     INT65 bound = c->right->value, step = iv->step, span;
     bool up = !step.is_negative();
     INT65 s = up ? step : -step;

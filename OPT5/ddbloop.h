@@ -30,6 +30,10 @@ std::map<const void*, loop_assignments> assignments_in_loop(const struct LOOP* l
 // assigned once in the loop, by a constant step.
 void find_loop_IVs(struct LOOP* loop, const std::set<const SYMTAB*>& taken);
 void find_loop_LCV(struct LOOP* loop);
+// The latch's conditional jump back to the head, the test at the bottom
+// that keeps the loop going while it holds; null when the latch ends
+// otherwise.
+NODE* latch_jump(const struct LOOP* loop);
 // The variable a statement assigns at its root (a SYMTAB), or null; with
 // is_step set and the constant step when it is "v += c", "v -= c", "v++",
 // "v--", "v = v + c" or "v = v - c".

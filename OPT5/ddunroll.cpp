@@ -24,10 +24,9 @@ bool debugging() { return print_debug && FDEBUG; }
 // The size budget: debug:max_unroll_size when set, else 90.
 int size_budget() { return pass_debug_max_unroll_size ? static_cast<int>(pass_debug_max_unroll_size) : 90; }
 
-bool is_operator(const NODE* t) {
-    return t->opcode != LABEL && t->opcode != FIELD && t->opcode != LABELDEF && number_of_operands[t->opcode] > 0 &&
-           number_of_operands[t->opcode] != 255;
-}
+// An operator: a node with operands (leaves, labels and fields have none;
+// 255 marks the nodes with any number, lists and the like).
+bool is_operator(const NODE* t) { return number_of_operands[t->opcode] > 0 && number_of_operands[t->opcode] != 255; }
 
 // A conversion the target makes on the way: a pointer's, and an integer's
 // that keeps or drops bits (registers hold the low part; a load extends
@@ -167,7 +166,7 @@ int predict_loop_resource_bound(const struct LOOP* loop, int factor, int flags, 
                 const NODE* t = work.back();
                 work.pop_back();
                 if (!t || t->opcode == LABEL || t->opcode == FIELD) continue;
-                if (number_of_operands[t->opcode] > 0 && number_of_operands[t->opcode] != 255) {
+                if (is_operator(t)) {
                     std::vector<std::pair<int, std::set<unsigned>>> usage;
                     if (md_rule_base) FU_usage_of_tree_node(const_cast<NODE*>(t), false, usage);
                     if (usage.empty()) ++unplaced;

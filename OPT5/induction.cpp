@@ -32,8 +32,6 @@ void info(const char* fmt, unsigned long long line, const char* name) {
     if (write_opt_info && finfo) std::fprintf(finfo, fmt, line, name);
 }
 
-bool is_pointer(TYPE* t) { return t && t->stripped()->kind == TYPE::PTR_T; }
-
 unsigned pointer_bits() { return static_cast<unsigned>(integer_view(type_pkg->mk_int(TYPE::IK_ULONG, false))->size); }
 
 // Calls f(slot) for every operand slot below the statement, node before
@@ -82,7 +80,7 @@ struct counter_view {
         int64_t l = 0, r = 0;
         auto narrow_unsigned = [&](TYPE* type) {
             TYPE* it = integer_view(type);
-            return it && !is_pointer(type) && !it->signed_flag && it->size < ptr_bits;
+            return it && !is_pointer_type(type) && !it->signed_flag && it->size < ptr_bits;
         };
         switch (t->opcode) {
         case NAME:
@@ -214,10 +212,8 @@ int loop_reducer::run() {
 // iteration's steps.
 bool loop_reducer::stays_in_type(const SYMTAB* iv, TYPE* type, INT65 per_iteration) const {
     INT65 init;
-    const NODE* jump = loop_->tail->last_tree();
-    if (!jump || jump->opcode != CBRANCH || !jump->right || jump->right->opcode != LABEL ||
-        jump->right->value != INT65(loop_->head->label) || !find_expr_init(loop_, iv, init))
-        return false;
+    const NODE* jump = latch_jump(loop_);
+    if (!jump || !find_expr_init(loop_, iv, init)) return false;
     const NODE* test = jump->left;
     if (!test || !test->left || !test->right || test->right->opcode != ICON) return false;
     const NODE* counter = test->left;
@@ -227,11 +223,20 @@ bool loop_reducer::stays_in_type(const SYMTAB* iv, TYPE* type, INT65 per_iterati
     if (counter->opcode != NAME || counter->symbol != iv) return false;
     INT65 bound = test->right->value, lo, hi;
     bool up = !per_iteration.is_negative();
+    // A strict test's bound is the value next to it.
     switch (test->opcode) {
-    case LT: case ULT: if (!up) return false; lo = init; hi = (init > bound - INT65(1) ? init : bound - INT65(1)) + per_iteration; break;
-    case LE: case ULE: if (!up) return false; lo = init; hi = (init > bound ? init : bound) + per_iteration; break;
-    case GT: case UGT: if (up) return false; hi = init; lo = (init < bound + INT65(1) ? init : bound + INT65(1)) + per_iteration; break;
-    case GE: case UGE: if (up) return false; hi = init; lo = (init < bound ? init : bound) + per_iteration; break;
+    case LT: case ULT: bound = bound - INT65(1); [[fallthrough]];
+    case LE: case ULE:
+        if (!up) return false;
+        lo = init;
+        hi = (init > bound ? init : bound) + per_iteration;
+        break;
+    case GT: case UGT: bound = bound + INT65(1); [[fallthrough]];
+    case GE: case UGE:
+        if (up) return false;
+        hi = init;
+        lo = (init < bound ? init : bound) + per_iteration;
+        break;
     default: return false;
     }
     return truncate_to_type(lo, type) == lo && truncate_to_type(hi, type) == hi;
@@ -266,7 +271,8 @@ int loop_reducer::reduce_counter(const LOOPIV& iv) {
             walk_slots(s.tree, [&](NODE** slot) {
                 NODE* n = *slot;
                 int64_t a;
-                if ((n->opcode != PLUS && n->opcode != MINUS) || !is_pointer(n->type) || !view.coefficient(n, a) || a == 0)
+                if ((n->opcode != PLUS && n->opcode != MINUS) || !is_pointer_type(n->type) ||
+                    !view.coefficient(n, a) || a == 0)
                     return true;
                 size_t k = 0;
                 while (k < made.size() && !same_tree(made[k].address, n)) ++k;
@@ -333,23 +339,15 @@ int loop_reducer::reduce_counter(const LOOPIV& iv) {
 bool loop_reducer::replace_test(counter_view& view, const std::vector<reduced>& made,
                                 const std::vector<step_site>& steps) {
     if (!view.iv->type || !integer_view(view.iv->type)->signed_flag) return false;
-    NODE* jump = loop_->tail->statements.empty() ? nullptr : loop_->tail->statements.back().tree;
-    if (!jump || jump->opcode != CBRANCH || !jump->right || jump->right->opcode != LABEL ||
-        jump->right->value.as<int32_t>() != loop_->head->label)
-        return false;
+    NODE* jump = latch_jump(loop_);
+    if (!jump) return false;
     NODE* test = jump->left;
     if (!test || !test->left || !test->right) return false;
     int op = test->opcode;
     NODE* bound = test->right;
     if (test->right->opcode == NAME && test->right->symbol == view.iv) {
         bound = test->left;
-        switch (op) {
-        case LT: op = GT; break;
-        case LE: op = GE; break;
-        case GT: op = LT; break;
-        case GE: op = LE; break;
-        default: return false;
-        }
+        op = commute_inv[op];  // the comparisons checked below
     } else if (!(test->left->opcode == NAME && test->left->symbol == view.iv)) {
         return false;
     }
@@ -468,8 +466,8 @@ int fold_post_increments() {
         for (size_t j = 0; j < stmts.size(); ++j) {
             NODE* inc = stmts[j].tree;
             if (!inc || (inc->opcode != PLUSASG && inc->opcode != PLUSPLUS) || !inc->left ||
-                inc->left->opcode != NAME || !inc->right || inc->right->opcode != ICON || !is_pointer(inc->left->type) ||
-                !is_private_variable(inc->left->symbol, taken))
+                inc->left->opcode != NAME || !inc->right || inc->right->opcode != ICON ||
+                !is_pointer_type(inc->left->type) || !is_private_variable(inc->left->symbol, taken))
                 continue;
             const SYMTAB* p = inc->left->symbol;
             // The nearest statement before it that names the pointer, in

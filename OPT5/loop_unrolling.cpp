@@ -91,6 +91,16 @@ bool unroll_with_counter_values(struct LOOP* loop, std::vector<BODY_ENTRY>& body
     return true;
 }
 
+// Appends `copies` copies of the statements to `out`.
+void append_copies(const std::vector<BODY_ENTRY>& body, int copies, std::vector<BODY_ENTRY>& out) {
+    for (int copy = 0; copy < copies; ++copy)
+        for (const BODY_ENTRY& e : body) {
+            BODY_ENTRY c = e;
+            c.tree = copy_tree(e.tree);
+            out.push_back(c);
+        }
+}
+
 // The loop's counter and bound when its test is "counter op bound" (or the
 // mirror image) on a counter stepped once per iteration by 1 or -1 and a
 // bound the loop keeps; the test normalised to "go on while counter op
@@ -110,18 +120,7 @@ bool find_counted_test(struct LOOP* loop, const NODE* test, counted_test& out) {
     NODE* bound = test->right;
     if (counter->opcode != NAME) {
         std::swap(counter, bound);
-        switch (op) {
-        case LT: op = GT; break;
-        case LE: op = GE; break;
-        case GT: op = LT; break;
-        case GE: op = LE; break;
-        case ULT: op = UGT; break;
-        case ULE: op = UGE; break;
-        case UGT: op = ULT; break;
-        case UGE: op = ULE; break;
-        case NEQ: break;
-        default: return false;
-        }
+        op = commute_inv[op];  // the comparisons checked below
     }
     if (counter->opcode != NAME || (bound->opcode != NAME && bound->opcode != ICON)) return false;
     if (!integer_view(counter->type) || integer_view(counter->type) != integer_view(bound->type)) return false;
@@ -229,11 +228,7 @@ bool unroll_run_time(struct LOOP* loop, BBLK* b, NODE* jump) {
     NODE* cases = mktree(DEFAULT, nullptr, mk_LABELREF(b->label));
     for (int k = 1; k < factor; ++k) {
         std::vector<BODY_ENTRY> copy;
-        for (const BODY_ENTRY& e : body) {
-            BODY_ENTRY c2 = e;
-            c2.tree = copy_tree(e.tree);
-            copy.push_back(c2);
-        }
+        append_copies(body, 1, copy);
         at = mkbblock(std::move(copy), at, currfuninfo);
         at->label = new_label_number();
         cases = mktree(PCOMMA, nullptr, mktree(CASE, nullptr, mk_ICON(INT65(k), u), mk_LABELREF(at->label)), cases);
@@ -250,12 +245,7 @@ bool unroll_run_time(struct LOOP* loop, BBLK* b, NODE* jump) {
     pre->statements.push_back(sw);
 
     std::vector<BODY_ENTRY> unrolled(body.begin(), body.end());
-    for (int copy = 1; copy < factor; ++copy)
-        for (const BODY_ENTRY& e : body) {
-            BODY_ENTRY c2 = e;
-            c2.tree = copy_tree(e.tree);
-            unrolled.push_back(c2);
-        }
+    append_copies(body, factor - 1, unrolled);
     unrolled.push_back(b->statements.back());
     b->statements.swap(unrolled);
     if (write_opt_info && finfo)
@@ -267,10 +257,8 @@ bool unroll_run_time(struct LOOP* loop, BBLK* b, NODE* jump) {
 bool unroll(struct LOOP* loop) {
     BBLK* b = loop->head;
     if (loop->tail != b || edge_length(loop->contents) != 1 || b->statements.size() < 2) return false;
-    NODE* jump = b->statements.back().tree;
-    if (!jump || jump->opcode != CBRANCH || !jump->right || jump->right->opcode != LABEL ||
-        jump->right->value != INT65(b->label))
-        return false;
+    NODE* jump = latch_jump(loop);
+    if (!jump || jump != b->statements.back().tree) return false;
     for (const BODY_ENTRY& e : b->statements)
         if (!e.tree || e.tree->opcode == ASM || e.tree->opcode == LABELDEF || e.tree->opcode == PPRAGMA) return false;
     if (!loop->trips || loop->trips->opcode != ICON) return unroll_run_time(loop, b, jump);
@@ -295,12 +283,7 @@ bool unroll(struct LOOP* loop) {
         for (int copy = 0; copy < how.peeled; ++copy)
             for (const BODY_ENTRY& e : body) append_before_jump(pre, copy_tree(e.tree), e.pos);
         unrolled.insert(unrolled.end(), body.begin(), body.end());
-        for (int copy = 1; copy < factor; ++copy)
-            for (const BODY_ENTRY& e : body) {
-                BODY_ENTRY c = e;
-                c.tree = copy_tree(e.tree);
-                unrolled.push_back(c);
-            }
+        append_copies(body, factor - 1, unrolled);
         if (completely) erase_tree(jump);  // the last copy falls out of the loop
         else unrolled.push_back(b->statements.back());
         b->statements.swap(unrolled);

@@ -19,8 +19,6 @@
 
 namespace {
 
-bool is_pointer(TYPE* t) { return t && t->stripped()->kind == TYPE::PTR_T; }
-
 // Calls f(slot, parent, grandparent) for every node of every statement,
 // parents first.
 template <class F>
@@ -46,7 +44,10 @@ class retyping {
 public:
     retyping() : taken_(address_taken_symbols()) {
         for (const FUNC_SYM& s : function_symbols())
-            if (!s.is_arg && is_pointer(s.sym->type) && is_private_variable(s.sym, taken_)) parent_[s.sym] = s.sym;
+            if (!s.is_arg && is_pointer_type(s.sym->type) && is_private_variable(s.sym, taken_)) {
+                parent_[s.sym] = s.sym;
+                order_.push_back(s.sym);
+            }
     }
 
     int run() {
@@ -55,25 +56,24 @@ public:
         // Each class: every member fit, one type its reads convert to.
         std::map<const SYMTAB*, TYPE*> type_of;
         std::set<const SYMTAB*> unfit;
-        for (auto& [v, p] : parent_) {
-            const SYMTAB* root = find(v);
-            if (failed_.count(v)) unfit.insert(root);
-        }
+        for (const SYMTAB* v : failed_) unfit.insert(find(v));
         for (auto& [conv, v] : conversions_) {
             const SYMTAB* root = find(v);
             auto [it, fresh] = type_of.emplace(root, conv->type);
             if (!fresh && it->second != conv->type) unfit.insert(root);
         }
         std::map<const SYMTAB*, TYPE*> new_type;
-        for (auto& [v, p] : parent_) {
+        for (const SYMTAB* v : order_) {
             const SYMTAB* root = find(v);
             auto it = type_of.find(root);
             if (it != type_of.end() && !unfit.count(root) && it->second != v->type) new_type[v] = it->second;
         }
         if (new_type.empty()) return 0;
         apply(new_type);
-        for (auto& [v, t] : new_type) {
-            const_cast<SYMTAB*>(v)->type = t;
+        for (const SYMTAB* v : order_) {  // in declaration order, for the information file
+            auto it = new_type.find(v);
+            if (it == new_type.end()) continue;
+            const_cast<SYMTAB*>(v)->type = it->second;
             if (write_opt_info && finfo)
                 std::fprintf(finfo, "Pointer '%s' takes the type its reads convert it to.\n", v->name.c_str());
         }
@@ -82,6 +82,7 @@ public:
 
 private:
     std::set<const SYMTAB*> taken_;
+    std::vector<const SYMTAB*> order_;              // the candidates, as declared
     std::map<const SYMTAB*, const SYMTAB*> parent_;  // union-find over the candidates
     std::set<const SYMTAB*> failed_;
     std::map<NODE*, const SYMTAB*> conversions_;  // PCONV(v) nodes
@@ -116,7 +117,7 @@ private:
     // The value `val` of variable v is an operand of q.
     void read_by(const SYMTAB* v, NODE* val, NODE* q) {
         if (!q) return;
-        if (q->opcode == PCONV && q->left == val && is_pointer(q->type)) {
+        if (q->opcode == PCONV && q->left == val && is_pointer_type(q->type)) {
             conversions_[q] = v;
             return;
         }

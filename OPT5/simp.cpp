@@ -28,6 +28,8 @@ RANGE_ORACLE simp_range_oracle;
 // ---------------------------------------------------------------------------
 // Types and constants
 
+bool is_pointer_type(TYPE* type) { return type && type->stripped()->kind == TYPE::PTR_T; }
+
 TYPE* integer_view(TYPE* type) {
     if (!type) return nullptr;
     TYPE* t = type->stripped();
