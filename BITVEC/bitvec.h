@@ -6,9 +6,11 @@
 #include <cstdio>
 #include <vector>
 
+#include "UTIL/small_vector.h"
+
 class BITVEC {
 public:
-    explicit BITVEC(size_t bits = 0, bool zoned = false) : bits_(bits), words_((bits + 63) / 64), zoned_(zoned) {}
+    explicit BITVEC(size_t bits = 0, bool zoned = false) : bits_(bits), words_((bits + 63) / 64, 0), zoned_(zoned) {}
 
     size_t size() const { return bits_; }
     // Changes the length; new bits are clear.
@@ -34,7 +36,7 @@ public:
 
 private:
     size_t bits_;
-    std::vector<uint64_t> words_;
+    small_vector<uint64_t, 2> words_;  // sets of up to 128 bits need no heap block
     bool zoned_;
     void trim();
 };

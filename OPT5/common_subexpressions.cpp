@@ -18,6 +18,7 @@
 #include "OPT5/opt_client.h"
 #include "OPT5/symtab.h"
 #include "TYPES/type_pkg.h"
+#include "UTIL/small_vector.h"
 
 namespace {
 
@@ -109,9 +110,13 @@ using available_ptr = std::shared_ptr<available>;
 // A hash of a tree's structure: equal trees hash alike.  Every node of the
 // tree gets its own in `out`.
 uint64_t shape_of(const NODE* tree, std::unordered_map<const NODE*, uint64_t>* out = nullptr) {
-    std::unordered_map<const NODE*, uint64_t> local;
-    std::unordered_map<const NODE*, uint64_t>& h = out ? *out : local;
-    std::vector<std::pair<const NODE*, bool>> work{{tree, false}};
+    struct item {
+        const NODE* n;
+        bool done;  // its operands' hashes are on `values`
+    };
+    small_vector<item, 32> work;
+    small_vector<uint64_t, 32> values;
+    work.push_back({tree, false});
     while (!work.empty()) {
         auto [n, done] = work.back();
         work.pop_back();
@@ -125,11 +130,22 @@ uint64_t shape_of(const NODE* tree, std::unordered_map<const NODE*, uint64_t>* o
         v ^= reinterpret_cast<uintptr_t>(n->type) + (v << 6) + (v >> 2);
         v ^= reinterpret_cast<uintptr_t>(n->symbol) + (v << 6) + (v >> 2);
         v ^= static_cast<uint64_t>(n->value.low_word()) + (v << 6) + (v >> 2);
-        if (n->left) v ^= h[n->left] * 0xC2B2AE3D27D4EB4Full + (v << 6) + (v >> 2);
-        if (n->right) v ^= h[n->right] * 0x165667B19E3779F9ull + (v << 6) + (v >> 2);
-        h[n] = v;
+        // The left operand's hash was pushed first.
+        uint64_t right = 0, left = 0;
+        if (n->right) {
+            right = values.back();
+            values.pop_back();
+        }
+        if (n->left) {
+            left = values.back();
+            values.pop_back();
+        }
+        if (n->left) v ^= left * 0xC2B2AE3D27D4EB4Full + (v << 6) + (v >> 2);
+        if (n->right) v ^= right * 0x165667B19E3779F9ull + (v << 6) + (v >> 2);
+        if (out) (*out)[n] = v;
+        values.push_back(v);
     }
-    return h[tree];
+    return values.back();
 }
 
 // What a statement may change.

@@ -18,6 +18,7 @@
 #include "OPT5/symtab.h"
 #include "TYPES/type_pkg.h"
 #include "UTIL/ptr_map.h"
+#include "UTIL/small_vector.h"
 
 namespace {
 const char THIS_MODULE[] = "OPT5/copy_propagation";
@@ -121,7 +122,8 @@ private:
     // assigned anywhere but by the statement's own top-level assignment.
     template <class F>
     void for_each_assigned(const NODE* stmt, F&& f) const {
-        std::vector<const NODE*> work{stmt};
+        small_vector<const NODE*, 32> work;
+        work.push_back(stmt);
         while (!work.empty()) {
             const NODE* n = work.back();
             work.pop_back();
@@ -196,15 +198,15 @@ private:
     // after its operands are read); *x becomes v where x = &v is.
     int rewrite_reads(NODE*& stmt, const BITVEC& avail) const {
         if (!stmt || !avail.any()) return 0;
-        std::set<const SYMTAB*> embedded = assigned_inside(stmt);
+        symbols embedded = assigned_inside(stmt);
         // The copy of x in force here, if any.
         auto available = [&](const NODE* t) -> const COPY* {
             const SYMTAB* x = private_name(t);
             const std::vector<int>* cs = x ? involving_.find(x) : nullptr;
-            if (!cs || embedded.count(x)) return nullptr;
+            if (!cs || holds(embedded, x)) return nullptr;
             for (int c : *cs) {
                 const COPY& copy = copies_[static_cast<size_t>(c)];
-                if (copy.to == x && avail.test(static_cast<size_t>(c)) && !(copy.from && embedded.count(copy.from)))
+                if (copy.to == x && avail.test(static_cast<size_t>(c)) && !(copy.from && holds(embedded, copy.from)))
                     return &copy;
             }
             return nullptr;
@@ -229,13 +231,16 @@ private:
         return n;
     }
 
-    std::set<const SYMTAB*> assigned_inside(const NODE* stmt) const {
-        std::set<const SYMTAB*> inside;
+    // The variables a statement assigns inside (seldom any).
+    using symbols = small_vector<const SYMTAB*, 4>;
+    symbols assigned_inside(const NODE* stmt) const {
+        symbols inside;
         for_each_assigned(stmt, [&](const SYMTAB* v, bool embedded) {
-            if (embedded) inside.insert(v);
+            if (embedded) inside.push_back(v);
         });
         return inside;
     }
+    static bool holds(const symbols& set, const SYMTAB* v) { return std::find(set.begin(), set.end(), v) != set.end(); }
 
     static bool is_constant(const NODE* n) { return n->opcode == ICON || n->opcode == FCON; }
 
@@ -280,11 +285,11 @@ private:
             work.push_back({v.block, undo.size(), true});
             for (BODY_ENTRY& e : v.block->statements) {
                 if (!e.tree) continue;
-                std::set<const SYMTAB*> embedded = assigned_inside(e.tree);
+                symbols embedded = assigned_inside(e.tree);
                 bool here = false;
                 for_each_read_name(e.tree, [&](NODE*& t) {
                     const SYMTAB* x = private_name(t);
-                    const NODE* const* c = x && !embedded.count(x) ? value.find(x) : nullptr;
+                    const NODE* const* c = x && !holds(embedded, x) ? value.find(x) : nullptr;
                     if (!c || !*c) return;
                     TYPE* type = t->type;
                     erase_node(t);

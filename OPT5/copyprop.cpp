@@ -26,6 +26,7 @@
 #include "OPT5/symtab.h"
 #include "TYPES/type_pkg.h"
 #include "UTIL/ptr_map.h"
+#include "UTIL/small_vector.h"
 
 namespace {
 const char THIS_MODULE[] = "OPT5/copyprop";
@@ -181,7 +182,12 @@ bool is_op_assign(int op) {
 }
 
 void for_each_read_name(NODE*& tree, const std::function<void(NODE*&)>& f) {
-    std::vector<std::pair<NODE**, bool>> work{{&tree, false}};  // operand slot, a named place
+    struct item {
+        NODE** slot;
+        bool place;  // a named place, not a read
+    };
+    small_vector<item, 32> work;
+    work.push_back({&tree, false});
     while (!work.empty()) {
         auto [slot, place] = work.back();
         work.pop_back();
@@ -317,7 +323,8 @@ constexpr size_t MAX_COMBINED_NODES = 48;
 
 size_t tree_size_up_to(const NODE* t, size_t limit) {
     size_t n = 0;
-    std::vector<const NODE*> work{t};
+    small_vector<const NODE*, 32> work;
+    work.push_back(t);
     while (!work.empty() && n <= limit) {
         const NODE* x = work.back();
         work.pop_back();

@@ -16,11 +16,22 @@ class small_vector {
 
 public:
     small_vector() = default;
+    small_vector(size_t n, const T& v) { resize(n, v); }
     small_vector(const small_vector& o) { assign(o); }
+    small_vector(small_vector&& o) noexcept { take(o); }
     small_vector& operator=(const small_vector& o) {
         if (this != &o) {
             size_ = 0;
             assign(o);
+        }
+        return *this;
+    }
+    small_vector& operator=(small_vector&& o) noexcept {
+        if (this != &o) {
+            if (data_ != inline_data()) std::free(data_);
+            data_ = inline_data();
+            capacity_ = N;
+            take(o);
         }
         return *this;
     }
@@ -39,8 +50,20 @@ public:
     const T& operator[](size_t i) const { return data_[i]; }
     const T& front() const { return data_[0]; }
     const T& back() const { return data_[size_ - 1]; }
+    T& back() { return data_[size_ - 1]; }
 
-    void push_back(const T& v) { insert(end(), v); }
+    void push_back(const T& v) {
+        T copy = v;  // `v` may live in this vector
+        if (size_ == capacity_) reserve(size_ + 1);
+        data_[size_++] = copy;
+    }
+    void pop_back() { --size_; }
+    // New elements are v.
+    void resize(size_t n, const T& v) {
+        reserve(n);
+        for (size_t i = size_; i < n; ++i) data_[i] = v;
+        size_ = n;
+    }
     T* insert(T* at, const T& v) {
         size_t i = static_cast<size_t>(at - data_);
         T copy = v;  // `v` may live in this vector
@@ -68,6 +91,19 @@ private:
         if (data_ != inline_data()) std::free(data_);
         data_ = p;
         capacity_ = cap;
+    }
+    // Takes o's heap block, or copies its inline elements; o is left empty.
+    void take(small_vector& o) {
+        if (o.data_ != o.inline_data()) {
+            data_ = o.data_;
+            capacity_ = o.capacity_;
+            o.data_ = o.inline_data();
+            o.capacity_ = N;
+        } else {
+            std::memcpy(data_, o.data_, o.size_ * sizeof(T));
+        }
+        size_ = o.size_;
+        o.size_ = 0;
     }
     void assign(const small_vector& o) {
         reserve(o.size_);

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "BITVEC/bitvec.h"
 #include "IFILE/if_symbol.h"
 #include "OPT5/bbutils.h"
 #include "OPT5/globals.h"
@@ -209,6 +210,39 @@ TEST(SmallVector, StaysOrderedAndIndependentPastItsInlinePart) {
     EXPECT_EQ(small.size(), 5u);
     EXPECT_EQ(w.size(), 1u);
     EXPECT_EQ(w[0], INT65(9));
+}
+
+// Sets of data-flow bits live in these: vectors of them grow (moving every
+// set), sets are resized, and work lists pop.
+TEST(SmallVector, MovesTakeTheHeapPartAndLeaveTheSourceEmpty) {
+    small_vector<uint64_t, 2> heap(5, 7), inline_part(2, 3);
+    small_vector<uint64_t, 2> a(std::move(heap)), b(std::move(inline_part));
+    EXPECT_EQ(heap.size(), 0u);
+    EXPECT_EQ(inline_part.size(), 0u);
+    ASSERT_EQ(a.size(), 5u);
+    ASSERT_EQ(b.size(), 2u);
+    EXPECT_EQ(a[4], 7u);
+    EXPECT_EQ(b[1], 3u);
+    heap.push_back(1);  // a moved-from vector is usable again
+    EXPECT_EQ(heap.back(), 1u);
+    b = std::move(a);  // an inline vector takes a heap block
+    a = std::move(heap);
+    EXPECT_EQ(b.size(), 5u);
+    EXPECT_EQ(a.size(), 1u);
+    b.resize(9, 0);
+    EXPECT_EQ(b[4], 7u);
+    EXPECT_EQ(b[8], 0u);
+    b.pop_back();
+    b.back() = 2;
+    EXPECT_EQ(b.size(), 8u);
+    EXPECT_EQ(b[7], 2u);
+    std::vector<BITVEC> sets;
+    for (size_t i = 0; i < 40; ++i) {
+        sets.emplace_back(i * 10);
+        if (i) sets.back().set(i * 10 - 1);
+    }
+    for (size_t i = 1; i < 40; ++i) EXPECT_EQ(sets[i].count(), 1u) << i;
+    for (size_t i = 1; i < 40; ++i) EXPECT_TRUE(sets[i].test(i * 10 - 1)) << i;
 }
 
 TEST(PtrMap, FindsEveryKeyThroughGrowthAndCollisions) {
