@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 
+#include "IFILE/if_file.h"
 #include "OPT5/abort.h"
 #include "OPT5/driver.h"
 #include "OPT5/funinfo.h"
@@ -82,6 +83,35 @@ SYMTAB* called_function(const NODE* call) {
     return f && f->opcode == NAME && is_function_symbol(f->symbol) ? f->symbol : nullptr;
 }
 
+std::vector<NODE*> call_arguments(NODE* call) {
+    std::vector<NODE*> args;
+    if (call->opcode != CALL) return args;
+    uint64_t n = call->value.as<uint64_t>();
+    NODE* a = call->right;
+    for (uint64_t k = 1; k < n && a && a->opcode == PCOMMA; ++k) {
+        args.push_back(a->left);
+        a = a->right;
+    }
+    if (a) args.push_back(a);
+    return args;
+}
+
+namespace {
+std::vector<SYMTAB*> declared(const FUNINFO* fi, bool parameters) {
+    std::vector<SYMTAB*> out;
+    bool in_args = true;
+    for (const BODY_ENTRY& e : fi->body) {
+        if (e.kind == BODY_ENTRY::CONTROL && e.control == IR_END_ARGS) in_args = false;
+        SYMTAB* sym = e.kind == BODY_ENTRY::SYMBOL ? static_cast<SYMTAB*>(e.sym) : nullptr;
+        if (sym && !sym->global && in_args == parameters) out.push_back(sym);
+    }
+    return out;
+}
+}  // namespace
+
+std::vector<SYMTAB*> function_parameters(const FUNINFO* fi) { return declared(fi, true); }
+std::vector<SYMTAB*> function_locals(const FUNINFO* fi) { return declared(fi, false); }
+
 void with_function_statements(SYMTAB* fn, const std::function<void(FUNINFO*)>& f) {
     FUNINFO* fi = make_FUNINFO(fn);
     currfunc = fn;
@@ -131,5 +161,19 @@ void detect_recursion() {
         if (!nd.recursive) continue;
         if (write_opt_info && finfo) std::fprintf(finfo, "Function %s() is recursive.\n", nd.fn->name.c_str());
         if (print_debug) DBG_CHECK(std::fprintf(FDEBUG, "%s() is on a cycle of calls\n", nd.fn->name.c_str()));
+    }
+}
+
+void dump_call_graph_debug() {
+    if (!print_debug || !FDEBUG) return;
+    call_graph g = build_call_graph();
+    DBG_CHECK(std::fprintf(FDEBUG, "Call graph: %zu defined functions, callees first\n", g.nodes.size()));
+    for (int i : g.bottom_up) {
+        const call_graph::node& nd = g.nodes[static_cast<size_t>(i)];
+        DBG_CHECK(std::fprintf(FDEBUG, "  %s()%s%s calls", nd.fn->name.c_str(), nd.fn->value_c == 1 ? " static" : "",
+                               nd.recursive ? " recursive" : ""));
+        if (nd.callees.empty()) DBG_CHECK(std::fprintf(FDEBUG, " nothing defined here"));
+        for (int c : nd.callees) DBG_CHECK(std::fprintf(FDEBUG, " %s()", g.nodes[static_cast<size_t>(c)].fn->name.c_str()));
+        DBG_CHECK(std::fputc('\n', FDEBUG));
     }
 }

@@ -26,6 +26,14 @@ struct call_graph {
 // a pointer.
 SYMTAB* called_function(const NODE* call);
 
+// The arguments of a call, in the order they are evaluated.
+std::vector<NODE*> call_arguments(NODE* call);
+
+// A function's parameters and its other locals, in declaration order, from
+// its statements (unparked).
+std::vector<SYMTAB*> function_parameters(const FUNINFO* fi);
+std::vector<SYMTAB*> function_locals(const FUNINFO* fi);
+
 // Reads every defined function's statements (each is parked again after).
 call_graph build_call_graph();
 
@@ -57,3 +65,7 @@ size_t body_size(const FUNINFO* fi);
 
 // "detect_recursion": marks the functions on cycles of the call graph.
 void detect_recursion();
+
+// "dump_call_graph_debug": the call graph in the debug listing, callees
+// first, each function with the defined functions it calls.
+void dump_call_graph_debug();

@@ -88,17 +88,13 @@ std::unique_ptr<callee_copy> keep_for_copying(FUNINFO* fi, const call_graph::nod
         why = "it is too large";
         return nullptr;
     }
-    bool in_args = true;
-    for (const BODY_ENTRY& e : fi->body) {
-        if (e.kind == BODY_ENTRY::CONTROL && e.control == IR_END_ARGS) in_args = false;
-        SYMTAB* sym = e.kind == BODY_ENTRY::SYMBOL ? static_cast<SYMTAB*>(e.sym) : nullptr;
-        if (!sym || sym->global) continue;
-        if (in_args && !(sym->type && sym->type->stripped()->is_scalar())) {
+    copy->params = function_parameters(fi);
+    for (SYMTAB* p : copy->params)
+        if (!(p->type && p->type->stripped()->is_scalar())) {
             why = "an argument is an aggregate";
             return nullptr;
         }
-        (in_args ? copy->params : copy->locals).push_back(sym);
-    }
+    copy->locals = function_locals(fi);
     for_each_body_node(fi->body, [&](const NODE* n) {
         if (n->opcode == ASM || n->opcode == PPRAGMA || n->opcode == RETURN) why = "of its body";
         if (n->opcode == NAME && n->symbol && needs_own_frame(n->symbol->name)) why = "it needs a frame of its own";
@@ -113,20 +109,6 @@ std::unique_ptr<callee_copy> keep_for_copying(FUNINFO* fi, const call_graph::nod
         }
     copy->marks_symbol_refs = fi->marks_symbol_refs;
     return copy;
-}
-
-// The arguments of a call, in the order they are evaluated.
-std::vector<NODE*> call_arguments(NODE* call) {
-    std::vector<NODE*> args;
-    if (call->opcode != CALL) return args;
-    uint64_t n = call->value.as<uint64_t>();
-    NODE* a = call->right;
-    for (uint64_t k = 1; k < n && a && a->opcode == PCOMMA; ++k) {
-        args.push_back(a->left);
-        a = a->right;
-    }
-    if (a) args.push_back(a);
-    return args;
 }
 
 // Whether a value of type `from` is given to a variable of type `to` as it

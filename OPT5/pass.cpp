@@ -19,7 +19,9 @@
 #include "OPT5/mvp.h"
 #include "OPT5/node.h"
 #include "OPT5/funinfo.h"
+#include "OPT5/global_symbols.h"
 #include "OPT5/induction.h"
+#include "OPT5/interprocedural_propagation.h"
 #include "OPT5/inlining.h"
 #include "OPT5/loop_rotation.h"
 #include "OPT5/loop_invariants.h"
@@ -89,6 +91,8 @@ void propagate_increments() {
     fold_post_increments();
 }
 void auto_inline_step() { auto_inline_call_sites(); }
+void analyze_globals() { analyze_global_symbols(); }
+void interprocedural_propagation() { do_interprocedural_propagation(); }
 void superblocks() { sink_partially_dead_assignments(); }
 void lcp() {
     if (opt_level() < 1) return;
@@ -111,11 +115,11 @@ const step pass_table[] = {
     {"pass 1 fcp/eda", false, pass_1_fcp_eda, 2},
     {"pass 1 fast_CP(4,0)", false, fast_CP_4_0, 1},
     {"value propagation for pass 1", false, no_action, NEVER},
-    {"analyze globals", true, no_action, NEVER},
+    {"analyze globals", true, analyze_globals, NEVER},
     {"detect_recursion", true, detect_recursion, NEVER},
-    {"do_interprocedural_propagation", true, no_action, NEVER},
+    {"do_interprocedural_propagation", true, interprocedural_propagation, NEVER},
     {"auto_inline_call_sites", true, auto_inline_step, NEVER},
-    {"dump_call_graph_debug", true, no_action, NEVER},
+    {"dump_call_graph_debug", true, dump_call_graph_debug, NEVER},
     {"collect_clustered_symbols", true, no_action, NEVER},
     {"pass 2 header", true, pass_2_header, NEVER},
     {"set call-graph order", true, no_action, NEVER},

@@ -332,6 +332,7 @@ Unit generate(uint64_t seed) {
     for (int i = 0; i < 8; ++i) g.next();
     Unit& u = g.u;
     u.f.globals = {"ga", "u:gu"};
+    u.f.internal_globals = seed % 2 == 1;  // from the seed, so that the rest of the unit does not change
     g.volatile_array = g.chance(30);
     if (g.volatile_array) u.f.globals.push_back("v:gv");
     // Arguments a0.. (never assigned) and locals x0.., of random types.
@@ -549,6 +550,7 @@ std::string Unit::save(const std::string& note) const {
     for (const std::string& l : f.locals) s += " " + l;
     s += "\nglobals:";
     for (const std::string& g : f.globals) s += " " + g;
+    s += "\ninternal: " + std::to_string(f.internal_globals ? 1 : 0);
     s += "\nprologue: " + std::to_string(prologue) + "\nbody:\n";
     for (const std::string& b : f.body) s += b + "\n";
     return s;
@@ -572,6 +574,7 @@ Unit Unit::load(const std::string& text) {
         else if (line.rfind("locals:", 0) == 0) u.f.locals = words(line);
         else if (line.rfind("globals:", 0) == 0) u.f.globals = words(line);
         else if (line.rfind("prologue:", 0) == 0) u.prologue = std::stoul(words(line).at(0));
+        else if (line.rfind("internal:", 0) == 0) u.f.internal_globals = words(line).at(0) == "1";
         else if (line == "body:") body = true;
     }
     return u;

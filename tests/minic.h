@@ -87,6 +87,7 @@ struct MiniFunction {
     std::vector<std::string> body;
     std::vector<std::string> globals;
     std::vector<std::string> externs;  // functions called but not defined here
+    bool internal_globals = false;     // no other unit can name the arrays (static)
 
     std::string text() const;
 };
@@ -293,8 +294,9 @@ inline std::string unit_text(const std::vector<MiniFunction>& fns) {
          ".section globals\nsymbol S:\"ext\" n:0 n:0 c:0 w:0 n:4 n:0 n:16 c:0 n:0 n:0 P:0 b:0\n";
     for (const MiniFunction& f : fns)
         s += "symbol S:\"" + f.name + "\" n:0 n:0 c:0 w:0 n:4 n:0 n:16 c:0 n:0 n:0 P:1:1:1 b:0\n";
+    const char* linkage = fns.front().internal_globals ? " c:1" : " c:0";
     for (const std::string& g : globals)
-        s += "symbol S:\"" + name_of_decl(g) + "\" n:1600 n:0 c:0 w:0 n:" + std::to_string(global_type(g)) +
+        s += "symbol S:\"" + name_of_decl(g) + "\" n:1600 n:0" + linkage + " w:0 n:" + std::to_string(global_type(g)) +
              " n:0 n:16 c:0 n:0 n:0 P:0 b:0\n";
     for (const std::string& x : fns.front().externs)
         s += "symbol S:\"" + x + "\" n:0 n:0 c:0 w:0 n:4 n:0 n:16 c:0 n:0 n:0 P:0 b:0\n";

@@ -136,7 +136,7 @@ public:
         s += ".section files\n";
         for (const std::string& f : files_) s += "source S:" + if_text_quote(f) + "\n";
         s += ".end\n.section globals\n";
-        for (const GLOBAL& g : globals_) s += symbol_record(g.name, g.bits, g.type, g.position);
+        for (const GLOBAL& g : globals_) s += symbol_record(g.name, g.bits, g.type, g.position, g.internal);
         s += ".end\n";
         return s;
     }
@@ -159,6 +159,7 @@ private:
         int type = 0;
         std::string position = "P:0";
         std::string init_text;
+        bool internal = false;  // no other unit can name it
     };
     std::vector<GLOBAL> globals_;
     std::map<const Decl*, int> global_index_;  // functions and objects (static locals included)
@@ -368,8 +369,12 @@ private:
             if (taken.insert(name + "." + std::to_string(k)).second) return name + "." + std::to_string(k);
     }
 
-    static std::string symbol_record(const std::string& name, uint64_t bits, int type, const std::string& position) {
-        return "symbol S:" + if_text_quote(name) + " n:" + std::to_string(bits) + " n:0 c:0 w:0 n:" + std::to_string(type) +
+    // Value C is 1 for a global that no other unit can name (a static
+    // object or function, a static local).
+    static std::string symbol_record(const std::string& name, uint64_t bits, int type, const std::string& position,
+                                     bool internal = false) {
+        return "symbol S:" + if_text_quote(name) + " n:" + std::to_string(bits) + " n:0 c:" + (internal ? "1" : "0") +
+               " w:0 n:" + std::to_string(type) +
                " n:0 n:16 c:0 n:0 n:0 " + position + " b:0\n";
     }
 
@@ -379,6 +384,7 @@ private:
             if (global_index_.count(first)) return;
             GLOBAL& g = globals_[add_global(first, f->getNameAsString())];
             g.type = type_id(f->getType(), f->getLocation());
+            g.internal = !f->isExternallyVisible();
             if (f->hasBody()) g.position = pos(f->getLocation());
         } else if (auto* v = dyn_cast<VarDecl>(d)) {
             global_object(v);
@@ -414,6 +420,7 @@ private:
             t = ctx_.getConstantArrayType(inc->getElementType(), llvm::APInt(32, 1), nullptr, ArrayType::Normal, 0);
         uint64_t u = units(t, def->getLocation());
         GLOBAL& g = globals_[index];
+        g.internal = !v->isExternallyVisible();
         g.bits = u * 16;
         g.type = type_id(t, def->getLocation());
         g.position = pos(def->getLocation());

@@ -1,0 +1,105 @@
+// The whole-unit steps: globals that keep their initial values, constants
+// passed to and returned from the functions only this unit calls.  C
+// programs whose globals and functions are reachable in every way the
+// steps must respect run the same at every level, and the information
+// file says what was done.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "ifcc_util.h"
+
+namespace {
+
+class Interprocedural : public CProgramTest {
+protected:
+    // The optimisation information of the unit at -o2.
+    std::string info() {
+        fs::path file = dir.path / "o2.info";
+        run(std::vector<std::string>{"-o2", "--info_file=" + file.string()});
+        return slurp(file);
+    }
+    static bool has(const std::string& text, const std::string& line) { return text.find(line) != std::string::npos; }
+};
+
+TEST_F(Interprocedural, GlobalsThatNothingWritesAreReadAsTheirInitialValues) {
+    compile(R"(#include <stdio.h>
+static int k = 7;                        /* folded */
+static const long table[4] = {100000, -5, 70000, 3};  /* folded where the index is known */
+static int zero;                         /* no initializer: folded as 0 */
+static int bumped = 1;                   /* written */
+int shared = 9;                          /* other units may write it */
+static int through = 4;                  /* its address is passed */
+static int in_data = 6;                  /* an initializer holds its address */
+static int *const where = &in_data;
+static volatile int vol = 2;             /* volatile */
+static void set(int *p, int v) { *p = v; }
+static int scaled(int x) { return x * k + zero; }
+int main(void) {
+    long s = 0;
+    for (int i = 0; i < 4; i++) s += table[i] + table[1];
+    set(&through, 11);
+    *where = 12;
+    bumped += 2;
+    printf("%ld %d %d %d %d %d %d\n", s, scaled(3), bumped, shared, through, in_data, vol);
+    return k - 7;
+})");
+    IFRUN_RESULT reference = expect_same_at_every_level();
+    EXPECT_EQ(reference.output, "169978 21 3 9 11 12 2\n");
+    std::string text = info();
+    EXPECT_TRUE(has(text, "Function scaled(): 1 read of 'k', which nothing writes, takes its initial value.")) << text;
+    EXPECT_TRUE(has(text, "Function scaled(): 1 read of 'zero'")) << text;
+    EXPECT_TRUE(has(text, "Function main(): 1 read of 'table'")) << text;  // table[1]; table[i] stays
+    for (const char* kept : {"'bumped'", "'shared'", "'through'", "'in_data'", "'vol'"})
+        EXPECT_FALSE(has(text, kept)) << kept << "\n" << text;
+}
+
+TEST_F(Interprocedural, ConstantsCrossTheCallsOfFunctionsOnlyThisUnitCalls) {
+    compile(R"(#include <stdio.h>
+static int scale(int x, int by) { return x * by; }      /* by is 5 at every call */
+static int shift(int x, int by) { return x << by; }     /* by varies */
+static int offset(int x, int by) { return x + by; }     /* also called through a pointer with 9 */
+static int (*volatile via)(int, int) = offset;
+static int three(int x) { if (x > 10) return 3; return 3; }
+static int mixed(int x) { if (x) return 1; return 2; }
+int visible(int by) { return by + 1; }                  /* other units may call it */
+int main(void) {
+    long s = 0;
+    for (int i = 0; i < 6; i++) s += scale(i, 5) + shift(i, i & 3) + offset(i, 2);
+    int t = three((int)s);
+    int m = mixed(t - 3);
+    s += via(1, 9) + visible(4);
+    printf("%ld %d %d\n", s, t, m);
+    return three(1) - 3;
+})");
+    IFRUN_RESULT reference = expect_same_at_every_level();
+    std::string text = info();
+    EXPECT_TRUE(has(text, "Function scale(): parameter 'by' is 5 at every call.")) << text;
+    EXPECT_TRUE(has(text, "the call of three() gives 3, the only value it returns.")) << text;
+    for (const char* kept : {"Function shift(): parameter", "Function offset(): parameter",
+                             "Function visible(): parameter", "mixed() gives"})
+        EXPECT_FALSE(has(text, kept)) << kept << "\n" << text;
+}
+
+// The debug listing shows the call graph after inlining, callees first.
+TEST_F(Interprocedural, TheCallGraphIsListedCalleesFirst) {
+    compile(R"(#include <stdio.h>
+static int fact(int n) { return n <= 1 ? 1 : n * fact(n - 1); }
+int twice(int n) { return fact(n) * 2; }
+int main(void) { printf("%d\n", twice(5)); return 0; })");
+    fs::path listing = dir.path / "o2.dbg";
+    run(std::vector<std::string>{"-o2", "--debug_file=" + listing.string(), "--debug=dump_minimal"});
+    std::string text = slurp(listing);
+    size_t graph = text.find("Call graph: 3 defined functions, callees first\n");
+    ASSERT_NE(graph, std::string::npos) << text;
+    size_t fact = text.find("  fact() static recursive calls fact()\n", graph);
+    size_t twice = text.find("  twice() calls fact()\n", graph);
+    size_t main = text.find("  main() calls", graph);
+    EXPECT_NE(fact, std::string::npos);
+    EXPECT_NE(twice, std::string::npos);
+    EXPECT_NE(main, std::string::npos);
+    EXPECT_LT(fact, twice);
+    EXPECT_LT(twice, main);
+}
+
+}  // namespace
