@@ -11,6 +11,7 @@
 #include "OPT5/bbutils.h"
 #include "OPT5/cmdline.h"
 #include "OPT5/copyprop.h"
+#include "OPT5/dominator.h"
 #include "OPT5/funinfo.h"
 #include "OPT5/globals.h"
 #include "OPT5/node.h"
@@ -24,6 +25,9 @@ namespace {
 
 // A block keeps at most this many expressions available (the oldest go).
 constexpr size_t MAX_AVAILABLE = 64;
+// The blocks between a join and its immediate dominator looked at for what
+// they change; a larger region passes nothing on.
+constexpr size_t MAX_REGION = 256;
 
 // Where a memory access lands: an object (or else the pointer the address
 // starts from), a constant offset in units when there is one, and the
@@ -174,6 +178,8 @@ private:
     // Whether the expression may be kept in a variable, and what it reads.
     bool describe(const NODE* e, available& a) const;
     effects effects_of(const NODE* stmt) const;
+    std::vector<available_ptr> inherited(BBLK* b, Dominator* dom,
+                                         const std::map<BBLK*, std::vector<available_ptr>>& ends) const;
     static bool kills(const effects& fx, const available& a);
     int rewrite(BODY_ENTRY& e);
     SYMTAB* keep_in_temporary(available& a);
@@ -382,15 +388,60 @@ int cse::rewrite(BODY_ENTRY& e) {
     return replaced;
 }
 
+// What is available where a block begins.  After one predecessor, what was
+// at its end; at a join, what was at the end of its immediate dominator and
+// nothing on the ways from there to the join may have changed (the blocks
+// those ways cross are walked back from the join's predecessors to the
+// dominator; past MAX_REGION of them, nothing is available).
+std::vector<available_ptr> cse::inherited(BBLK* b, Dominator* dom,
+                                          const std::map<BBLK*, std::vector<available_ptr>>& ends) const {
+    if (!b->predecessors) return {};
+    BBLK* from = b->predecessors->rest ? dom->immediate_dominator(b) : b->predecessors->bb;
+    auto it = from ? ends.find(from) : ends.end();
+    if (it == ends.end()) return {};
+    std::vector<available_ptr> in = it->second;
+    if (!b->predecessors->rest) return in;
+    std::set<BBLK*> region;
+    std::vector<BBLK*> work;
+    for (EDGE* p = b->predecessors; p; p = p->rest) work.push_back(p->bb);
+    while (!work.empty() && !in.empty()) {
+        BBLK* x = work.back();
+        work.pop_back();
+        if (x == from || !region.insert(x).second) continue;
+        if (region.size() > MAX_REGION) return {};
+        for (const BODY_ENTRY& e : x->statements) {
+            if (!e.tree) continue;
+            effects fx = effects_of(e.tree);
+            std::erase_if(in, [&](const available_ptr& a) { return a->gone || kills(fx, *a); });
+        }
+        for (EDGE* p = x->predecessors; p; p = p->rest) work.push_back(p->bb);
+    }
+    return in;
+}
+
 int cse::run() {
     int total = 0;
     std::map<BBLK*, std::vector<available_ptr>> ends;
-    for (BBLK* b : layout_blocks()) {
-        avail_.clear();
-        if (extended_ && b->predecessors && !b->predecessors->rest) {
-            auto it = ends.find(b->predecessors->bb);
-            if (it != ends.end()) avail_ = it->second;
+    // Blocks are visited dominators first; what ends a block is kept when a
+    // block it alone enters, or a join it dominates immediately, inherits it.
+    Dominator* dom = extended_ ? compute_dominators(false) : nullptr;
+    std::vector<BBLK*> order = layout_blocks();
+    std::set<BBLK*> wanted;
+    if (dom) {
+        std::vector<BBLK*> reached = dom->depth_first_doms();
+        std::set<BBLK*> seen(reached.begin(), reached.end());
+        for (BBLK* b : order)
+            if (!seen.count(b)) reached.push_back(b);  // nothing reaches it
+        order.swap(reached);
+        for (BBLK* b : order) {
+            if (!b->predecessors) continue;
+            if (!b->predecessors->rest) wanted.insert(b->predecessors->bb);
+            else if (seen.count(b)) wanted.insert(dom->immediate_dominator(b));
         }
+    }
+    for (BBLK* b : order) {
+        avail_.clear();
+        if (dom) avail_ = inherited(b, dom, ends);
         for (BODY_ENTRY& e : b->statements) {
             if (!e.tree) continue;
             if (int n = rewrite(e)) {
@@ -413,12 +464,7 @@ int cse::run() {
             for (const SYMTAB* r : a.reads) reads_itself |= r == a.var;
             if (!reads_itself) remember(std::move(a));
         }
-        if (extended_) {
-            bool wanted = false;
-            for (EDGE* s = b->successors; s; s = s->rest)
-                wanted |= s->bb->predecessors && !s->bb->predecessors->rest;
-            if (wanted) ends[b] = avail_;
-        }
+        if (wanted.count(b)) ends[b] = avail_;
     }
     if (before_.empty()) return total;
     for (BBLK* b : layout_blocks()) {

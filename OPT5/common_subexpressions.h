@@ -7,7 +7,10 @@
 //    or one base at two offsets whose extents are apart, never overlap); a
 //    call or anything else of unknown effect, when e reads memory.
 //  - With `extended`, a block entered only from one other block starts with
-//    what that block ended with (its extended block).
+//    what that block ended with (its extended block), and a join starts
+//    with what its immediate dominator ended with, less what any block on
+//    the ways from the dominator to the join (a loop's body, for a loop's
+//    head) may change.
 //  - Nothing volatile, no call and no assignment is ever taken as e; a
 //    statement with an embedded assignment, or with a call before a use,
 //    is left as it is.

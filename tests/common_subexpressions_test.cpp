@@ -117,4 +117,37 @@ int main(void) { return pick(one, 0) * 100 + pick(two, one); }
     for (const char* level : {"-o2", "-o3"}) EXPECT_EQ(run(level).value, reference.value) << level;
 }
 
+// After a join or around a loop, what the dominating block computed is
+// read again only when nothing on the ways there may have changed it: a
+// store to the same array or a call on one of the ways keeps the loads.
+TEST_F(CommonSubexpressions, JoinsAndLoopsReuseWhatNothingOnTheWayChanges) {
+    compile(R"(
+int g[12];
+int h;
+static void bump(int v) { h += v; }
+static void (*volatile opaque)(int) = bump;
+int f(int i, int c) {
+    int a = g[i] * 3 + g[i + 1];
+    if (c > 2) h = a; else h = -a;
+    int b = g[i] * 3 + g[i + 1];                               /* reused after the join */
+    for (int k = 0; k < c; k++) b += g[i] * 3 + g[i + 1];      /* and in a loop writing only h */
+    for (int k = 0; k < c && k < 12; k += 4) g[k] += 1;        /* may write g[i] */
+    int d = g[i] * 3 + g[i + 1];                               /* loaded again */
+    if (c == 1) opaque(d);                                     /* a call on one way */
+    int e = g[i] * 3 + g[i + 1];                               /* loaded again */
+    return a + b + d + e + h;
+}
+int main(void) {
+    for (int i = 0; i < 12; i++) g[i] = i * 7 - 3;
+    return (f(8, 40) + f(3, 0) + f(0, 1) + f(5, 17)) & 0x7fff;
+})");
+    IFRUN_RESULT reference = run("");
+    ASSERT_TRUE(reference.ok);
+    for (const char* level : {"-o2", "-o3"}) EXPECT_EQ(run(level).value, reference.value) << level;
+    IFRUN_RESULT o2 = run("-o2");
+    // The loop of 40 (and 17) iterations read g twice each time before.
+    EXPECT_GE(ops(reference, "UMULT"), 2u * 57);
+    EXPECT_LE(ops(o2, "UMULT"), 2u * 57 / 2);
+}
+
 }  // namespace
