@@ -43,6 +43,13 @@ bool mentions_volatile(const TYPE* t) {
 // How a node's value is used by its parent.
 enum role { VALUE, PLACE, PLACE_READ, ADDRESS };
 
+// The role of an operator's left operand (the right one is always a value).
+role left_role(int op) {
+    if (op == UAND) return ADDRESS;
+    if (op == ASG || op == STASG || op == ARASG) return PLACE;
+    return is_op_assign(op) ? PLACE_READ : VALUE;
+}
+
 // The object an address points into when it is &g moved by integer
 // offsets, with the offset in units when every step is a constant; the
 // offsets' trees go to `indices`.  Null for any other address.
@@ -128,11 +135,7 @@ void scan_tree(const NODE* root, const SYMTAB* fn, unit_uses& u) {
                 continue;
             }
         }
-        role left = VALUE;
-        if (op == UAND) left = ADDRESS;
-        else if (op == ASG || op == STASG || op == ARASG) left = PLACE;
-        else if (is_op_assign(op)) left = PLACE_READ;
-        work.push_back({n->left, left});
+        work.push_back({n->left, left_role(op)});
         work.push_back({n->right, VALUE});
     }
 }
@@ -208,11 +211,7 @@ void fold_reads(NODE*& root, const ptr_map<const SYMTAB*, initial_values*>& fixe
                 continue;
             }
         }
-        role left = VALUE;
-        if (op == UAND) left = ADDRESS;
-        else if (op == ASG || op == STASG || op == ARASG) left = PLACE;
-        else if (is_op_assign(op)) left = PLACE_READ;
-        if (n->left) work.push_back({&n->left, left});
+        if (n->left) work.push_back({&n->left, left_role(op)});
         if (n->right) work.push_back({&n->right, VALUE});
     }
 }
