@@ -13,6 +13,7 @@
 #include "OPT5/call_graph.h"
 #include "OPT5/cdvect.h"
 #include "OPT5/copy_propagation.h"
+#include "OPT5/conditional_paths.h"
 #include "OPT5/copyprop.h"
 #include "OPT5/ddbloop.h"
 #include "OPT5/dump.h"
@@ -92,6 +93,7 @@ void propagate_increments() {
 }
 void auto_inline_step() { auto_inline_call_sites(); }
 void analyze_globals() { analyze_global_symbols(); }
+void straighten_paths() { straighten_cond_paths(); }
 void interprocedural_propagation() { do_interprocedural_propagation(); }
 void superblocks() { sink_partially_dead_assignments(); }
 void lcp() {
@@ -125,7 +127,7 @@ const step pass_table[] = {
     {"set call-graph order", true, no_action, NEVER},
     {"pass 2 inits", false, pass_2_inits, 1},
     {"stack sharing", false, no_action, NEVER},
-    {"CPS", false, no_action, NEVER},
+    {"CPS", false, straighten_paths, 2},
     {"early LIR", false, no_action, NEVER},
     {"early fast_CP(4,1)", false, fast_CP_4_1, 1},
     {"MVP global assertions", false, no_action, NEVER},
