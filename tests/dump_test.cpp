@@ -40,8 +40,9 @@ protected:
 };
 
 TEST_F(Dumps, EachStepShowsWhatItChanged) {
-    std::string text = listing("dump_infix,dump_minimal");
-    // The test i > 20 is there before value propagation and gone after it.
+    // The test i > 20 is there before value propagation and gone after it
+    // (with "CPS" skipped, which jumps over it where i < 10 was tested).
+    std::string text = listing("dump_infix,dump_minimal,skip_pass=13");
     std::string before = dump(text, "==== f() before step 0 'pass 1 fcp/eda'");
     std::string after = dump(text, "==== f() after step 17 'intraprocedural MVP'");
     EXPECT_NE(before.find("CBRANCH((i > 20), L3)"), std::string::npos) << text;

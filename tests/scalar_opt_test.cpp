@@ -158,9 +158,10 @@ TEST_F(ScalarOpt, NegatedConjunctionsInvertTheirComparisons) {
     f.body = {"(if (! (&& (< a b) (> a 3))) 7)", "(ret (== (|| (== a 1) (!= b 2)) 0))", "L7:",
               "(ret (!= (&& (< a b) (> b 5)) 0))"};
     optimize(f);
-    EXPECT_EQ(statements(), (std::vector<std::string>{"CBRANCH(((a >= b) || (a <= 3)), L7)",
-                                                      "URETURN(((a != 1) && (b == 2)))",
-                                                      "URETURN(((a < b) && (b > 5)))"}))
+    // The jump on the disjunction is split (one jump per test), after which
+    // a > 3 is known where the first return is: a != 1 holds there.
+    EXPECT_EQ(statements(), (std::vector<std::string>{"CBRANCH((a >= b), L7)", "CBRANCH((a <= 3), L7)",
+                                                      "URETURN((b == 2))", "URETURN(((a < b) && (b > 5)))"}))
         << output;
     same_meaning(samples);
 }
@@ -180,7 +181,9 @@ TEST_F(ScalarOpt, ValueRangesDecideTestsInLoops) {
     }
     // The loop is tested at its bottom, and the test in front of it is
     // decided by i = 0.
-    EXPECT_NE(std::find(st.begin(), st.end(), "CBRANCH((i < 10), L5)"), st.end()) << output;
+    EXPECT_NE(std::find_if(st.begin(), st.end(), [](const std::string& s) { return s.rfind("CBRANCH((i < 10), L", 0) == 0; }),
+              st.end())
+        << output;
     EXPECT_EQ(st.size(), 7u) << output;
     same_meaning(samples);
 }
