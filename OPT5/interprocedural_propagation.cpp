@@ -131,7 +131,8 @@ int do_interprocedural_propagation() {
                     }
                 }
                 NODE** slot = e.kind == BODY_ENTRY::STMT && e.tree ? call_slot(e.tree) : nullptr;
-                const callee* d = slot ? callees.find(called_function(*slot)) : nullptr;
+                SYMTAB* target = slot ? called_function(*slot) : nullptr;
+                const callee* d = target ? callees.find(target) : nullptr;
                 if (d && d->returned && !d->returns_vary && integer_view((*slot)->type)) {
                     NODE* call = *slot;
                     *slot = mk_ICON(truncate_to_type(*d->returned, integer_view(call->type)), call->type);
