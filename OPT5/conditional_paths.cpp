@@ -21,7 +21,7 @@
 namespace {
 
 // Rounds of straightening: a path straightened may decide another test.
-constexpr int MAX_ROUNDS = 3;
+constexpr int MAX_ROUNDS = 2;
 // Blocks followed back from a predecessor for an earlier test.
 constexpr int MAX_HOPS = 8;
 
