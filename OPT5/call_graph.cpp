@@ -7,7 +7,9 @@
 #include "OPT5/abort.h"
 #include "OPT5/driver.h"
 #include "OPT5/funinfo.h"
+#include "OPT5/global_symbols.h"
 #include "OPT5/globals.h"
+#include "OPT5/cmdline.h"
 #include "OPT5/node.h"
 #include "OPT5/park.h"
 #include "OPT5/symtab.h"
@@ -176,4 +178,47 @@ void dump_call_graph_debug() {
         for (int c : nd.callees) DBG_CHECK(std::fprintf(FDEBUG, " %s()", g.nodes[static_cast<size_t>(c)].fn->name.c_str()));
         DBG_CHECK(std::fputc('\n', FDEBUG));
     }
+}
+
+int set_up_and_build_call_graph() {
+    if (opt_level() < 2) return 0;
+    unit_uses u = scan_unit_uses();
+    if (u.assembly) return 0;
+    call_graph g = build_call_graph();
+    // Reached: what other units may call (external functions, functions
+    // whose name goes elsewhere than to calls), and what they call.
+    std::vector<char> reached(g.nodes.size(), 0);
+    std::vector<int> work;
+    for (size_t i = 0; i < g.nodes.size(); ++i) {
+        const SYMTAB* fn = g.nodes[i].fn;
+        FUNINFO* fi = find_FUNINFO(g.nodes[i].fn);
+        bool root = !u.is_private(fn) || fn->retention == I_SYMTAB::RP_RETAIN ||
+                    (fi && (fi->flags() & FUN_MUST_BE_UNSUPPRESSED));
+        if (root) {
+            reached[i] = 1;
+            work.push_back(static_cast<int>(i));
+        }
+    }
+    while (!work.empty()) {
+        int v = work.back();
+        work.pop_back();
+        for (int c : g.nodes[static_cast<size_t>(v)].callees)
+            if (!reached[static_cast<size_t>(c)]) {
+                reached[static_cast<size_t>(c)] = 1;
+                work.push_back(c);
+            }
+    }
+    int removed = 0;
+    for (size_t i = 0; i < g.nodes.size(); ++i) {
+        if (reached[i]) continue;
+        FUNINFO* fi = make_FUNINFO(g.nodes[i].fn);
+        fi->unreachable = true;
+        fi->set_flags(FUN_BODY_NOT_WRITTEN);
+        ++removed;
+        if (write_opt_info && finfo)
+            std::fprintf(finfo, "Function %s() is not written: nothing can call it any more.\n",
+                         g.nodes[i].fn->name.c_str());
+        if (print_debug) DBG_CHECK(std::fprintf(FDEBUG, "%s() is unreachable\n", g.nodes[i].fn->name.c_str()));
+    }
+    return removed;
 }

@@ -69,3 +69,10 @@ void detect_recursion();
 // "dump_call_graph_debug": the call graph in the debug listing, callees
 // first, each function with the defined functions it calls.
 void dump_call_graph_debug();
+
+// "set call-graph order": the call graph after inlining.  From -o2, a
+// static function that nothing outside the unit can reach any more (no
+// call from a function reachable from outside, its name nowhere but in
+// calls, no inline assembly in the unit) is unreachable: no later step runs
+// on it and it is not written.  Returns the number of such functions.
+int set_up_and_build_call_graph();

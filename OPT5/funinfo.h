@@ -59,6 +59,7 @@ struct FUNINFO {
     bool has_edge_profile = false;
     bool defined = false;  // its body has been read
     bool recursive = false;  // on a cycle of direct calls ("detect_recursion")
+    bool unreachable = false;  // nothing can call it any more ("set call-graph order"): no step runs, nothing is written
     // While the function waits for other functions (reading the unit, a
     // barrier step), its body is kept packed here and it has no trees.
     parked_body parked;

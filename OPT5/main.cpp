@@ -208,7 +208,7 @@ void run_function_steps(SYMTAB* fn, step_list& passes) {
                                fn->declaration().c_str()));
 
     while (!passes.empty() && !passes.front()->is_barrier()) {
-        passes.front()->run();
+        if (!currfuninfo->unreachable || passes.front() == output_function_pass) passes.front()->run();
         passes.pop_front();
     }
 

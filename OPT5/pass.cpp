@@ -93,6 +93,7 @@ void propagate_increments() {
 }
 void auto_inline_step() { auto_inline_call_sites(); }
 void analyze_globals() { analyze_global_symbols(); }
+void set_call_graph_order() { set_up_and_build_call_graph(); }
 void straighten_paths() { straighten_cond_paths(); }
 void interprocedural_propagation() { do_interprocedural_propagation(); }
 void superblocks() { sink_partially_dead_assignments(); }
@@ -124,7 +125,7 @@ const step pass_table[] = {
     {"dump_call_graph_debug", true, dump_call_graph_debug, NEVER},
     {"collect_clustered_symbols", true, no_action, NEVER},
     {"pass 2 header", true, pass_2_header, NEVER},
-    {"set call-graph order", true, no_action, NEVER},
+    {"set call-graph order", true, set_call_graph_order, NEVER},
     {"pass 2 inits", false, pass_2_inits, 1},
     {"stack sharing", false, no_action, NEVER},
     {"CPS", false, straighten_paths, 2},

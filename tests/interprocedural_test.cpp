@@ -102,4 +102,31 @@ int main(void) { printf("%d\n", twice(5)); return 0; })");
     EXPECT_LT(twice, main);
 }
 
+// After inlining, the static functions nothing can reach any more are not
+// written; those reachable from outside, through a pointer or from a kept
+// function stay.
+TEST_F(Interprocedural, StaticFunctionsNothingCallsAnyMoreAreNotWritten) {
+    compile(R"(#include <stdio.h>
+static int leaf(int v) { return v * 3 + 1; }             /* inlined everywhere */
+static int only_from_leafy(int v) { return v - 2; }
+static int leafy(int v) { return only_from_leafy(v) + leaf(v); }   /* inlined: takes its callee along */
+static int by_pointer(int v) { return v ^ 5; }
+static int (*volatile fp)(int) = by_pointer;
+static int fact(int n) { return n <= 1 ? 1 : n * fact(n - 1); }   /* recursive: stays a call */
+static int unused(int v) { return v + 100; }             /* never called */
+int visible(int v) { return leaf(v) + 1; }               /* other units may call it */
+int main(void) {
+    int s = 0;
+    for (int i = 0; i < 5; i++) s += leaf(i) + leafy(i) + fp(i);
+    printf("%d %d %d\n", s, fact(5), visible(2));
+    return 0;
+})");
+    expect_same_at_every_level();
+    std::string text = info();
+    for (const char* gone : {"leaf", "leafy", "only_from_leafy", "unused"})
+        EXPECT_TRUE(has(text, std::string("Function ") + gone + "() is not written")) << gone << "\n" << text;
+    for (const char* kept : {"by_pointer", "fact", "visible", "main"})
+        EXPECT_FALSE(has(text, std::string("Function ") + kept + "() is not written")) << kept << "\n" << text;
+}
+
 }  // namespace
