@@ -58,6 +58,7 @@ struct CD_LOOP_SHAPE {
     NODE* bound = nullptr;
     int exit_label = 0;
     std::vector<NODE*> stmts;  // the body's own statements
+    std::vector<unsigned long long> lines;  // and their source lines
 };
 
 CDFG::CDFG() = default;
@@ -246,7 +247,10 @@ bool find_shape(struct LOOP* loop, CD_LOOP_SHAPE& s, std::string& why) {
             s.pre = e->bb;
         }
     if (!s.pre || s.pre->next != s.head) return why = "entry does not fall into the loop", false;
-    for (size_t i = 0; i + 2 < st.size(); ++i) s.stmts.push_back(st[i].tree);
+    for (size_t i = 0; i + 2 < st.size(); ++i) {
+        s.stmts.push_back(st[i].tree);
+        s.lines.push_back(st[i].pos.line);
+    }
     // The bound is a constant or a variable the loop leaves alone.
     std::set<const SYMTAB*> assigned{s.iv};
     for (NODE* x : s.stmts)
@@ -383,7 +387,8 @@ CDFG* convert_simple_CFG_region_to_CDFG(EDGE* entries, struct LOOP* loop, bool f
         stores[base_of(s->left->left)].insert(stmt2infix(s->left->left));
         pointer_store |= !base_is_array(s->left->left);
     }
-    for (NODE* s : shape.stmts) {
+    for (size_t k = 0; k < shape.stmts.size(); ++k) {
+        NODE* s = shape.stmts[k];
         bool unsafe = pointer_store && shape.stmts.size() > 1;
         auto load = [&](NODE*& n) {
             if (n->opcode != UMULT) return;
@@ -397,7 +402,7 @@ CDFG* convert_simple_CFG_region_to_CDFG(EDGE* entries, struct LOOP* loop, bool f
         walk_and_modify_tree(s->right, load);
         if (unsafe) {
             info("  This store to memory may affect other stores/fetches:\n\t%s\n", stmt2infix(s->left).c_str());
-            info("\tThis statement: %s  (line %ld)\n", stmt2infix(s).c_str(), 0L);
+            info("\tThis statement: %s  (line %ld)\n", stmt2infix(s).c_str(), static_cast<long>(shape.lines[k]));
             info("\tmaking vectorization for either statement unsafe.\n\n");
             debug("  loop #%d not converted: dependences\n", loop->uid);
             delete region;

@@ -399,8 +399,12 @@ TEST_F(ScalarOpt, LoopsThatCannotBeVectorizedStayAsTheyAre) {
     f.globals = {"a", "b"};
     f.body = {"(= i 0)", "L1:", "(if (>= i n) 2)", "(= (deref (+ p i)) (deref (+ (addr a) i)))", "(+= i 1)",
               "(goto 1)", "L2:", "(ret i)"};
-    optimize(f, {"-o2"});
+    optimize(f, {"-o2", "--info_file=info.txt"});
     for (const std::string& s : statements()) EXPECT_EQ(s.find("PCONV"), std::string::npos) << s;
+    // The report names the store's statement by its line (the fourth of the unit).
+    std::string info = slurp(dir.path / "info.txt");
+    EXPECT_NE(info.find("\tmaking vectorization for either statement unsafe."), std::string::npos) << info;
+    EXPECT_NE(info.find("  (line 4)\n"), std::string::npos) << info;
 }
 
 TEST_F(ScalarOpt, NeighbouringElementOperationsBecomeOneDualOperation) {
