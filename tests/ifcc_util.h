@@ -68,6 +68,14 @@ protected:
         }
         return reference;
     }
+    // The unit at -o2 with the step of this serial skipped, which still
+    // prints what the reference printed: what the step saves is measured
+    // against it.
+    IFRUN_RESULT run_without_step(int serial, const IFRUN_RESULT& reference) {
+        IFRUN_RESULT r = run(std::vector<std::string>{"-o2", "--debug=skip_pass=" + std::to_string(serial)});
+        EXPECT_EQ(r.output, reference.output) << "without step " << serial;
+        return r;
+    }
     static uint64_t ops(const IFRUN_RESULT& r, const char* opcode) {
         auto it = r.per_opcode.find(opcode);
         return it == r.per_opcode.end() ? 0 : it->second;
