@@ -30,7 +30,8 @@ const std::vector<I_SYMTAB*>& unit_globals() {
 
 bool is_function_symbol(const SYMTAB* sym) { return sym->type && sym->type->stripped()->kind == TYPE::FUNC_T; }
 
-// A type that is, or holds elements that are, volatile.
+// A type that is, or holds elements that are, volatile (an access's own
+// type is asked by is_volatile_access).
 bool mentions_volatile(const TYPE* t) {
     for (int depth = 0; t && depth < 64; ++depth) {
         if (t->kind == TYPE::QUAL_T && (t->qual & TYPE::Q_VOLATILE)) return true;
@@ -87,7 +88,8 @@ direct_access access_through(const NODE* a, small_vector<const NODE*, 4>* indice
     return {};
 }
 
-void note(unit_uses& u, const SYMTAB* sym, role r, const TYPE* type, const SYMTAB* fn) {
+// `access` is the node that reads or writes the object.
+void note(unit_uses& u, const SYMTAB* sym, role r, const NODE* access, const SYMTAB* fn) {
     global_use& g = u.of[sym];
     if (r == ADDRESS) g.escapes = true;
     if (r == VALUE || r == PLACE_READ) g.read = true;
@@ -96,7 +98,7 @@ void note(unit_uses& u, const SYMTAB* sym, role r, const TYPE* type, const SYMTA
         if (g.writer && g.writer != fn) g.several_writers = true;
         g.writer = fn;
     }
-    if (mentions_volatile(type) || mentions_volatile(sym->type)) g.volatile_access = true;
+    if (is_volatile_access(access) || mentions_volatile(sym->type)) g.volatile_access = true;
 }
 
 // Notes what one tree does with the globals it names (fn: the function it
@@ -117,7 +119,7 @@ void scan_tree(const NODE* root, const SYMTAB* fn, unit_uses& u) {
             const SYMTAB* s = n->symbol;
             if (!s || !s->global) continue;
             if (is_function_symbol(s)) u.of[s].escapes = true;  // a call's target is not walked
-            else note(u, s, r, n->type, fn);
+            else note(u, s, r, n, fn);
             continue;
         }
         if (op == ASM) u.assembly = true;
@@ -130,7 +132,7 @@ void scan_tree(const NODE* root, const SYMTAB* fn, unit_uses& u) {
             small_vector<const NODE*, 4> indices;
             direct_access d = access_through(n->left, &indices);
             if (d.object) {
-                note(u, d.object, r, n->type, fn);
+                note(u, d.object, r, n, fn);
                 for (const NODE* i : indices) work.push_back({i, VALUE});
                 continue;
             }
@@ -249,7 +251,7 @@ int analyze_global_symbols() {
         const SYMTAB* g = static_cast<const SYMTAB*>(s);
         const global_use* use = u.of.find(g);
         if (is_function_symbol(g) || !u.is_private(g) || !use || use->written || use->volatile_access ||
-            !use->read || mentions_volatile(g->type))
+            !use->read)
             continue;
         owned.push_back(std::make_unique<initial_values>(g));
         fixed[g] = owned.back().get();

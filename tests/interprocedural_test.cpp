@@ -52,6 +52,11 @@ int main(void) {
     EXPECT_TRUE(has(text, "Function main(): 1 read of 'table'")) << text;  // table[1]; table[i] stays
     for (const char* kept : {"'bumped'", "'shared'", "'through'", "'in_data'", "'vol'"})
         EXPECT_FALSE(has(text, kept)) << kept << "\n" << text;
+    // Under --volatile_all every access to a global is volatile: none is folded.
+    fs::path all = dir.path / "volatile.info";
+    IFRUN_RESULT r = run(std::vector<std::string>{"-o2", "--volatile_all", "--info_file=" + all.string()});
+    EXPECT_EQ(r.output, reference.output);
+    EXPECT_FALSE(has(slurp(all), "initial value")) << slurp(all);
 }
 
 TEST_F(Interprocedural, ConstantsCrossTheCallsOfFunctionsOnlyThisUnitCalls) {
