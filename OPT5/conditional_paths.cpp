@@ -199,21 +199,8 @@ private:
     }
 
     static bool assigns(const BBLK* b, const SYMTAB* x) {
-        for (const BODY_ENTRY& e : b->statements) {
-            bool found = false;
-            const NODE* t = e.tree;
-            if (!t) continue;
-            std::vector<const NODE*> work{t};
-            while (!work.empty() && !found) {
-                const NODE* v = work.back();
-                work.pop_back();
-                if (!v) continue;
-                found = is_assignment(v->opcode) && v->left && v->left->opcode == NAME && v->left->symbol == x;
-                work.push_back(v->left);
-                work.push_back(v->right);
-            }
-            if (found) return true;
-        }
+        for (const BODY_ENTRY& e : b->statements)
+            if (e.tree && assigns_variable(e.tree, x)) return true;
         return false;
     }
 

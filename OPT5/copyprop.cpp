@@ -321,6 +321,20 @@ constexpr size_t MAX_COMBINED_NODES = 48;
 
 }  // namespace
 
+bool assigns_variable(const NODE* t, const SYMTAB* sym) {
+    small_vector<const NODE*, 32> work;
+    work.push_back(t);
+    while (!work.empty()) {
+        const NODE* n = work.back();
+        work.pop_back();
+        if (is_assignment(n->opcode) && n->left && n->left->opcode == NAME && n->left->symbol == sym)
+            return true;
+        if (n->left) work.push_back(n->left);
+        if (n->right) work.push_back(n->right);
+    }
+    return false;
+}
+
 size_t tree_size_up_to(const NODE* t, size_t limit) {
     size_t n = 0;
     small_vector<const NODE*, 32> work;

@@ -36,6 +36,8 @@ void find_live_variables(bool record, bool loops);
 bool is_op_assign(int op);
 // Any assignment: = and the ones above.
 inline bool is_assignment(int op) { return op == ASG || is_op_assign(op); }
+// Whether the statement assigns the variable, at its root or inside.
+bool assigns_variable(const NODE* t, const SYMTAB* sym);
 // The number of nodes of the tree, counted up to `limit` (then limit + 1).
 size_t tree_size_up_to(const NODE* t, size_t limit);
 // Hands each NAME node of the tree that is read (not the place an

@@ -17,20 +17,6 @@ namespace {
 // Tests larger than this stay where they are: the copy costs space.
 constexpr size_t MAX_TEST_NODES = 24;
 
-// Whether the statement assigns the variable, at its root or inside.
-bool assigns_variable(const NODE* t, const SYMTAB* sym) {
-    std::vector<const NODE*> work{t};
-    while (!work.empty()) {
-        const NODE* n = work.back();
-        work.pop_back();
-        if (is_assignment(n->opcode) && n->left && n->left->opcode == NAME && n->left->symbol == sym)
-            return true;
-        if (n->left) work.push_back(n->left);
-        if (n->right) work.push_back(n->right);
-    }
-    return false;
-}
-
 // The test left in front of a rotated loop often reads what the block
 // before it has just set (i = 0; if (i >= 10) ...): with those constants
 // the test is decided, and becomes a jump or nothing.
