@@ -55,10 +55,6 @@ NODE** call_slot(NODE* stmt) {
     return slot && *slot && ((*slot)->opcode == CALL || (*slot)->opcode == UCALL) ? slot : nullptr;
 }
 
-void info_line(const char* fmt, unsigned long long a, const char* b, long long c) {
-    if (write_opt_info && finfo) std::fprintf(finfo, fmt, a, b, c);
-}
-
 }  // namespace
 
 int do_interprocedural_propagation() {
@@ -99,17 +95,21 @@ int do_interprocedural_propagation() {
             });
         });
 
+    // What varies, or reaches a function through calls that do not fit,
+    // is no constant.
     bool one_value = false;  // some function returns one constant
-    for (SYMTAB* g : defined) {
-        const callee* d = callees.find(g);
-        one_value |= d && d->returned && !d->returns_vary;
-    }
+    for (SYMTAB* g : defined)
+        if (callee* c = callees.find(g)) {
+            for (size_t i = 0; i < c->passed.size(); ++i)
+                if (c->varies[i] || !c->calls_fit) c->passed[i].reset();
+            if (c->returns_vary) c->returned.reset();
+            one_value |= c->returned.has_value();
+        }
     int changes = 0;
     for (SYMTAB* fn : defined) {
         callee* c = callees.find(fn);
         bool entry = false;
-        if (c && c->calls_fit)
-            for (size_t i = 0; i < c->params.size(); ++i) entry |= c->passed[i] && !c->varies[i];
+        for (size_t i = 0; c && i < c->passed.size(); ++i) entry |= c->passed[i].has_value();
         if (!entry && !one_value) continue;
         with_function_statements(fn, [&](FUNINFO* f) {
             if (opt_level() < 2) return;
@@ -120,7 +120,7 @@ int do_interprocedural_propagation() {
                 if (e.kind == BODY_ENTRY::STMT && first) {
                     first = false;
                     for (size_t i = 0; entry && i < c->params.size(); ++i) {
-                        if (!c->passed[i] || c->varies[i]) continue;
+                        if (!c->passed[i]) continue;
                         SYMTAB* p = c->params[i];
                         NODE* value = mk_ICON(*c->passed[i], p->type);
                         body.push_back({BODY_ENTRY::STMT, mktree(ASG, p->type, mk_NAME(p, p->type), value), e.pos});
@@ -133,12 +133,14 @@ int do_interprocedural_propagation() {
                 NODE** slot = e.kind == BODY_ENTRY::STMT && e.tree ? call_slot(e.tree) : nullptr;
                 SYMTAB* target = slot ? called_function(*slot) : nullptr;
                 const callee* d = target ? callees.find(target) : nullptr;
-                if (d && d->returned && !d->returns_vary && integer_view((*slot)->type)) {
+                if (d && d->returned && integer_view((*slot)->type)) {
                     NODE* call = *slot;
                     *slot = mk_ICON(truncate_to_type(*d->returned, integer_view(call->type)), call->type);
                     body.push_back({BODY_ENTRY::STMT, call, e.pos});
-                    info_line("Line %llu: the call of %s() gives %lld, the only value it returns.\n", e.pos.line,
-                              called_function(call)->name.c_str(), d->returned->as<long long>());
+                    if (write_opt_info && finfo)
+                        std::fprintf(finfo, "Line %llu: the call of %s() gives %lld, the only value it returns.\n",
+                                     static_cast<unsigned long long>(e.pos.line), target->name.c_str(),
+                                     d->returned->as<long long>());
                     ++changes;
                 }
                 body.push_back(e);
