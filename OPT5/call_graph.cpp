@@ -102,7 +102,8 @@ namespace {
 std::vector<SYMTAB*> declared(const FUNINFO* fi, bool parameters) {
     std::vector<SYMTAB*> out;
     bool in_args = true;
-    for (const BODY_ENTRY& e : fi->body) {
+    // With a flow graph the declarations are kept apart from the blocks.
+    for (const BODY_ENTRY& e : fi->bb_list ? fi->scopes : fi->body) {
         if (e.kind == BODY_ENTRY::CONTROL && e.control == IR_END_ARGS) in_args = false;
         SYMTAB* sym = e.kind == BODY_ENTRY::SYMBOL ? static_cast<SYMTAB*>(e.sym) : nullptr;
         if (sym && !sym->global && in_args == parameters) out.push_back(sym);
@@ -110,6 +111,14 @@ std::vector<SYMTAB*> declared(const FUNINFO* fi, bool parameters) {
     return out;
 }
 }  // namespace
+
+bool needs_own_frame(const std::string& name) {
+    static const char* const names[] = {"setjmp",  "_setjmp", "__setjmp", "sigsetjmp", "__sigsetjmp", "savectx",
+                                        "vfork",   "getcontext", "alloca", "__builtin_alloca"};
+    for (const char* n : names)
+        if (name == n) return true;
+    return false;
+}
 
 std::vector<SYMTAB*> function_parameters(const FUNINFO* fi) { return declared(fi, true); }
 std::vector<SYMTAB*> function_locals(const FUNINFO* fi) { return declared(fi, false); }

@@ -31,6 +31,9 @@ std::vector<NODE*> call_arguments(NODE* call);
 
 // A function's parameters and its other locals, in declaration order, from
 // its statements (unparked).
+// The functions of the setjmp family and alloca depend on their caller's
+// frame: a function calling them keeps its own.
+bool needs_own_frame(const std::string& name);
 std::vector<SYMTAB*> function_parameters(const FUNINFO* fi);
 std::vector<SYMTAB*> function_locals(const FUNINFO* fi);
 

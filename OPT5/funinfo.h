@@ -76,6 +76,7 @@ struct FUNINFO {
     // With the loops: the symbols whose address the function takes.
     std::set<const SYMTAB*> address_taken;
     int max_label = 0;                  // largest label number in use
+    std::vector<SYMTAB*> temporaries;   // locals the steps made (make_local_temporary)
 
     // Assertions the simplifier may use to decide tests (owned copies of
     // the asserted conditions) and whether they are in force.

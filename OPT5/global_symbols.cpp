@@ -30,66 +30,8 @@ const std::vector<I_SYMTAB*>& unit_globals() {
 
 bool is_function_symbol(const SYMTAB* sym) { return sym->type && sym->type->stripped()->kind == TYPE::FUNC_T; }
 
-// A type that is, or holds elements that are, volatile (an access's own
-// type is asked by is_volatile_access).
-bool mentions_volatile(const TYPE* t) {
-    for (int depth = 0; t && depth < 64; ++depth) {
-        if (t->kind == TYPE::QUAL_T && (t->qual & TYPE::Q_VOLATILE)) return true;
-        if (t->kind != TYPE::QUAL_T && t->kind != TYPE::TYPEDEF_T && t->kind != TYPE::ARRAY_T) return false;
-        t = t->base;
-    }
-    return false;
-}
-
-// How a node's value is used by its parent.
-enum role { VALUE, PLACE, PLACE_READ, ADDRESS };
-
-// The role of an operator's left operand (the right one is always a value).
-role left_role(int op) {
-    if (op == UAND) return ADDRESS;
-    if (op == ASG || op == STASG || op == ARASG) return PLACE;
-    return is_op_assign(op) ? PLACE_READ : VALUE;
-}
-
-// The object an address points into when it is &g moved by integer
-// offsets, with the offset in units when every step is a constant; the
-// offsets' trees go to `indices`.  Null for any other address.
-struct direct_access {
-    SYMTAB* object = nullptr;
-    INT65 offset;
-    bool known = true;
-};
-direct_access access_through(const NODE* a, small_vector<const NODE*, 4>* indices) {
-    direct_access d;
-    while (a) {
-        if (a->opcode == PCONV) {
-            a = a->left;
-        } else if (a->opcode == PLUS || a->opcode == MINUS) {
-            if (!a->left || !a->right || is_pointer_type(a->right->type)) return {};
-            const NODE* pointer = a->left;
-            const NODE* other = a->right;
-            if (!is_pointer_type(pointer->type)) {
-                if (a->opcode == MINUS) return {};
-                std::swap(pointer, other);
-                if (!is_pointer_type(pointer->type)) return {};
-            }
-            if (indices) indices->push_back(other);
-            if (other->opcode == ICON) d.offset = a->opcode == PLUS ? d.offset + other->value : d.offset - other->value;
-            else d.known = false;
-            a = pointer;
-        } else if (a->opcode == UAND && a->left && a->left->opcode == NAME && a->left->symbol &&
-                   a->left->symbol->global && !is_function_symbol(a->left->symbol)) {
-            d.object = a->left->symbol;
-            return d;
-        } else {
-            return {};
-        }
-    }
-    return {};
-}
-
 // `access` is the node that reads or writes the object.
-void note(unit_uses& u, const SYMTAB* sym, role r, const NODE* access, const SYMTAB* fn) {
+void note(unit_uses& u, const SYMTAB* sym, operand_role r, const NODE* access, const SYMTAB* fn) {
     global_use& g = u.of[sym];
     if (r == ADDRESS) g.escapes = true;
     if (r == VALUE || r == PLACE_READ) g.read = true;
@@ -106,7 +48,7 @@ void note(unit_uses& u, const SYMTAB* sym, role r, const NODE* access, const SYM
 void scan_tree(const NODE* root, const SYMTAB* fn, unit_uses& u) {
     struct item {
         const NODE* n;
-        role r;
+        operand_role r;
     };
     small_vector<item, 32> work;
     work.push_back({root, VALUE});
@@ -131,7 +73,7 @@ void scan_tree(const NODE* root, const SYMTAB* fn, unit_uses& u) {
         if (op == UMULT) {
             small_vector<const NODE*, 4> indices;
             direct_access d = access_through(n->left, &indices);
-            if (d.object) {
+            if (d.object && d.object->global) {
                 note(u, d.object, r, n, fn);
                 for (const NODE* i : indices) work.push_back({i, VALUE});
                 continue;
@@ -185,7 +127,7 @@ void fold_reads(NODE*& root, const ptr_map<const SYMTAB*, initial_values*>& fixe
                 std::vector<std::pair<const SYMTAB*, int>>& folded) {
     struct item {
         NODE** slot;
-        role r;
+        operand_role r;
     };
     small_vector<item, 32> work;
     work.push_back({&root, VALUE});
@@ -219,6 +161,50 @@ void fold_reads(NODE*& root, const ptr_map<const SYMTAB*, initial_values*>& fixe
 }
 
 }  // namespace
+
+bool mentions_volatile(const TYPE* t) {
+    for (int depth = 0; t && depth < 64; ++depth) {
+        if (t->kind == TYPE::QUAL_T && (t->qual & TYPE::Q_VOLATILE)) return true;
+        if (t->kind != TYPE::QUAL_T && t->kind != TYPE::TYPEDEF_T && t->kind != TYPE::ARRAY_T) return false;
+        t = t->base;
+    }
+    return false;
+}
+
+operand_role left_role(int op) {
+    if (op == UAND) return ADDRESS;
+    if (op == ASG || op == STASG || op == ARASG) return PLACE;
+    return is_op_assign(op) ? PLACE_READ : VALUE;
+}
+
+direct_access access_through(const NODE* a, small_vector<const NODE*, 4>* indices) {
+    direct_access d;
+    while (a) {
+        if (a->opcode == PCONV) {
+            a = a->left;
+        } else if (a->opcode == PLUS || a->opcode == MINUS) {
+            if (!a->left || !a->right || is_pointer_type(a->right->type)) return {};
+            const NODE* pointer = a->left;
+            const NODE* other = a->right;
+            if (!is_pointer_type(pointer->type)) {
+                if (a->opcode == MINUS) return {};
+                std::swap(pointer, other);
+                if (!is_pointer_type(pointer->type)) return {};
+            }
+            if (indices) indices->push_back(other);
+            if (other->opcode == ICON) d.offset = a->opcode == PLUS ? d.offset + other->value : d.offset - other->value;
+            else d.known = false;
+            a = pointer;
+        } else if (a->opcode == UAND && a->left && a->left->opcode == NAME && a->left->symbol &&
+                   !is_function_symbol(a->left->symbol)) {
+            d.object = a->left->symbol;
+            return d;
+        } else {
+            return {};
+        }
+    }
+    return {};
+}
 
 bool is_internal(const SYMTAB* sym) { return sym && sym->global && sym->value_c == 1; }
 

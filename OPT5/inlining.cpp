@@ -32,16 +32,6 @@ constexpr size_t LARGEST_COPIED = 2 * LIMIT_BY_GOAL[5];
 // What a caller may grow by: a share of its own size, and at least this.
 constexpr size_t SMALLEST_BUDGET = 1000;
 
-// The functions of the setjmp family and alloca depend on their caller's
-// frame: a function calling them keeps its own.
-bool needs_own_frame(const std::string& name) {
-    static const char* const names[] = {"setjmp",  "_setjmp", "__setjmp", "sigsetjmp", "__sigsetjmp", "savectx",
-                                        "vfork",   "getcontext", "alloca", "__builtin_alloca"};
-    for (const char* n : names)
-        if (name == n) return true;
-    return false;
-}
-
 // A function kept for copying: its parameters and locals, and its
 // statements (copies, owned).
 struct callee_copy {

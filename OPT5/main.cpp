@@ -18,6 +18,7 @@
 #include "OPT5/opcodes.h"
 #include "OPT5/opt_client.h"
 #include "OPT5/park.h"
+#include "OPT5/local_symbols.h"
 #include "OPT5/pass.h"
 #include "OPT5/symtab.h"
 #include "TYPES/type_pkg.h"
@@ -53,6 +54,8 @@ void output_function() {
         unpark_function();
     else
         unpark_statements();
+    // What the steps after "late rename symbols" left unused or made.
+    rename_late_symbols();
     if (!(currfuninfo->flags() & FUN_BODY_NOT_WRITTEN) && write_function_body) write_function_body(fn);
     erase_function_body(currfuninfo);
     currfunc = nullptr;

@@ -83,6 +83,7 @@ SYMTAB* make_local_temporary(TYPE* type, const std::string& name) {
     if (!fi || !fi->bb_list || !type || !add_locals(fi->scopes, {})) return nullptr;
     SYMTAB* sym = make_local_symbol(nullptr, type, name);
     add_locals(fi->scopes, {sym});
+    fi->temporaries.push_back(sym);
     return sym;
 }
 

@@ -27,6 +27,8 @@
 #include "OPT5/loop_rotation.h"
 #include "OPT5/loop_invariants.h"
 #include "OPT5/loop_unrolling.h"
+#include "OPT5/local_symbols.h"
+#include "OPT5/stack_sharing.h"
 #include "OPT5/superblocks.h"
 #include "OPT5/park.h"
 #include "OPT5/pointer_retyping.h"
@@ -95,6 +97,8 @@ void auto_inline_step() { auto_inline_call_sites(); }
 void analyze_globals() { analyze_global_symbols(); }
 void set_call_graph_order() { set_up_and_build_call_graph(); }
 void straighten_paths() { straighten_cond_paths(); }
+void stack_sharing() { share_stack_storage(); }
+void late_rename_symbols() { rename_late_symbols(); }
 void interprocedural_propagation() { do_interprocedural_propagation(); }
 void superblocks() { sink_partially_dead_assignments(); }
 void lcp() {
@@ -127,7 +131,7 @@ const step pass_table[] = {
     {"pass 2 header", true, pass_2_header, NEVER},
     {"set call-graph order", true, set_call_graph_order, NEVER},
     {"pass 2 inits", false, pass_2_inits, 1},
-    {"stack sharing", false, no_action, NEVER},
+    {"stack sharing", false, stack_sharing, 2},
     {"CPS", false, straighten_paths, 2},
     {"early LIR", false, no_action, NEVER},
     {"early fast_CP(4,1)", false, fast_CP_4_1, 1},
@@ -150,7 +154,7 @@ const step pass_table[] = {
     {"late points-to", false, no_action, NEVER},
     {"global CSE", false, global_CSE, 2},
     {"Pellin rotate loops", false, rotate_loops_step, 2},
-    {"late rename symbols", false, no_action, NEVER},
+    {"late rename symbols", false, late_rename_symbols, 2},
     {"merge symbols", false, no_action, NEVER},
     {"DD restructuring", false, DD_restructuring, 2},
     {"expand cluster refs", false, no_action, NEVER},

@@ -375,6 +375,7 @@ public:
         uint64_t base = frames_.empty() ? STACK_BASE : frames_.back().base + frames_.back().func->frame_units + 1;
         if (base + f.frame_units >= STACK_BASE + STACK_UNITS) fail("the stack is full");
         uint64_t need = base + f.frame_units - STACK_BASE;
+        result_.stack_units = std::max(result_.stack_units, need);
         if (stack_.size() < need) {
             stack_.resize(need, 0);
             stack_set_.resize(need, 0);

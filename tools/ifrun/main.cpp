@@ -4,7 +4,8 @@
 // standard output; the exit status is the function's return value (modulo
 // 256), or 1 with a message on the standard error stream when the run stops
 // on an error.  --stats prints the operations executed, by opcode and by
-// function, on the standard error stream.
+// function, and the most stack the frames took at once, on the standard
+// error stream.
 #include <pthread.h>
 
 #include <cstdio>
@@ -62,6 +63,7 @@ int run_main(int argc, char** argv) {
     std::fflush(stdout);
     if (stats) {
         std::fprintf(stderr, "operations: %llu\n", static_cast<unsigned long long>(r.operations));
+        std::fprintf(stderr, "stack: %llu units\n", static_cast<unsigned long long>(r.stack_units));
         for (const auto& [name, n] : r.per_function) std::fprintf(stderr, "  function %-24s %llu\n", name.c_str(), static_cast<unsigned long long>(n));
         for (const auto& [name, n] : r.per_opcode) std::fprintf(stderr, "  opcode   %-24s %llu\n", name.c_str(), static_cast<unsigned long long>(n));
     }

@@ -1,0 +1,137 @@
+// What a function's frame holds at -o2: locals whose contents are never
+// needed at the same time share storage ("stack sharing"), and the written
+// function declares only the locals its statements name, its temporaries
+// numbered from 1 ("late rename symbols").  The programs run the same at
+// every level, and the frames are measured by the interpreter.
+#include <gtest/gtest.h>
+
+#include <map>
+#include <regex>
+#include <set>
+#include <string>
+
+#include "ifcc_util.h"
+
+namespace {
+
+constexpr int STACK_SHARING = 12;
+
+class Frames : public CProgramTest {
+protected:
+    static bool has(const std::string& text, const std::string& line) { return text.find(line) != std::string::npos; }
+    // The unit at -o2, written to `name`, with its information file.
+    std::string optimize(const std::string& name, std::vector<std::string> extra = {}) {
+        fs::path info = dir.path / (name + ".info");
+        std::vector<std::string> args = {"-o2", "--info_file=" + info.string()};
+        args.insert(args.end(), extra.begin(), extra.end());
+        args.push_back("p.if");
+        args.push_back(name);
+        Result r = run_program(OPT5_BINARY, args, dir.path);
+        EXPECT_EQ(r.status, 0) << r.err;
+        return slurp(info);
+    }
+};
+
+// Three helpers, each with an array indexed by a variable the optimizer
+// can't see through, all copied into main: arrays in use one after the
+// other share, also across types; main's own pair of arrays, both in use
+// while they are combined, must not share with each other.
+const char* const HELPERS = R"(#include <stdio.h>
+#include <stdint.h>
+int n = 6;
+static int fill(int seed) {
+    int16_t buf[8];
+    for (int i = 0; i < n; i++) buf[i] = (int16_t)(seed * i - 3);
+    int s = 0;
+    for (int i = n - 1; i >= 0; i--) s = s * 3 + buf[i];
+    return s;
+}
+static long widen(int seed) {
+    int32_t acc[6];
+    for (int i = 0; i < n; i++) acc[i] = (int32_t)seed << i;
+    long s = 0;
+    for (int i = 0; i < n; i++) s ^= acc[i] + i;
+    return s;
+}
+int main(void) {
+    int a = fill(5);
+    long b = widen(a & 7);
+    int x[6], y[6];
+    for (int i = 0; i < n; i++) x[i] = i * a;
+    for (int i = 0; i < n; i++) y[i] = x[n - 1 - i] + (int)b;
+    long dot = 0;
+    for (int i = 0; i < n; i++) dot += (long)x[i] * y[i];
+    printf("%d %ld %ld\n", a, b, dot);
+    return 0;
+}
+)";
+
+TEST_F(Frames, LocalsNeverInUseTogetherShareStorage) {
+    compile(HELPERS);
+    IFRUN_RESULT reference = expect_same_at_every_level();
+    IFRUN_RESULT shared = run("-o2");
+    IFRUN_RESULT own = run_without_step(STACK_SHARING, reference);
+    // fill's 8 units go into widen's 12, and so do the 6 of x or of y, but
+    // not both (the interpreter keeps a unit between objects, too).
+    EXPECT_GE(own.stack_units, shared.stack_units + 14) << own.stack_units << " " << shared.stack_units;
+    std::string text = optimize("o2.if");
+    EXPECT_TRUE(has(text, "Function main(): 2 locals share storage with others, 14 units less.")) << text;
+}
+
+// A local whose address is kept in a pointer, or that is volatile, keeps
+// its own storage: the accesses through the pointer are not seen.
+TEST_F(Frames, LocalsReachedOtherwiseKeepTheirOwn) {
+    compile(R"(#include <stdio.h>
+int n = 5;
+int main(void) {
+    int a[5], b[5];
+    volatile int c[5];
+    int *p = a;
+    for (int i = 0; i < n; i++) p[i] = i + 1;
+    for (int i = 0; i < n; i++) b[i] = i * 2;
+    int s = 0;
+    for (int i = 0; i < n; i++) s += b[i];
+    for (int i = 0; i < n; i++) c[i] = s + i;
+    for (int i = 0; i < n; i++) s += p[i] * c[i];
+    printf("%d\n", s);
+    return 0;
+}
+)");
+    expect_same_at_every_level();
+    std::string text = optimize("o2.if");
+    EXPECT_FALSE(has(text, "share")) << text;
+}
+
+// The written function declares every local its statements name and no
+// other, numbered in order; the temporaries of each kind count from 1.
+TEST_F(Frames, WrittenFunctionsDeclareWhatTheyNameAndNumberTemporariesDensely) {
+    compile(HELPERS);
+    std::string text = optimize("o2.if");
+    EXPECT_TRUE(has(text, "locals named nowhere no longer declared")) << text;
+    std::string listing = disassemble(dir.path / "o2.if");
+    size_t begin = listing.find("begin_func");
+    size_t end = listing.find("end_func", begin);
+    while (begin != std::string::npos && end != std::string::npos) {
+        std::string fn = listing.substr(begin, end - begin);
+        // Declarations come in index order: parameters, then locals.
+        std::regex decl(R"re(\nsymbol S:"([^"]*)")re");
+        size_t locals_from = fn.find("end_args");
+        int index = 0;
+        std::map<std::string, std::set<int>> temporaries;
+        for (auto it = std::sregex_iterator(fn.begin(), fn.end(), decl); it != std::sregex_iterator(); ++it, ++index) {
+            std::string name = (*it)[1];
+            std::string ref = " R:1:" + std::to_string(index);
+            if (static_cast<size_t>(it->position()) > locals_from)
+                EXPECT_TRUE(has(fn, ref + " ") || has(fn, ref + "\n")) << name << " is declared but named nowhere";
+            std::smatch m;
+            if (std::regex_match(name, m, std::regex(R"((cse\.|inv\.|.*\.p)([0-9]+))")))
+                temporaries[m[1]].insert(std::stoi(m[2]));
+        }
+        for (const auto& [kind, numbers] : temporaries)
+            EXPECT_EQ(*numbers.rbegin(), static_cast<int>(numbers.size())) << kind;
+        begin = listing.find("begin_func", end);
+        end = listing.find("end_func", begin);
+    }
+}
+
+}  // namespace
