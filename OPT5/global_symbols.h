@@ -14,33 +14,12 @@
 //    zeros.  One line of optimisation information per function and object.
 #pragma once
 
+#include "OPT5/object_access.h"
 #include "UTIL/ptr_map.h"
-#include "UTIL/small_vector.h"
-#include "XINT/int65.h"
 
 struct SYMTAB;
 struct NODE;
-struct TYPE;
 
-// How a node's value is used by its parent.
-enum operand_role { VALUE, PLACE, PLACE_READ, ADDRESS };
-// The role of an operator's left operand (the right one is always a value).
-operand_role left_role(int op);
-
-// The object an address points into when it is &x (any object, not a
-// function) moved by integer offsets, through pointer conversions, with the
-// offset in units when every step is a constant; the offsets' trees go to
-// `indices`.  No object for any other address.
-struct direct_access {
-    SYMTAB* object = nullptr;
-    INT65 offset;
-    bool known = true;
-};
-direct_access access_through(const NODE* a, small_vector<const NODE*, 4>* indices);
-
-// Whether a type is, or holds elements that are, volatile (an access's own
-// type is asked by is_volatile_access).
-bool mentions_volatile(const TYPE* t);
 
 // How the unit uses one global.
 struct global_use {

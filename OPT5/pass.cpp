@@ -29,6 +29,7 @@
 #include "OPT5/loop_unrolling.h"
 #include "OPT5/local_symbols.h"
 #include "OPT5/stack_sharing.h"
+#include "OPT5/scalar_replacement.h"
 #include "OPT5/superblocks.h"
 #include "OPT5/park.h"
 #include "OPT5/pointer_retyping.h"
@@ -79,10 +80,11 @@ void global_CP() {
 void global_CSE() { eliminate_common_subexpressions(true); }
 void lcse() { eliminate_common_subexpressions(false); }
 void rotate_loops_step() { rotate_loops(); }
-// Invariants leave their loops before the loops are copied.
+// Invariants leave their loops before the loops are copied; the arrays
+// whose indices complete unrolling made constants become variables.
 void DD_restructuring() {
     hoist_loop_invariants();
-    unroll_loops();
+    if (unroll_loops() > 0) explode_auto_aggregates();
 }
 // Induction variables become pointers, whose steps then join their accesses.
 // The pointers start from the counters' first values, known constants more
@@ -98,6 +100,7 @@ void analyze_globals() { analyze_global_symbols(); }
 void set_call_graph_order() { set_up_and_build_call_graph(); }
 void straighten_paths() { straighten_cond_paths(); }
 void stack_sharing() { share_stack_storage(); }
+void explode_auto_structs() { explode_auto_aggregates(); }
 void late_rename_symbols() { rename_late_symbols(); }
 void interprocedural_propagation() { do_interprocedural_propagation(); }
 void superblocks() { sink_partially_dead_assignments(); }
@@ -138,7 +141,7 @@ const step pass_table[] = {
     {"MVP global assertions", false, no_action, NEVER},
     {"intraprocedural MVP", false, intraprocedural_MVP, 2},
     {"value propagation for SIMD", false, no_action, NEVER},
-    {"explode auto structs", false, no_action, NEVER},
+    {"explode auto structs", false, explode_auto_structs, 2},
     {"non-DD clone SSA NASSERTs", false, no_action, NEVER},
     {"non-DD SSA CP", false, no_action, NEVER},
     {"non-DD SSA EDA", false, no_action, NEVER},

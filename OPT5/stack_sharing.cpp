@@ -11,7 +11,7 @@
 #include "OPT5/call_graph.h"
 #include "OPT5/cmdline.h"
 #include "OPT5/funinfo.h"
-#include "OPT5/global_symbols.h"
+#include "OPT5/object_access.h"
 #include "OPT5/globals.h"
 #include "OPT5/node.h"
 #include "OPT5/simp.h"
@@ -25,68 +25,6 @@ const char THIS_MODULE[] = "OPT5/stack_sharing";
 
 using mask = uint64_t;
 constexpr size_t MAX_CANDIDATES = 64;  // one bit each
-
-// One access of a local by a statement: the slot holding the NAME (a whole
-// object) or the & of an address the access goes through.
-struct local_access {
-    SYMTAB* sym;
-    operand_role role;
-    NODE** slot;
-    const NODE* node;  // the NAME, or the * of the access
-    bool whole;
-};
-
-// Hands every access of a local in the tree to `f`; returns false when the
-// tree holds inline assembly.
-template <typename F>
-bool for_each_local_access(NODE*& root, F&& f) {
-    struct item {
-        NODE** slot;
-        operand_role r;
-    };
-    small_vector<item, 32> work;
-    work.push_back({&root, VALUE});
-    while (!work.empty()) {
-        auto [slot, r] = work.back();
-        work.pop_back();
-        NODE* n = *slot;
-        if (!n || n->opcode == LABEL || n->opcode == FIELD) continue;
-        int op = n->opcode;
-        if (op == ASM) return false;
-        if (op == NAME) {
-            if (n->symbol && !n->symbol->global) f(local_access{n->symbol, r, slot, n, true});
-            continue;
-        }
-        if (op == UMULT) {
-            direct_access d = access_through(n->left, nullptr);
-            if (d.object && !d.object->global) {
-                // The & at the bottom of the address.
-                NODE** at = &n->left;
-                while ((*at)->opcode != UAND) {
-                    NODE* a = *at;
-                    if (a->opcode == PCONV) at = &a->left;
-                    else at = is_pointer_type(a->left->type) ? &a->left : &a->right;
-                }
-                f(local_access{d.object, r, at, n, false});
-                // The offsets, by their slots.
-                for (NODE** s = &n->left; *s && *s != *at;) {
-                    NODE* a = *s;
-                    if (a->opcode == PCONV) {
-                        s = &a->left;
-                    } else {
-                        bool left_is_pointer = is_pointer_type(a->left->type);
-                        work.push_back({left_is_pointer ? &a->right : &a->left, VALUE});
-                        s = left_is_pointer ? &a->left : &a->right;
-                    }
-                }
-                continue;
-            }
-        }
-        work.push_back({&n->left, left_role(op)});
-        work.push_back({&n->right, VALUE});
-    }
-    return true;
-}
 
 bool lives_in_memory(const SYMTAB* s) { return s->type && !s->type->stripped()->is_scalar(); }
 
@@ -123,6 +61,8 @@ private:
         struct local {
             bool may_share = true;
             bool through_address = false;
+            bool variable_offset = false;
+            bool whole_access = false;
         };
         ptr_map<const SYMTAB*, local> locals;
         for (SYMTAB* s : function_locals(fi)) locals[s].may_share = !mentions_volatile(s->type);
@@ -132,14 +72,19 @@ private:
                 bool plain = for_each_local_access(e.tree, [&](const local_access& a) {
                     local* l = locals.find(a.sym);
                     if (!l) return;
-                    if (a.role == ADDRESS || is_volatile_access(a.node)) l->may_share = false;
-                    if (!a.whole) l->through_address = true;
+                    if (a.role == ADDRESS || is_volatile_access(*a.slot)) l->may_share = false;
+                    if (!a.whole()) l->through_address = true;
+                    if (!a.where.known) l->variable_offset = true;
+                    if (a.whole()) l->whole_access = true;
                 });
                 if (!plain || calls_own_frame_function(e.tree)) return false;
             }
         for (SYMTAB* s : function_locals(fi)) {
             const local* l = locals.find(s);
-            if (l->may_share && (lives_in_memory(s) || l->through_address) && s->size > 0) cands_.push_back({s});
+            // One reached only at known offsets is left to "explode auto
+            // structs", which makes variables of its parts.
+            if (l->may_share && (l->variable_offset || l->whole_access) && (lives_in_memory(s) || l->through_address) && s->size > 0)
+                cands_.push_back({s});
         }
         std::stable_sort(cands_.begin(), cands_.end(),
                          [](const candidate& a, const candidate& b) { return a.sym->size > b.sym->size; });
@@ -174,7 +119,7 @@ private:
                     mask m = mask{1} << *i;
                     u.accessed |= m;
                     if (a.role != PLACE) u.read |= m;
-                    if (a.whole) cands_[static_cast<size_t>(*i)].whole = true;
+                    if (a.whole()) cands_[static_cast<size_t>(*i)].whole = true;
                 });
                 uses_[b].push_back(u);
             }
@@ -244,9 +189,23 @@ private:
     }
     void clash(mask a) { clash(a, a); }
 
+    // The scalar an array (of arrays) is made of; null for anything else.
+    static const TYPE* element_of(TYPE* t) {
+        t = t->stripped();
+        if (t->kind != TYPE::ARRAY_T) return nullptr;
+        while (t->kind == TYPE::ARRAY_T && t->base) t = t->base->stripped();
+        return t->is_scalar() ? t : nullptr;
+    }
+
+    // Locals of one type share, and arrays of one element type: every
+    // offset of the shared object is then read as one type, so that its
+    // parts may still become variables once unrolling makes its indices
+    // constants.
     static bool fits_in(const candidate& c, const SYMTAB* host) {
         if (exact_types(c.sym->type, host->type)) return true;
-        return !c.whole && host->size >= c.sym->size && host->align >= c.sym->align;
+        const TYPE* e = element_of(c.sym->type);
+        const TYPE* h = element_of(host->type);
+        return e && h && exact_types(e, h) && !c.whole && host->size >= c.sym->size && host->align >= c.sym->align;
     }
 
     int choose_and_rename() {
@@ -285,8 +244,9 @@ private:
                 for_each_local_access(e.tree, [&](const local_access& a) {
                     SYMTAB* const* host = host_of.find(a.sym);
                     if (!host) return;
-                    NODE* n = *a.slot;
-                    NODE* name = a.whole ? n : n->left;
+                    NODE** slot = a.whole() ? a.slot : a.address;
+                    NODE* n = *slot;
+                    NODE* name = a.whole() ? n : n->left;
                     bool same = exact_types(a.sym->type, (*host)->type);
                     name->symbol = *host;
                     if (same) return;
@@ -295,7 +255,7 @@ private:
                     name->type = (*host)->type;
                     TYPE* pointer = n->type;
                     n->type = type_pkg->mk_ptr((*host)->type);
-                    *a.slot = mktree(PCONV, pointer, n);
+                    *slot = mktree(PCONV, pointer, n);
                 });
         if (write_opt_info && finfo)
             std::fprintf(finfo, "Function %s(): %d local%s share%s storage with others, %llu units less.\n",

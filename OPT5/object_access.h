@@ -1,0 +1,94 @@
+// How trees reach objects: the roles of operands, direct accesses
+// `*(&x + offset)`, and a walk over the accesses of a function's locals.
+#pragma once
+
+#include "OPT5/node.h"
+#include "OPT5/simp.h"
+#include "OPT5/symtab.h"
+#include "UTIL/small_vector.h"
+#include "XINT/int65.h"
+
+// How a node's value is used by its parent.
+enum operand_role { VALUE, PLACE, PLACE_READ, ADDRESS };
+// The role of an operator's left operand (the right one is always a value).
+operand_role left_role(int op);
+
+// The object an address points into when it is &x (any object, not a
+// function) moved by integer offsets, through pointer conversions, with the
+// offset in units when every step is a constant; the offsets' trees go to
+// `indices`.  No object for any other address.
+struct direct_access {
+    SYMTAB* object = nullptr;
+    INT65 offset;
+    bool known = true;
+};
+direct_access access_through(const NODE* a, small_vector<const NODE*, 4>* indices);
+
+// Whether a type is, or holds elements that are, volatile (an access's own
+// type is asked by is_volatile_access).
+bool mentions_volatile(const TYPE* t);
+
+// One access of a local by a statement.
+struct local_access {
+    SYMTAB* sym;
+    operand_role role;
+    NODE** slot;         // the access: the NAME of a whole object, or the *
+    NODE** address;      // the & at the bottom of the *'s address; null for a NAME
+    direct_access where;  // the *'s offset
+    bool whole() const { return !address; }
+};
+
+// Hands every access of a local in the tree to `f`, which may replace the
+// access in its slot (then nothing under it is visited) or the & in its
+// own; returns false when the tree holds inline assembly.
+template <typename F>
+bool for_each_local_access(NODE*& root, F&& f) {
+    struct item {
+        NODE** slot;
+        operand_role r;
+    };
+    small_vector<item, 32> work;
+    work.push_back({&root, VALUE});
+    while (!work.empty()) {
+        auto [slot, r] = work.back();
+        work.pop_back();
+        NODE* n = *slot;
+        if (!n || n->opcode == LABEL || n->opcode == FIELD) continue;
+        int op = n->opcode;
+        if (op == ASM) return false;
+        if (op == NAME) {
+            if (n->symbol && !n->symbol->global) f(local_access{n->symbol, r, slot, nullptr, {}});
+            continue;
+        }
+        if (op == UMULT) {
+            direct_access d = access_through(n->left, nullptr);
+            if (d.object && !d.object->global) {
+                // The & at the bottom of the address.
+                NODE** at = &n->left;
+                while ((*at)->opcode != UAND) {
+                    NODE* a = *at;
+                    if (a->opcode == PCONV) at = &a->left;
+                    else at = is_pointer_type(a->left->type) ? &a->left : &a->right;
+                }
+                f(local_access{d.object, r, slot, at, d});
+                if (*slot != n) continue;
+                // The offsets, by their slots.
+                for (NODE** s = &n->left; *s && *s != *at;) {
+                    NODE* a = *s;
+                    if (a->opcode == PCONV) {
+                        s = &a->left;
+                    } else {
+                        bool left_is_pointer = is_pointer_type(a->left->type);
+                        work.push_back({left_is_pointer ? &a->right : &a->left, VALUE});
+                        s = left_is_pointer ? &a->left : &a->right;
+                    }
+                }
+                continue;
+            }
+        }
+        work.push_back({&n->left, left_role(op)});
+        work.push_back({&n->right, VALUE});
+    }
+    return true;
+}
+
