@@ -14,6 +14,7 @@
 #include "OPT5/park.h"
 #include "OPT5/symtab.h"
 #include "UTIL/ptr_map.h"
+#include "UTIL/small_vector.h"
 
 namespace {
 const char THIS_MODULE[] = "OPT5/call_graph";
@@ -117,6 +118,21 @@ bool needs_own_frame(const std::string& name) {
                                         "vfork",   "getcontext", "alloca", "__builtin_alloca"};
     for (const char* n : names)
         if (name == n) return true;
+    return false;
+}
+
+bool calls_own_frame_function(const NODE* t) {
+    small_vector<const NODE*, 32> work;
+    work.push_back(t);
+    while (!work.empty()) {
+        const NODE* n = work.back();
+        work.pop_back();
+        if (!n) continue;
+        if (n->opcode == CALL || n->opcode == UCALL)
+            if (SYMTAB* f = called_function(n); f && needs_own_frame(f->name)) return true;
+        work.push_back(n->left);
+        work.push_back(n->right);
+    }
     return false;
 }
 

@@ -34,6 +34,8 @@ std::vector<NODE*> call_arguments(NODE* call);
 // The functions of the setjmp family and alloca depend on their caller's
 // frame: a function calling them keeps its own.
 bool needs_own_frame(const std::string& name);
+// Whether the tree calls one of them.
+bool calls_own_frame_function(const NODE* t);
 std::vector<SYMTAB*> function_parameters(const FUNINFO* fi);
 std::vector<SYMTAB*> function_locals(const FUNINFO* fi);
 

@@ -23,20 +23,6 @@ struct parts {
     std::map<int64_t, TYPE*> at;
 };
 
-bool calls_own_frame_function(const NODE* t) {
-    small_vector<const NODE*, 32> work;
-    work.push_back(t);
-    while (!work.empty()) {
-        const NODE* n = work.back();
-        work.pop_back();
-        if (!n) continue;
-        if (n->opcode == CALL || n->opcode == UCALL)
-            if (SYMTAB* f = called_function(n); f && needs_own_frame(f->name)) return true;
-        work.push_back(n->left);
-        work.push_back(n->right);
-    }
-    return false;
-}
 
 // Folds the offsets of the tree's accesses to locals that are not
 // constants yet ("&t + 0 * 2").

@@ -50,7 +50,7 @@ private:
         mask conflicts = 0;
     };
     std::vector<candidate> cands_;
-    ptr_map<const SYMTAB*, int> bit_;  // candidate -> index, -1: not one
+    ptr_map<const SYMTAB*, int> bit_;  // candidate -> its index and bit
     std::vector<BBLK*> blocks_;
     std::vector<std::vector<stmt_use>> uses_;  // per block, per statement
 
@@ -93,20 +93,6 @@ private:
         return cands_.size() >= 2;
     }
 
-    static bool calls_own_frame_function(const NODE* t) {
-        small_vector<const NODE*, 32> work;
-        work.push_back(t);
-        while (!work.empty()) {
-            const NODE* n = work.back();
-            work.pop_back();
-            if (!n) continue;
-            if (n->opcode == CALL || n->opcode == UCALL)
-                if (SYMTAB* f = called_function(n); f && needs_own_frame(f->name)) return true;
-            work.push_back(n->left);
-            work.push_back(n->right);
-        }
-        return false;
-    }
 
     void note_uses() {
         uses_.assign(blocks_.size(), {});
