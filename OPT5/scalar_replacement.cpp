@@ -23,7 +23,6 @@ struct parts {
     std::map<int64_t, TYPE*> at;
 };
 
-
 // Folds the offsets of the tree's accesses to locals that are not
 // constants yet ("&t + 0 * 2").
 void fold_local_offsets(NODE* root) {
@@ -97,13 +96,10 @@ int explode_auto_aggregates() {
         std::map<int64_t, SYMTAB*>& v = vars[s];
         for (auto [off, type] : p->at) {
             SYMTAB* part = make_local_temporary(type->stripped(), s->name + "." + std::to_string(off));
-            if (!part) return replaced;  // nothing rewritten yet for this local or the ones after
+            if (!part) return 0;  // nothing rewritten yet: the parts made are named nowhere and go
             v[off] = part;
         }
         ++replaced;
-        if (write_opt_info && finfo)
-            std::fprintf(finfo, "Function %s(): '%s' is kept as %zu variable%s, one per part.\n", currfunc->name.c_str(),
-                         s->name.c_str(), v.size(), v.size() == 1 ? "" : "s");
     }
     if (!replaced) return 0;
     for (BBLK* b : blocks)
@@ -116,5 +112,10 @@ int explode_auto_aggregates() {
                 *a.slot = mk_NAME(part, access->type);
                 erase_tree(access);
             });
+    if (write_opt_info && finfo)
+        for (SYMTAB* s : order)
+            if (const std::map<int64_t, SYMTAB*>* v = vars.find(s))
+                std::fprintf(finfo, "Function %s(): '%s' is kept as %zu variable%s, one per part.\n",
+                             currfunc->name.c_str(), s->name.c_str(), v->size(), v->size() == 1 ? "" : "s");
     return replaced;
 }
