@@ -28,6 +28,10 @@ direct_access access_through(const NODE* a, small_vector<const NODE*, 4>* indice
 // type is asked by is_volatile_access).
 bool mentions_volatile(const TYPE* t);
 
+// Whether the object is more than one scalar (an array, a structure): it
+// lives in memory whatever is done with its address.
+inline bool is_aggregate_object(SYMTAB* s) { return s->type && !s->type->stripped()->is_scalar(); }
+
 // One access of a local by a statement.
 struct local_access {
     SYMTAB* sym;

@@ -71,7 +71,7 @@ int explode_auto_aggregates() {
     ptr_map<const SYMTAB*, parts> locals;
     std::vector<SYMTAB*> order;
     for (SYMTAB* s : function_locals(fi))
-        if (s->type && !s->type->stripped()->is_scalar() && !mentions_volatile(s->type)) {
+        if (is_aggregate_object(s) && !mentions_volatile(s->type)) {
             locals[s];
             order.push_back(s);
         }

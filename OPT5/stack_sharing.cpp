@@ -26,8 +26,6 @@ const char THIS_MODULE[] = "OPT5/stack_sharing";
 using mask = uint64_t;
 constexpr size_t MAX_CANDIDATES = 64;  // one bit each
 
-bool lives_in_memory(const SYMTAB* s) { return s->type && !s->type->stripped()->is_scalar(); }
-
 // What one statement does with the candidates.
 struct stmt_use {
     mask accessed = 0, read = 0;
@@ -65,7 +63,8 @@ private:
             bool whole_access = false;
         };
         ptr_map<const SYMTAB*, local> locals;
-        for (SYMTAB* s : function_locals(fi)) locals[s].may_share = !mentions_volatile(s->type);
+        std::vector<SYMTAB*> declared = function_locals(fi);
+        for (SYMTAB* s : declared) locals[s].may_share = !mentions_volatile(s->type);
         blocks_ = layout_blocks();
         for (BBLK* b : blocks_)
             for (BODY_ENTRY& e : b->statements) {
@@ -79,11 +78,11 @@ private:
                 });
                 if (!plain || calls_own_frame_function(e.tree)) return false;
             }
-        for (SYMTAB* s : function_locals(fi)) {
+        for (SYMTAB* s : declared) {
             const local* l = locals.find(s);
             // One reached only at known offsets is left to "explode auto
             // structs", which makes variables of its parts.
-            if (l->may_share && (l->variable_offset || l->whole_access) && (lives_in_memory(s) || l->through_address) && s->size > 0)
+            if (l->may_share && (l->variable_offset || l->whole_access) && (is_aggregate_object(s) || l->through_address) && s->size > 0)
                 cands_.push_back({s});
         }
         std::stable_sort(cands_.begin(), cands_.end(),
