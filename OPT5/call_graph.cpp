@@ -5,6 +5,7 @@
 
 #include "IFILE/if_file.h"
 #include "OPT5/abort.h"
+#include "OPT5/call_effects.h"
 #include "OPT5/driver.h"
 #include "OPT5/funinfo.h"
 #include "OPT5/global_symbols.h"
@@ -18,10 +19,6 @@
 
 namespace {
 const char THIS_MODULE[] = "OPT5/call_graph";
-
-bool is_function_symbol(const SYMTAB* sym) {
-    return sym && sym->type && sym->type->stripped()->kind == TYPE::FUNC_T;
-}
 
 // Tarjan's strongly connected parts, with an explicit stack; a part is
 // complete only after every part it reaches, which gives callees first.
@@ -206,10 +203,12 @@ void dump_call_graph_debug() {
 }
 
 int set_up_and_build_call_graph() {
+    clear_call_effects();
     if (opt_level() < 2) return 0;
     unit_uses u = scan_unit_uses();
     if (u.assembly) return 0;
     call_graph g = build_call_graph();
+    compute_call_effects(g, u);
     // Reached: what other units may call (external functions, functions
     // whose name goes elsewhere than to calls), and what they call.
     std::vector<char> reached(g.nodes.size(), 0);

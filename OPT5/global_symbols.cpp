@@ -28,8 +28,6 @@ const std::vector<I_SYMTAB*>& unit_globals() {
     return i_file ? i_file->globals : none;
 }
 
-bool is_function_symbol(const SYMTAB* sym) { return sym->type && sym->type->stripped()->kind == TYPE::FUNC_T; }
-
 // `access` is the node that reads or writes the object.
 void note(unit_uses& u, const SYMTAB* sym, operand_role r, const NODE* access, const SYMTAB* fn) {
     global_use& g = u.of[sym];

@@ -9,6 +9,7 @@
 
 #include "DEBUG_DISABLE/switches.h"
 #include "OPT5/abort.h"
+#include "OPT5/call_effects.h"
 #include "OPT5/matcher.h"
 #include "OPT5/md_rules.h"
 #include "OPT5/cmdline.h"
@@ -273,6 +274,7 @@ void reset_driver() {
     unsuppressed_functions.clear();
     functions.clear();
     clear_FUNINFO_table();
+    clear_call_effects();
     currfunc = nullptr;
     currfuninfo = nullptr;
     currfunc_at_abort = nullptr;

@@ -5,9 +5,9 @@
 #include "OPT5/copyprop.h"
 #include "TYPES/type_pkg.h"
 
-namespace {
-bool is_function_symbol(const SYMTAB* sym) { return sym->type && sym->type->stripped()->kind == TYPE::FUNC_T; }
-}  // namespace
+bool is_function_symbol(const SYMTAB* sym) {
+    return sym && sym->type && sym->type->stripped()->kind == TYPE::FUNC_T;
+}
 
 bool mentions_volatile(const TYPE* t) {
     for (int depth = 0; t && depth < 64; ++depth) {
@@ -53,3 +53,46 @@ direct_access access_through(const NODE* a, small_vector<const NODE*, 4>* indice
     return {};
 }
 
+void object_parts::add(const object_access& a) {
+    if (!ok) return;
+    ok = false;
+    bool whole_scalar = a.whole() && !is_aggregate_object(a.sym);
+    if ((a.whole() && !whole_scalar) || a.role == ADDRESS || (!a.whole() && !a.where.known) || is_volatile_access(*a.slot))
+        return;
+    TYPE* type = (*a.slot)->type;
+    if (!type || !type->stripped()->is_scalar() || type->size == 0 || type->size % 16) return;
+    int64_t off = whole_scalar ? 0 : a.where.offset.is_negative() ? -1 : a.where.offset.as<int64_t>();
+    if (off < 0) return;
+    int64_t units = static_cast<int64_t>(type->size / 16);
+    if (static_cast<uint64_t>(off + units) * 16 > a.sym->size) return;
+    auto it = at.find(off);
+    if (it != at.end()) {
+        ok = exact_types(it->second->stripped(), type->stripped());
+        return;
+    }
+    // No overlap with the parts before and after it.
+    auto next = at.lower_bound(off);
+    if (next != at.end() && next->first < off + units) return;
+    if (next != at.begin()) {
+        auto prev = std::prev(next);
+        if (prev->first + static_cast<int64_t>(prev->second->size / 16) > off) return;
+    }
+    at[off] = type;
+    ok = true;
+}
+
+void fold_access_offsets(NODE* root, bool globals) {
+    small_vector<NODE*, 32> work;
+    work.push_back(root);
+    while (!work.empty()) {
+        NODE* n = work.back();
+        work.pop_back();
+        if (!n) continue;
+        if (n->opcode == UMULT && n->left) {
+            direct_access d = access_through(n->left, nullptr);
+            if (d.object && d.object->global == globals && !d.known) n->left = simp_tree(n->left, nullptr);
+        }
+        work.push_back(n->left);
+        work.push_back(n->right);
+    }
+}

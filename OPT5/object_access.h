@@ -1,6 +1,8 @@
 // How trees reach objects: the roles of operands, direct accesses
-// `*(&x + offset)`, and a walk over the accesses of a function's locals.
+// `*(&x + offset)`, and a walk over the accesses of chosen objects.
 #pragma once
+
+#include <map>
 
 #include "OPT5/node.h"
 #include "OPT5/simp.h"
@@ -28,12 +30,15 @@ direct_access access_through(const NODE* a, small_vector<const NODE*, 4>* indice
 // type is asked by is_volatile_access).
 bool mentions_volatile(const TYPE* t);
 
+// Whether the symbol names a function.
+bool is_function_symbol(const SYMTAB* sym);
+
 // Whether the object is more than one scalar (an array, a structure): it
 // lives in memory whatever is done with its address.
 inline bool is_aggregate_object(SYMTAB* s) { return s->type && !s->type->stripped()->is_scalar(); }
 
-// One access of a local by a statement.
-struct local_access {
+// One access of an object by a statement.
+struct object_access {
     SYMTAB* sym;
     operand_role role;
     NODE** slot;         // the access: the NAME of a whole object, or the *
@@ -42,11 +47,29 @@ struct local_access {
     bool whole() const { return !address; }
 };
 
-// Hands every access of a local in the tree to `f`, which may replace the
-// access in its slot (then nothing under it is visited) or the & in its
-// own; returns false when the tree holds inline assembly.
-template <typename F>
-bool for_each_local_access(NODE*& root, F&& f) {
+// The scalar parts an object is reached as, by offset in units, each with
+// the one type it is read and written as.  An access at an offset not
+// known, of the whole of an aggregate, by address, volatile, reaching
+// outside the object, overlapping another part or as another type at a
+// part's offset spoils them (`ok` false).  A whole scalar is its part at 0.
+struct object_parts {
+    bool ok = true;
+    std::map<int64_t, TYPE*> at;
+    void add(const struct object_access& a);
+};
+
+// Simplifies the offsets of the tree's accesses that are not constants yet
+// ("&t + 0 * 2"), of globals or of locals.
+void fold_access_offsets(NODE* root, bool globals);
+
+// Hands every access of an object that `want` (asked with a variable, not
+// a function) accepts in the tree to `f`, which may replace the access in
+// its slot (then nothing under it is visited) or the & in its own; returns
+// false when the tree holds inline assembly.  A NAME under & is an access
+// in the ADDRESS role.
+template <typename W, typename F>
+bool for_each_access(NODE*& root, W&& want, F&& f) {
+    auto wanted = [&](const SYMTAB* s) { return s && !is_function_symbol(s) && want(s); };
     struct item {
         NODE** slot;
         operand_role r;
@@ -61,12 +84,12 @@ bool for_each_local_access(NODE*& root, F&& f) {
         int op = n->opcode;
         if (op == ASM) return false;
         if (op == NAME) {
-            if (n->symbol && !n->symbol->global) f(local_access{n->symbol, r, slot, nullptr, {}});
+            if (wanted(n->symbol)) f(object_access{n->symbol, r, slot, nullptr, {}});
             continue;
         }
         if (op == UMULT) {
             direct_access d = access_through(n->left, nullptr);
-            if (d.object && !d.object->global) {
+            if (wanted(d.object)) {
                 // The & at the bottom of the address.
                 NODE** at = &n->left;
                 while ((*at)->opcode != UAND) {
@@ -74,7 +97,7 @@ bool for_each_local_access(NODE*& root, F&& f) {
                     if (a->opcode == PCONV) at = &a->left;
                     else at = is_pointer_type(a->left->type) ? &a->left : &a->right;
                 }
-                f(local_access{d.object, r, slot, at, d});
+                f(object_access{d.object, r, slot, at, d});
                 if (*slot != n) continue;
                 // The offsets, by their slots.
                 for (NODE** s = &n->left; *s && *s != *at;) {
@@ -96,3 +119,8 @@ bool for_each_local_access(NODE*& root, F&& f) {
     return true;
 }
 
+// The accesses of the function's own locals.
+template <typename F>
+bool for_each_local_access(NODE*& root, F&& f) {
+    return for_each_access(root, [](const SYMTAB* s) { return !s->global; }, f);
+}

@@ -29,6 +29,7 @@
 #include "OPT5/loop_unrolling.h"
 #include "OPT5/local_symbols.h"
 #include "OPT5/stack_sharing.h"
+#include "OPT5/register_promotion.h"
 #include "OPT5/scalar_replacement.h"
 #include "OPT5/superblocks.h"
 #include "OPT5/park.h"
@@ -101,6 +102,7 @@ void set_call_graph_order() { set_up_and_build_call_graph(); }
 void straighten_paths() { straighten_cond_paths(); }
 void stack_sharing() { share_stack_storage(); }
 void explode_auto_structs() { explode_auto_aggregates(); }
+void promote_registers() { promote_vars_to_registers(true); }
 void late_rename_symbols() { rename_late_symbols(); }
 void interprocedural_propagation() { do_interprocedural_propagation(); }
 void superblocks() { sink_partially_dead_assignments(); }
@@ -145,7 +147,7 @@ const step pass_table[] = {
     {"non-DD clone SSA NASSERTs", false, no_action, NEVER},
     {"non-DD SSA CP", false, no_action, NEVER},
     {"non-DD SSA EDA", false, no_action, NEVER},
-    {"SSA RP with benign loads", false, no_action, NEVER},
+    {"SSA RP with benign loads", false, promote_registers, 2},
     {"expand bitfields", false, no_action, NEVER},
     {"fast_CP(0,1)", false, fast_CP_0_1, 1},
     {"add profile loop annotations", false, no_action, NEVER},

@@ -15,60 +15,11 @@
 #include "TYPES/type_pkg.h"
 #include "UTIL/ptr_map.h"
 
-namespace {
-
-// The parts of one local, by offset in units.
-struct parts {
-    bool ok = true;
-    std::map<int64_t, TYPE*> at;
-};
-
-// Folds the offsets of the tree's accesses to locals that are not
-// constants yet ("&t + 0 * 2").
-void fold_local_offsets(NODE* root) {
-    small_vector<NODE*, 32> work;
-    work.push_back(root);
-    while (!work.empty()) {
-        NODE* n = work.back();
-        work.pop_back();
-        if (!n) continue;
-        if (n->opcode == UMULT && n->left) {
-            direct_access d = access_through(n->left, nullptr);
-            if (d.object && !d.object->global && !d.known) n->left = simp_tree(n->left, nullptr);
-        }
-        work.push_back(n->left);
-        work.push_back(n->right);
-    }
-}
-
-// Notes one access; false when the local can't be split.
-bool add_part(parts& p, const SYMTAB* sym, const local_access& a) {
-    if (a.whole() || a.role == ADDRESS || !a.where.known || is_volatile_access(*a.slot)) return false;
-    TYPE* type = (*a.slot)->type;
-    if (!type || !type->stripped()->is_scalar() || type->size == 0 || type->size % 16) return false;
-    if (a.where.offset.is_negative()) return false;
-    int64_t off = a.where.offset.as<int64_t>();
-    int64_t units = static_cast<int64_t>(type->size / 16);
-    if (static_cast<uint64_t>(off + units) * 16 > sym->size) return false;
-    auto it = p.at.find(off);
-    if (it != p.at.end()) return exact_types(it->second->stripped(), type->stripped());
-    // No overlap with the parts before and after it.
-    auto next = p.at.lower_bound(off);
-    if (next != p.at.end() && next->first < off + units) return false;
-    if (next != p.at.begin()) {
-        auto prev = std::prev(next);
-        if (prev->first + static_cast<int64_t>(prev->second->size / 16) > off) return false;
-    }
-    p.at[off] = type;
-    return true;
-}
-
-}  // namespace
 
 int explode_auto_aggregates() {
     FUNINFO* fi = currfuninfo;
     if (opt_level() < 2 || !fi || !fi->bb_list) return 0;
-    ptr_map<const SYMTAB*, parts> locals;
+    ptr_map<const SYMTAB*, object_parts> locals;
     std::vector<SYMTAB*> order;
     for (SYMTAB* s : function_locals(fi))
         if (is_aggregate_object(s) && !mentions_volatile(s->type)) {
@@ -79,10 +30,9 @@ int explode_auto_aggregates() {
     std::vector<BBLK*> blocks = layout_blocks();
     for (BBLK* b : blocks)
         for (BODY_ENTRY& e : b->statements) {
-            fold_local_offsets(e.tree);
-            bool plain = for_each_local_access(e.tree, [&](const local_access& a) {
-                parts* p = locals.find(a.sym);
-                if (p && p->ok && !add_part(*p, a.sym, a)) p->ok = false;
+            fold_access_offsets(e.tree, false);
+            bool plain = for_each_local_access(e.tree, [&](const object_access& a) {
+                if (object_parts* p = locals.find(a.sym)) p->add(a);
             });
             if (!plain || calls_own_frame_function(e.tree)) return 0;
         }
@@ -91,7 +41,7 @@ int explode_auto_aggregates() {
     ptr_map<const SYMTAB*, std::map<int64_t, SYMTAB*>> vars;
     int replaced = 0;
     for (SYMTAB* s : order) {
-        parts* p = locals.find(s);
+        object_parts* p = locals.find(s);
         if (!p->ok || p->at.empty()) continue;
         std::map<int64_t, SYMTAB*>& v = vars[s];
         for (auto [off, type] : p->at) {
@@ -104,7 +54,7 @@ int explode_auto_aggregates() {
     if (!replaced) return 0;
     for (BBLK* b : blocks)
         for (BODY_ENTRY& e : b->statements)
-            for_each_local_access(e.tree, [&](const local_access& a) {
+            for_each_local_access(e.tree, [&](const object_access& a) {
                 std::map<int64_t, SYMTAB*>* v = vars.find(a.sym);
                 if (!v) return;
                 NODE* access = *a.slot;

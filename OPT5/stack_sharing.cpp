@@ -68,7 +68,7 @@ private:
         blocks_ = layout_blocks();
         for (BBLK* b : blocks_)
             for (BODY_ENTRY& e : b->statements) {
-                bool plain = for_each_local_access(e.tree, [&](const local_access& a) {
+                bool plain = for_each_local_access(e.tree, [&](const object_access& a) {
                     local* l = locals.find(a.sym);
                     if (!l) return;
                     if (a.role == ADDRESS || is_volatile_access(*a.slot)) l->may_share = false;
@@ -98,7 +98,7 @@ private:
         for (size_t b = 0; b < blocks_.size(); ++b)
             for (BODY_ENTRY& e : blocks_[b]->statements) {
                 stmt_use u;
-                for_each_local_access(e.tree, [&](const local_access& a) {
+                for_each_local_access(e.tree, [&](const object_access& a) {
                     const int* i = bit_.find(a.sym);
                     if (!i) return;
                     mask m = mask{1} << *i;
@@ -226,7 +226,7 @@ private:
         if (!shared) return 0;
         for (BBLK* b : blocks_)
             for (BODY_ENTRY& e : b->statements)
-                for_each_local_access(e.tree, [&](const local_access& a) {
+                for_each_local_access(e.tree, [&](const object_access& a) {
                     SYMTAB* const* host = host_of.find(a.sym);
                     if (!host) return;
                     NODE** slot = a.whole() ? a.slot : a.address;

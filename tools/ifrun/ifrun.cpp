@@ -44,6 +44,7 @@ struct STMT {
 struct OBJECT {
     const SYMTAB* sym;
     uint64_t at, units;
+    bool memory = false;  // a local a code generator keeps in memory: an aggregate, or its address taken
 };
 
 struct FUNC {
@@ -255,17 +256,33 @@ public:
             globals_set[program_name_at - GLOBAL_BASE + i] = 2;
         }
         for (auto& f : loader.funcs) {
+            ptr_map<const SYMTAB*, bool> address_taken;
+            for (const STMT& st : f.stmts) note_addresses(st.tree, address_taken);
             uint64_t off = 0;
             for (std::vector<SYMTAB*>* list : {&f.params, &f.locals})
                 for (SYMTAB* s : *list) {
                     uint64_t units = object_units(s);
-                    f.frame.push_back({s, off, units});
+                    bool memory = address_taken.find(s) || (s->type && !s->type->stripped()->is_scalar());
+                    f.frame.push_back({s, off, units, memory});
                     f.offset[s] = off;
                     off += units + 1;
                 }
             f.frame_units = off;
             func_of[f.sym] = &f;
             by_name[f.sym->name] = &f;
+        }
+    }
+
+    // The locals whose address the tree takes.
+    static void note_addresses(const NODE* t, ptr_map<const SYMTAB*, bool>& taken) {
+        std::vector<const NODE*> work{t};
+        while (!work.empty()) {
+            const NODE* n = work.back();
+            work.pop_back();
+            if (!n) continue;
+            if (n->opcode == UAND && n->left && n->left->opcode == NAME && n->left->symbol) taken[n->left->symbol] = true;
+            work.push_back(n->left);
+            work.push_back(n->right);
         }
     }
 
@@ -379,10 +396,15 @@ public:
         if (stack_.size() < need) {
             stack_.resize(need, 0);
             stack_set_.resize(need, 0);
+            stack_memory_.resize(need, 0);
         }
         std::fill(stack_set_.begin() + static_cast<long>(base - STACK_BASE), stack_set_.begin() + static_cast<long>(need), 0);
-        for (const OBJECT& o : f.frame)
+        std::fill(stack_memory_.begin() + static_cast<long>(base - STACK_BASE),
+                  stack_memory_.begin() + static_cast<long>(need), 0);
+        for (const OBJECT& o : f.frame) {
             std::fill_n(stack_set_.begin() + static_cast<long>(base + o.at - STACK_BASE), o.units, 1);
+            if (o.memory) std::fill_n(stack_memory_.begin() + static_cast<long>(base + o.at - STACK_BASE), o.units, 1);
+        }
         frames_.push_back({&f, base, 0});
         if (args.size() != f.params.size() && !(f.params.empty() && args.empty()))
             fail("'" + f.sym->name + "' takes " + std::to_string(f.params.size()) + " arguments, called with " +
@@ -419,6 +441,7 @@ private:
     IFRUN_RESULT& result_;
     std::vector<uint16_t> mem_, stack_;
     std::vector<uint8_t> set_, stack_set_;
+    std::vector<uint8_t> stack_memory_;  // 1 where a frame holds a local kept in memory
     std::deque<FRAME> frames_;  // a frame stays put while calls made from it come and go
 
     void count(int opcode) {
@@ -447,6 +470,7 @@ private:
             fail(std::string(write ? "a store to" : "a load from") + (address == 0 ? " a null pointer" : " outside every object") +
                  " (address 0x" + hex(address) + ")");
         }
+        if (m == &mem_ || stack_memory_[*index]) ++result_.memory_accesses;
         for (uint64_t u = 0; u < units; ++u) {
             uint8_t s = (**state)[*index + u];
             if (s == 0)

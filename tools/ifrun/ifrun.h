@@ -49,6 +49,7 @@ struct IFRUN_RESULT {
     std::string trace;     // volatile accesses and what external functions added
     uint64_t operations = 0;
     uint64_t stack_units = 0;  // the most units the frames took at once
+    uint64_t memory_accesses = 0;  // loads and stores of globals and of locals kept in memory
     std::map<std::string, uint64_t> per_opcode;    // operations by opcode name
     std::map<std::string, uint64_t> per_function;  // operations by function
     // Every global object's units at the end, in the order of the unit's

@@ -64,6 +64,7 @@ int run_main(int argc, char** argv) {
     if (stats) {
         std::fprintf(stderr, "operations: %llu\n", static_cast<unsigned long long>(r.operations));
         std::fprintf(stderr, "stack: %llu units\n", static_cast<unsigned long long>(r.stack_units));
+        std::fprintf(stderr, "memory accesses: %llu\n", static_cast<unsigned long long>(r.memory_accesses));
         for (const auto& [name, n] : r.per_function) std::fprintf(stderr, "  function %-24s %llu\n", name.c_str(), static_cast<unsigned long long>(n));
         for (const auto& [name, n] : r.per_opcode) std::fprintf(stderr, "  opcode   %-24s %llu\n", name.c_str(), static_cast<unsigned long long>(n));
     }

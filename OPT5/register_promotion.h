@@ -1,0 +1,29 @@
+// Promotion of globals to temporaries over loops ("SSA RP with benign
+// loads").
+//  - A scalar in a global object that a loop reaches at one known offset
+//    as one type only (a variable, an element at a constant index, a
+//    member) lives in a temporary while the loop runs: loaded before the
+//    loop, stored back on every edge that leaves it when the loop writes
+//    it.  Copy propagation and the
+//    other scalar steps then see a variable where there were loads and
+//    stores.
+//  - Nothing else in the loop may reach the object: no access of it at a
+//    variable offset, as a whole, overlapping, volatile, or by address; a
+//    load or store through a pointer only when no pointer can reach the
+//    object; a call only when neither the function nor what it calls names
+//    the object, and never a call whose effects are unknown, nor inline
+//    assembly.
+//  - With `benign_loads` the load before the loop may read what the loop
+//    itself might not have read: an object's own storage inside its
+//    bounds, which always can be read.  Without, only what the loop's head
+//    reads or writes is promoted.
+//  - Inner loops first, so that the loads and stores an inner loop leaves
+//    in the loop around it are promoted there in turn.  At most a dozen
+//    scalars per loop, those accessed most.
+//  - Locals in memory are left to "explode auto structs" and "stack
+//    sharing".
+#pragma once
+
+// From -o2, on the current function's flow graph.  Returns the number of
+// scalars promoted; one line of optimisation information per loop.
+int promote_vars_to_registers(bool benign_loads);

@@ -1,0 +1,148 @@
+// Globals kept in temporaries over loops ("SSA RP with benign loads"): the
+// programs run the same at every level, the loads and stores the step saves
+// are measured by the interpreter, and what something else in the loop may
+// reach stays in memory.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "ifcc_util.h"
+
+namespace {
+
+constexpr int REGISTER_PROMOTION = 23;
+
+class Promotion : public CProgramTest {
+protected:
+    // The information file of the unit at -o2.
+    std::string info() {
+        fs::path path = dir.path / "o2.info";
+        Result r = run_program(OPT5_BINARY, {"-o2", "--info_file=" + path.string(), "p.if", "o2.if"}, dir.path);
+        EXPECT_EQ(r.status, 0) << r.err;
+        return slurp(path);
+    }
+    // The objects the loop at `line` keeps in temporaries, as listed.
+    static std::string kept(const std::string& text, int line) {
+        std::string head = "Loop at line " + std::to_string(line) + ": ";
+        size_t at = text.find(head);
+        if (at == std::string::npos) return "";
+        size_t end = text.find('\n', at);
+        std::string l = text.substr(at, end - at);
+        size_t colon = l.find("while it runs: ");
+        return colon == std::string::npos ? "" : l.substr(colon + 15);
+    }
+};
+
+// A counter, an element at a constant index and a member, written in a
+// loop that also prints and stores through a pointer: each is loaded once
+// before the loop and stored back on the ways out, the way to the early
+// return included, which main sees.
+TEST_F(Promotion, GlobalsLoopsKeepAreLoadedOnceAndStoredBack) {
+    compile(R"(#include <stdio.h>
+#include <stdint.h>
+static int hits;
+static int32_t sums[4];
+static struct { int16_t lo, hi; } range = {100, -100};
+static int out[64];
+int n = 60;
+static int scan(int *dst, int stop) {
+    if (stop < 0) return scan(dst, -stop);  /* recursive: never inlined, its return stays */
+    for (int i = 0; i < n; i++) {
+        int v = (i * 37) % 23 - 11;
+        hits++;
+        sums[2] += v;
+        if (v < range.lo) range.lo = (int16_t)v;
+        if (v > range.hi) range.hi = (int16_t)v;
+        dst[i] = v;
+        if (i % 16 == 15) printf("i=%d hits=%d\n", i, hits);
+        if (i == stop) return -i;
+    }
+    return sums[2];
+}
+int main(void) {
+    int a = scan(out, 1000);
+    int b = scan(out, -21);
+    printf("%d %d %d %ld %d %d %d\n", a, b, hits, (long)sums[2], range.lo, range.hi, out[5]);
+    return 0;
+}
+)");
+    IFRUN_RESULT reference = expect_same_at_every_level();
+    IFRUN_RESULT promoted = run("-o2");
+    IFRUN_RESULT kept_in_memory = run_without_step(REGISTER_PROMOTION, reference);
+    // Per iteration: hits (load, store), sums[2] (load, store), range (two
+    // loads, a store now and then) over 60 + 22 iterations.
+    EXPECT_LE(promoted.memory_accesses + 4 * 80, kept_in_memory.memory_accesses)
+        << promoted.memory_accesses << " " << kept_in_memory.memory_accesses;
+    std::string text = info();
+    std::string listed = kept(text, 10);
+    for (const char* name : {"'hits'", "'sums'+4", "'range'+0", "'range'+1"})
+        EXPECT_NE(listed.find(name), std::string::npos) << name << " in " << text;
+    EXPECT_EQ(listed.find("'out'"), std::string::npos) << text;
+}
+
+// A way out of the loop that a way around it joins gets a block of its own
+// for the stores: the way around must not store what the loop never read.
+TEST_F(Promotion, AWayOutOthersJoinStoresOnItsOwn) {
+    compile(R"(#include <stdio.h>
+static int pos = -1;
+static int arr[16] = {1, 2, 3, 7, 5};
+static int find(int limit) {
+    if (limit < 0) return find(-limit);  /* recursive: never inlined */
+    if (limit > 20) goto out;
+    for (pos = 0; pos < limit; pos++)
+        if (arr[pos & 15] == 7) break;
+out:
+    return pos;
+}
+int main(void) {
+    int a = find(2), b = find(9), c = find(30);
+    printf("%d %d %d\n", a, b, c);
+    return 0;
+}
+)");
+    expect_same_at_every_level();
+    EXPECT_NE(kept(info(), 7).find("'pos'"), std::string::npos) << info();
+}
+
+// What the loop may reach otherwise stays in memory, and the program still
+// prints what it printed: a global whose address a pointer holds, one a
+// function called in the loop reads, one reached at a variable index, a
+// volatile one, and everything in a loop that calls through a pointer.
+TEST_F(Promotion, WhatOthersMayReachStaysInMemory) {
+    compile(R"(#include <stdio.h>
+static int aliased, other, peeked, indexed[4], calls;
+static volatile int ticks;
+static int seen;
+int n = 12;
+static int peek(int depth) { return depth ? peek(depth - 1) : peeked; }
+static int bump(int v) { calls++; return v + 1; }
+static int (*fn)(int) = bump;
+int main(void) {
+    int *p = n > 5 ? &aliased : &other;
+    int total = 0;
+    for (int i = 0; i < n; i++) {
+        aliased += i;
+        *p += 2;
+        peeked += 3;
+        total += peek(i & 3);
+        indexed[i & 3] += i;
+        indexed[1] ^= 5;
+        ticks = ticks + 1;
+    }
+    for (int i = 0; i < n; i++) {
+        seen += 2;
+        total += fn(i);
+    }
+    printf("%d %d %d %d %d %d %d %d %d\n", aliased, other, peeked, indexed[1], indexed[2], ticks, calls, seen, total);
+    return 0;
+}
+)");
+    expect_same_at_every_level();
+    std::string text = info();
+    std::string listed = kept(text, 12) + kept(text, 21);
+    for (const char* name : {"'aliased'", "'peeked'", "'indexed'", "'ticks'", "'seen'"})
+        EXPECT_EQ(listed.find(name), std::string::npos) << name << " in " << text;
+}
+
+}  // namespace
