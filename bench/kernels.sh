@@ -4,18 +4,21 @@
 # optimized by opt5 at every level and run by ifrun --stats.  Prints a
 # Markdown table of the operations, each level's ratio to -o0 and the
 # geometric mean of the ratios; a run whose output differs from the
-# unoptimized one is marked.
-#   bench/kernels.sh [--bin DIR] [--levels "0 1 2 3"] [--csmith N]
+# unoptimized one is marked.  With --memory the table counts the accesses
+# of memory (globals, and locals kept in memory) instead.
+#   bench/kernels.sh [--bin DIR] [--levels "0 1 2 3"] [--csmith N] [--memory]
 set -eu
 BIN=build
 LEVELS="0 1 2 3"
 CSMITH=0
+MEASURE=operations
 while [ $# -gt 0 ]; do
     case "$1" in
     --bin) BIN=$2; shift ;;
     --levels) LEVELS=$2; shift ;;
     --csmith) CSMITH=$2; shift ;;
-    *) echo "usage: $0 [--bin DIR] [--levels \"0 1 2 3\"] [--csmith N]" >&2; exit 2 ;;
+    --memory) MEASURE="memory accesses" ;;
+    *) echo "usage: $0 [--bin DIR] [--levels \"0 1 2 3\"] [--csmith N] [--memory]" >&2; exit 2 ;;
     esac
     shift
 done
@@ -30,13 +33,13 @@ for ((s = 1; s <= CSMITH; s++)); do
     "$ROOT/tools/csmith_gen.sh" $s "$work/csmith$s.c" && programs+=("$work/csmith$s.c")
 done
 
-ops() {  # the operation count of a run, or "-" when it stops or differs
+ops() {  # the measure of a run, or "-" when it stops or differs
     local unit=$1 ref=$2
     if ! timeout 120 "$BIN/ifrun" --stats --steps 20000000 "$unit" >"$work/run.out" 2>"$work/run.err"; then
         grep -q "^ifrun: " "$work/run.err" && { echo "-"; return; }
     fi
     if [ -n "$ref" ] && ! cmp -s "$work/run.out" "$ref"; then echo "DIFFERS"; return; fi
-    grep '^operations' "$work/run.err" | awk '{print $2}'
+    grep "^$MEASURE:" "$work/run.err" | awk '{print $NF}'
 }
 
 header="| program |"
