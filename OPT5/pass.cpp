@@ -31,6 +31,7 @@
 #include "OPT5/stack_sharing.h"
 #include "OPT5/register_promotion.h"
 #include "OPT5/scalar_replacement.h"
+#include "OPT5/ssa_dead_assignments.h"
 #include "OPT5/superblocks.h"
 #include "OPT5/park.h"
 #include "OPT5/pointer_retyping.h"
@@ -103,6 +104,7 @@ void straighten_paths() { straighten_cond_paths(); }
 void stack_sharing() { share_stack_storage(); }
 void explode_auto_structs() { explode_auto_aggregates(); }
 void promote_registers() { promote_vars_to_registers(true); }
+void SSA_EDA() { eliminate_dead_SSA_assignments(); }
 void late_rename_symbols() { rename_late_symbols(); }
 void interprocedural_propagation() { do_interprocedural_propagation(); }
 void superblocks() { sink_partially_dead_assignments(); }
@@ -146,7 +148,7 @@ const step pass_table[] = {
     {"explode auto structs", false, explode_auto_structs, 2},
     {"non-DD clone SSA NASSERTs", false, no_action, NEVER},
     {"non-DD SSA CP", false, no_action, NEVER},
-    {"non-DD SSA EDA", false, no_action, NEVER},
+    {"non-DD SSA EDA", false, SSA_EDA, 2},
     {"SSA RP with benign loads", false, promote_registers, 2},
     {"expand bitfields", false, no_action, NEVER},
     {"fast_CP(0,1)", false, fast_CP_0_1, 1},
