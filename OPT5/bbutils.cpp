@@ -1,4 +1,5 @@
 #include "OPT5/bbutils.h"
+#include "OPT5/copyprop.h"
 
 #include <algorithm>
 #include <climits>
@@ -7,6 +8,7 @@
 
 #include "BITVEC/bitvec.h"
 #include "OPT5/abort.h"
+#include "OPT5/copyprop.h"
 #include "OPT5/dominator.h"
 #include "OPT5/globals.h"
 #include "OPT5/node.h"
@@ -524,6 +526,16 @@ static bool merge_fallthrough_blocks() {
     return merged;
 }
 
+// Whether the block falls, through empty blocks only, into the block of
+// the label.
+static bool falls_to_label(const BBLK* b, const INT65& label) {
+    for (const BBLK* n = b->next; n; n = n->next) {
+        if (label == INT65(n->label)) return true;
+        if (!n->statements.empty()) return false;
+    }
+    return false;
+}
+
 bool simpcfg(bool merge_blocks, bool keep_empty) {
     (void)keep_empty;
     FUNINFO* fi = currfuninfo;
@@ -551,6 +563,16 @@ bool simpcfg(bool merge_blocks, bool keep_empty) {
             t->left->value == INT65(b->next->label)) {
             erase_tree(t);
             b->statements.pop_back();
+            changed = true;
+        } else if (t && t->opcode == CBRANCH && t->right && t->right->opcode == LABEL &&
+                   falls_to_label(b, t->right->value)) {
+            // A test that goes to the same place either way: what it does
+            // besides testing stays.
+            NODE* rest = peel_for_effect(t->left);
+            t->left = nullptr;
+            erase_tree(t);
+            if (rest) b->statements.back().tree = rest;
+            else b->statements.pop_back();
             changed = true;
         }
     }

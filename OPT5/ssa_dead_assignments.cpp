@@ -42,11 +42,9 @@ bool has_assembly(BBLK* entry) {
     return false;
 }
 
-}  // namespace
-
-int eliminate_dead_SSA_assignments() {
-    FUNINFO* fi = currfuninfo;
-    if (opt_level() < 2 || !fi || !fi->bb_list || has_assembly(fi->bb_list)) return 0;
+// Marks what the needed statements read, then what the needed definitions
+// read, and takes out the assignments left unmarked.
+int one_round() {
     SSA_FORM* ssa = construct_SSA_form();
     std::vector<char> needed(ssa->defs.size(), 0);
     std::vector<SSA_DEFINITION*> work;
@@ -86,6 +84,22 @@ int eliminate_dead_SSA_assignments() {
             return true;
         });
     deconstruct_SSA_form(ssa);
+    return removed;
+}
+
+}  // namespace
+
+int eliminate_dead_SSA_assignments() {
+    FUNINFO* fi = currfuninfo;
+    if (opt_level() < 2 || !fi || !fi->bb_list || has_assembly(fi->bb_list)) return 0;
+    // A test left with nothing to decide goes, and what it read may be
+    // dead in turn.
+    int removed = 0;
+    for (int round = 0; round < 3; ++round) {
+        int now = one_round();
+        removed += now;
+        if (!now || !simpcfg(false, false)) break;
+    }
     if (removed && write_opt_info && finfo)
         std::fprintf(finfo, "Function %s(): %d assignment%s whose value%s nothing needs removed.\n",
                      currfunc->name.c_str(), removed, removed == 1 ? "" : "s", removed == 1 ? "" : "s");
