@@ -224,6 +224,145 @@ private:
     }
 };
 
+// Values stored to scalars of globals, which the reads after the store in
+// its block, and in the blocks only it falls into, take instead of loading
+// them again.
+class forwarder {
+public:
+    int run() {
+        int forwarded = 0;
+        BBLK* prev = nullptr;
+        for (BBLK* b : layout_blocks()) {
+            bool continues = prev && b->prev == prev && b->predecessors && !b->predecessors->rest &&
+                             b->predecessors->bb == prev;
+            if (!continues) stored_.clear();
+            for (size_t i = 0; i < b->statements.size(); ++i) forwarded += statement(b, i);
+            prev = b;
+        }
+        return forwarded;
+    }
+
+private:
+    struct stored {
+        SYMTAB* object;
+        int64_t offset, units;
+        TYPE* type;
+        BBLK* block;
+        size_t at;                 // the store, in its block
+        const NODE* constant;      // the value stored, when it is a constant
+        SYMTAB* temp = nullptr;    // else the temporary that holds it, once one is made
+        bool split = false;        // the temporary is to be set in front of the store
+    };
+    std::vector<stored> stored_;
+    static constexpr size_t MOST = 16;
+
+    static bool overlaps(const stored& s, int64_t offset, int64_t units) {
+        return offset < s.offset + s.units && s.offset < offset + units;
+    }
+    static int64_t units_of(const TYPE* t) { return static_cast<int64_t>((t->size + 15) / 16); }
+
+    void forget(const SYMTAB* object) {
+        std::erase_if(stored_, [&](const stored& s) { return s.object == object; });
+    }
+
+    // One statement: its reads take what is known, then what it changes is
+    // forgotten and what it stores is known.
+    int statement(BBLK* b, size_t& i) {
+        NODE* tree = b->statements[i].tree;
+        if (!tree) return 0;
+        if (tree->opcode == ASM) {
+            stored_.clear();
+            return 0;
+        }
+        // What the statement may change before its own store.
+        memory_effects fx, called;  // the statement's own (the globals it names aside), its callees'
+        std::vector<const SYMTAB*> callees;
+        add_tree_effects(tree, fx, &callees);
+        for (const SYMTAB* c : callees) called.merge(effects_of_function(c));
+        fx.unknown |= called.unknown;
+        fx.through_pointers |= called.through_pointers;
+        std::vector<const SYMTAB*> changed;  // objects the statement writes other than by its own store
+        NODE* own = tree->opcode == ASG ? tree->left : nullptr;
+        for_each_access(
+            tree, [](const SYMTAB* s) { return s->global; },
+            [&](const object_access& a) {
+                if (a.role != VALUE && *a.slot != own) changed.push_back(a.sym);
+            });
+        auto disturbed = [&](const stored& s) {
+            return fx.unknown || called.names(s.object) || (fx.through_pointers && !reached_only_directly(s.object)) ||
+                   std::find(changed.begin(), changed.end(), s.object) != changed.end();
+        };
+        std::erase_if(stored_, disturbed);
+
+        int forwarded = 0;
+        for_each_access(
+            tree, [](const SYMTAB* s) { return s->global; },
+            [&](const object_access& a) {
+                if (a.role != VALUE || is_volatile_access(*a.slot)) return;
+                if (!a.whole() && !a.where.known) return;
+                int64_t offset = a.whole() ? 0 : a.where.offset.as<int64_t>();
+                for (stored& s : stored_)
+                    if (s.object == a.sym && s.offset == offset && exact_types(s.type, (*a.slot)->type->stripped())) {
+                        if (!s.constant && !s.temp) {
+                            s.temp = make_local_temporary(s.type, s.object->name + ".s");
+                            if (!s.temp) return;
+                            s.split = true;
+                        }
+                        NODE* read = *a.slot;
+                        *a.slot = s.constant ? copy_tree(s.constant) : mk_NAME(s.temp, s.type);
+                        (*a.slot)->type = read->type;
+                        erase_tree(read);
+                        ++forwarded;
+                        return;
+                    }
+            });
+        b->statements[i].tree = tree;
+        split_stores(b, i);
+
+        // Its own store.
+        if (!own) return forwarded;
+        direct_access d;
+        if (own->opcode == NAME && own->symbol && own->symbol->global && !is_aggregate_object(own->symbol))
+            d.object = own->symbol;
+        else if (own->opcode == UMULT)
+            d = access_through(own->left, nullptr);
+        if (!d.object || !d.object->global || is_function_symbol(d.object)) return forwarded;
+        if (!d.known) {
+            forget(d.object);
+            return forwarded;
+        }
+        TYPE* type = own->type ? own->type->stripped() : nullptr;
+        int64_t offset = d.offset.as<int64_t>();
+        if (!type || !type->is_scalar() || type->size == 0 || is_volatile_access(own) || mentions_volatile(d.object->type)) {
+            forget(d.object);
+            return forwarded;
+        }
+        int64_t units = units_of(type);
+        std::erase_if(stored_, [&](const stored& s) { return s.object == d.object && overlaps(s, offset, units); });
+        if (offset < 0 || static_cast<uint64_t>(offset + units) * 16 > d.object->size) return forwarded;
+        if (stored_.size() >= MOST) stored_.erase(stored_.begin());
+        const NODE* constant = tree->right && tree->right->opcode == ICON ? tree->right : nullptr;
+        stored_.push_back({d.object, offset, units, type, b, i, constant});
+        return forwarded;
+    }
+
+    // Stores whose values got a temporary: `x = e` becomes `t = e; x = t`.
+    void split_stores(BBLK* current, size_t& i) {
+        for (stored& s : stored_) {
+            if (!s.split) continue;
+            s.split = false;
+            BODY_ENTRY& e = s.block->statements[s.at];
+            NODE* value = e.tree->right;
+            e.tree->right = mk_NAME(s.temp, s.type);
+            BODY_ENTRY set{BODY_ENTRY::STMT, mktree(ASG, s.type, mk_NAME(s.temp, s.type), value), e.pos};
+            s.block->statements.insert(s.block->statements.begin() + static_cast<long>(s.at), set);
+            for (stored& o : stored_)
+                if (o.block == s.block && o.at >= s.at) ++o.at;
+            if (s.block == current) ++i;  // the store was before the statement being read
+        }
+    }
+};
+
 }  // namespace
 
 int promote_vars_to_registers(bool benign_loads) {
@@ -241,5 +380,9 @@ int promote_vars_to_registers(bool benign_loads) {
     for (struct LOOP* l : loops) total += p.run(l);
     unbuild_loop_hierarchy();
     if (total) rebuildcfg();
-    return total;
+    int forwarded = forwarder().run();
+    if (forwarded && write_opt_info && finfo)
+        std::fprintf(finfo, "Function %s(): %d load%s of globals take%s the value stored just before.\n",
+                     currfunc->name.c_str(), forwarded, forwarded == 1 ? "" : "s", forwarded == 1 ? "s" : "");
+    return total + forwarded;
 }

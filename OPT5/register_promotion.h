@@ -20,10 +20,17 @@
 //  - Inner loops first, so that the loads and stores an inner loop leaves
 //    in the loop around it are promoted there in turn.  At most a dozen
 //    scalars per loop, those accessed most.
+//  - Then, block by block (a block continuing into the one only it falls
+//    into), a read of a scalar of a global takes the value stored there
+//    just before, kept in a temporary (`t = e; g = t`) unless it is a
+//    constant, as long as nothing in between may have written it: a call
+//    whose effects name it or are unknown, a store through a pointer that
+//    may reach it, an access at a variable offset, inline assembly.
 //  - Locals in memory are left to "explode auto structs" and "stack
 //    sharing".
 #pragma once
 
 // From -o2, on the current function's flow graph.  Returns the number of
-// scalars promoted; one line of optimisation information per loop.
+// scalars promoted and of loads replaced; one line of optimisation
+// information per loop, and one for the loads.
 int promote_vars_to_registers(bool benign_loads);

@@ -81,6 +81,37 @@ int main(void) {
     EXPECT_EQ(listed.find("'out'"), std::string::npos) << text;
 }
 
+// A value stored to a global is read back without a load, until a call
+// that writes the global or a store through a pointer that may reach it.
+TEST_F(Promotion, StoredValuesAreReadBackUntilSomethingMayChangeThem) {
+    compile(R"(#include <stdio.h>
+static int g, arr[4], h, k;
+int n = 5;
+static int touch(int d) { return d ? touch(d - 1) : (arr[2] = 9); }
+int main(void) {
+    g = n * 3;
+    arr[2] = g + 1;
+    int t = arr[2] * g;     /* both from the stores */
+    int u = touch(2);
+    u += arr[2];            /* touch wrote it: loaded */
+    int *p = n > 3 ? &h : &k;
+    h = 4;
+    *p = 7;
+    u += h;                 /* the pointer reached it: loaded */
+    printf("%d %d %d\n", t, u, g);
+    return 0;
+}
+)");
+    IFRUN_RESULT reference = expect_same_at_every_level();
+    IFRUN_RESULT forwarded = run("-o2");
+    IFRUN_RESULT loaded = run_without_step(REGISTER_PROMOTION, reference);
+    EXPECT_LE(forwarded.memory_accesses + 3, loaded.memory_accesses)
+        << forwarded.memory_accesses << " " << loaded.memory_accesses;
+    std::string text = info();
+    EXPECT_NE(text.find("Function main(): 4 loads of globals take the value stored just before."), std::string::npos)
+        << text;
+}
+
 // A way out of the loop that a way around it joins gets a block of its own
 // for the stores: the way around must not store what the loop never read.
 TEST_F(Promotion, AWayOutOthersJoinStoresOnItsOwn) {
