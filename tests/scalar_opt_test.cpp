@@ -422,8 +422,10 @@ TEST_F(ScalarOpt, NeighbouringElementOperationsBecomeOneDualOperation) {
     optimize(f);
     std::vector<std::string> st = statements();
     EXPECT_TRUE(has(st, "(*PCONV((&c + 4)) = (*PCONV((&a + 4)) - *PCONV((&b + 4))))")) << output;
-    EXPECT_TRUE(has(st, "(*(&c + 8) = (*(&c + 8) + *(&a + 8)))")) << output;
-    EXPECT_TRUE(has(st, "(*(&c + 9) = (*(&c + 8) + *(&a + 9)))")) << output;
+    // c[9] reads the value stored to c[8] (from a temporary): they stay apart.
+    EXPECT_TRUE(has(st, "(c.s1 = (*(&c + 8) + *(&a + 8)))")) << output;
+    EXPECT_TRUE(has(st, "(*(&c + 8) = c.s1)")) << output;
+    EXPECT_TRUE(has(st, "(*(&c + 9) = (c.s1 + *(&a + 9)))")) << output;
     same_meaning({{0, 0}});
     // Without the ILP step nothing is joined.
     optimize(f, {"-o2", "--disable=ilp"});
