@@ -224,142 +224,224 @@ private:
     }
 };
 
-// Values stored to scalars of globals, which the reads after the store in
-// its block, and in the blocks only it falls into, take instead of loading
-// them again.
+// Values stored to scalars of globals, which later reads take instead of
+// loading them again where every way to the read passes a store of the
+// scalar and nothing since that may change it: availability over the flow
+// graph, a bit per scalar stored.
 class forwarder {
 public:
     int run() {
-        int forwarded = 0;
-        BBLK* prev = nullptr;
-        for (BBLK* b : layout_blocks()) {
-            bool continues = prev && b->prev == prev && b->predecessors && !b->predecessors->rest &&
-                             b->predecessors->bb == prev;
-            if (!continues) stored_.clear();
-            for (size_t i = 0; i < b->statements.size(); ++i) forwarded += statement(b, i);
-            prev = b;
-        }
-        return forwarded;
+        blocks_ = layout_blocks();
+        if (!collect()) return 0;
+        solve();
+        return rewrite();
     }
 
 private:
-    struct stored {
+    using mask = uint64_t;
+    static constexpr size_t MOST = 64;
+
+    struct scalar {
         SYMTAB* object;
         int64_t offset, units;
         TYPE* type;
-        BBLK* block;
-        size_t at;                 // the store, in its block
-        const NODE* constant;      // the value stored, when it is a constant
-        SYMTAB* temp = nullptr;    // else the temporary that holds it, once one is made
-        bool split = false;        // the temporary is to be set in front of the store
+        SYMTAB* temp = nullptr;
+        bool read_back = false;
     };
-    std::vector<stored> stored_;
-    static constexpr size_t MOST = 16;
+    struct read {
+        NODE** slot;
+        size_t scalar;
+    };
+    // What one statement does: kills before its reads, the reads that may
+    // take a stored value, and its own store.
+    struct step {
+        mask before = 0;
+        std::vector<read> reads;
+        mask after = 0;  // what its own store overlaps
+        int stores = -1;  // the scalar it stores, or -1
+    };
+    std::vector<BBLK*> blocks_;
+    std::vector<scalar> scalars_;
+    std::vector<std::vector<step>> steps_;  // by block, by statement
+    std::vector<mask> in_;
 
-    static bool overlaps(const stored& s, int64_t offset, int64_t units) {
-        return offset < s.offset + s.units && s.offset < offset + units;
-    }
     static int64_t units_of(const TYPE* t) { return static_cast<int64_t>((t->size + 15) / 16); }
 
-    void forget(const SYMTAB* object) {
-        std::erase_if(stored_, [&](const stored& s) { return s.object == object; });
-    }
-
-    // One statement: its reads take what is known, then what it changes is
-    // forgotten and what it stores is known.
-    int statement(BBLK* b, size_t& i) {
-        NODE* tree = b->statements[i].tree;
-        if (!tree) return 0;
-        if (tree->opcode == ASM) {
-            stored_.clear();
-            return 0;
-        }
-        // What the statement may change before its own store.
-        memory_effects fx, called;  // the statement's own (the globals it names aside), its callees'
-        std::vector<const SYMTAB*> callees;
-        add_tree_effects(tree, fx, &callees);
-        for (const SYMTAB* c : callees) called.merge(effects_of_function(c));
-        fx.unknown |= called.unknown;
-        fx.through_pointers |= called.through_pointers;
-        std::vector<const SYMTAB*> changed;  // objects the statement writes other than by its own store
-        NODE* own = tree->opcode == ASG ? tree->left : nullptr;
-        for_each_access(
-            tree, [](const SYMTAB* s) { return s->global; },
-            [&](const object_access& a) {
-                if (a.role != VALUE && *a.slot != own) changed.push_back(a.sym);
-            });
-        auto disturbed = [&](const stored& s) {
-            return fx.unknown || called.names(s.object) || (fx.through_pointers && !reached_only_directly(s.object)) ||
-                   std::find(changed.begin(), changed.end(), s.object) != changed.end();
-        };
-        std::erase_if(stored_, disturbed);
-
-        int forwarded = 0;
-        for_each_access(
-            tree, [](const SYMTAB* s) { return s->global; },
-            [&](const object_access& a) {
-                if (a.role != VALUE || is_volatile_access(*a.slot)) return;
-                if (!a.whole() && !a.where.known) return;
-                int64_t offset = a.whole() ? 0 : a.where.offset.as<int64_t>();
-                for (stored& s : stored_)
-                    if (s.object == a.sym && s.offset == offset && exact_types(s.type, (*a.slot)->type->stripped())) {
-                        if (!s.constant && !s.temp) {
-                            s.temp = make_local_temporary(s.type, s.object->name + ".s");
-                            if (!s.temp) return;
-                            s.split = true;
-                        }
-                        NODE* read = *a.slot;
-                        *a.slot = s.constant ? copy_tree(s.constant) : mk_NAME(s.temp, s.type);
-                        (*a.slot)->type = read->type;
-                        erase_tree(read);
-                        ++forwarded;
-                        return;
-                    }
-            });
-        b->statements[i].tree = tree;
-        split_stores(b, i);
-
-        // Its own store.
-        if (!own) return forwarded;
-        direct_access d;
+    // The scalar a top-level store writes, when it is one to keep.
+    static bool stored_scalar(const NODE* tree, direct_access& d, TYPE*& type) {
+        if (!tree || tree->opcode != ASG) return false;
+        const NODE* own = tree->left;
+        d = {};
         if (own->opcode == NAME && own->symbol && own->symbol->global && !is_aggregate_object(own->symbol))
             d.object = own->symbol;
         else if (own->opcode == UMULT)
             d = access_through(own->left, nullptr);
-        if (!d.object || !d.object->global || is_function_symbol(d.object)) return forwarded;
-        if (!d.known) {
-            forget(d.object);
-            return forwarded;
-        }
-        TYPE* type = own->type ? own->type->stripped() : nullptr;
+        if (!d.object || !d.object->global || is_function_symbol(d.object) || !d.known) return false;
+        type = own->type ? own->type->stripped() : nullptr;
+        if (!type || !type->is_scalar() || type->size == 0 || is_volatile_access(own) || mentions_volatile(d.object->type))
+            return false;
         int64_t offset = d.offset.as<int64_t>();
-        if (!type || !type->is_scalar() || type->size == 0 || is_volatile_access(own) || mentions_volatile(d.object->type)) {
-            forget(d.object);
-            return forwarded;
-        }
-        int64_t units = units_of(type);
-        std::erase_if(stored_, [&](const stored& s) { return s.object == d.object && overlaps(s, offset, units); });
-        if (offset < 0 || static_cast<uint64_t>(offset + units) * 16 > d.object->size) return forwarded;
-        if (stored_.size() >= MOST) stored_.erase(stored_.begin());
-        const NODE* constant = tree->right && tree->right->opcode == ICON ? tree->right : nullptr;
-        stored_.push_back({d.object, offset, units, type, b, i, constant});
-        return forwarded;
+        return offset >= 0 && static_cast<uint64_t>(offset + units_of(type)) * 16 <= d.object->size;
     }
 
-    // Stores whose values got a temporary: `x = e` becomes `t = e; x = t`.
-    void split_stores(BBLK* current, size_t& i) {
-        for (stored& s : stored_) {
-            if (!s.split) continue;
-            s.split = false;
-            BODY_ENTRY& e = s.block->statements[s.at];
-            NODE* value = e.tree->right;
-            e.tree->right = mk_NAME(s.temp, s.type);
-            BODY_ENTRY set{BODY_ENTRY::STMT, mktree(ASG, s.type, mk_NAME(s.temp, s.type), value), e.pos};
-            s.block->statements.insert(s.block->statements.begin() + static_cast<long>(s.at), set);
-            for (stored& o : stored_)
-                if (o.block == s.block && o.at >= s.at) ++o.at;
-            if (s.block == current) ++i;  // the store was before the statement being read
+    mask of_object(const SYMTAB* object) const {
+        mask m = 0;
+        for (size_t k = 0; k < scalars_.size(); ++k)
+            if (scalars_[k].object == object) m |= mask{1} << k;
+        return m;
+    }
+
+    // The scalars stored, then what each statement does.
+    bool collect() {
+        for (BBLK* b : blocks_)
+            for (const BODY_ENTRY& e : b->statements) {
+                direct_access d;
+                TYPE* type = nullptr;
+                if (!stored_scalar(e.tree, d, type) || find(d.object, d.offset.as<int64_t>(), type) >= 0) continue;
+                if (scalars_.size() == MOST) break;
+                scalars_.push_back({d.object, d.offset.as<int64_t>(), units_of(type), type});
+            }
+        if (scalars_.empty()) return false;
+        mask not_private = 0;
+        for (size_t k = 0; k < scalars_.size(); ++k)
+            if (!reached_only_directly(scalars_[k].object)) not_private |= mask{1} << k;
+        steps_.resize(blocks_.size());
+        for (size_t bi = 0; bi < blocks_.size(); ++bi)
+            for (BODY_ENTRY& e : blocks_[bi]->statements) steps_[bi].push_back(describe(e.tree, not_private));
+        return true;
+    }
+
+    int find(const SYMTAB* object, int64_t offset, const TYPE* type) const {
+        for (size_t k = 0; k < scalars_.size(); ++k)
+            if (scalars_[k].object == object && scalars_[k].offset == offset && exact_types(scalars_[k].type, type))
+                return static_cast<int>(k);
+        return -1;
+    }
+
+    step describe(NODE*& tree, mask not_private) {
+        step s;
+        if (!tree) return s;
+        if (tree->opcode == ASM) {
+            s.before = ~mask{0};
+            return s;
         }
+        memory_effects fx, called;  // the statement's own (the globals it names aside), its callees'
+        std::vector<const SYMTAB*> callees;
+        add_tree_effects(tree, fx, &callees);
+        for (const SYMTAB* c : callees) called.merge(effects_of_function(c));
+        if (fx.unknown || called.unknown) s.before = ~mask{0};
+        if (fx.through_pointers || called.through_pointers) s.before |= not_private;
+        for (size_t k = 0; k < scalars_.size(); ++k)
+            if (called.names(scalars_[k].object)) s.before |= mask{1} << k;
+        NODE* own = tree->opcode == ASG ? tree->left : nullptr;
+        for_each_access(
+            tree, [](const SYMTAB* o) { return o->global; },
+            [&](const object_access& a) {
+                if (a.role != VALUE) {
+                    if (*a.slot != own) s.before |= of_object(a.sym);
+                    return;
+                }
+                if (a.slot == &tree || is_volatile_access(*a.slot) || (!a.whole() && !a.where.known)) return;
+                int k = find(a.sym, a.whole() ? 0 : a.where.offset.as<int64_t>(), (*a.slot)->type->stripped());
+                if (k >= 0) s.reads.push_back({a.slot, static_cast<size_t>(k)});
+            });
+        if (!own) return s;
+        direct_access d;
+        TYPE* type = nullptr;
+        if (stored_scalar(tree, d, type)) {
+            int64_t offset = d.offset.as<int64_t>(), units = units_of(type);
+            for (size_t k = 0; k < scalars_.size(); ++k) {
+                const scalar& c = scalars_[k];
+                if (c.object == d.object && offset < c.offset + c.units && c.offset < offset + units) s.after |= mask{1} << k;
+            }
+            s.stores = find(d.object, offset, type);
+        } else if (own->opcode == NAME || own->opcode == UMULT) {
+            direct_access w = own->opcode == NAME ? direct_access{own->symbol, INT65(0), true} : access_through(own->left, nullptr);
+            if (w.object && w.object->global) s.after |= of_object(w.object);
+        }
+        return s;
+    }
+
+    static mask through(const step& s, mask avail) {
+        avail &= ~s.before;
+        avail &= ~s.after;
+        if (s.stores >= 0) avail |= mask{1} << s.stores;
+        return avail;
+    }
+
+    // Available on entry to each block: on every way in, stored and not
+    // changed since.
+    void solve() {
+        size_t n = blocks_.size();
+        ptr_map<const BBLK*, size_t> index;
+        for (size_t i = 0; i < n; ++i) index[blocks_[i]] = i;
+        // Each block as out = (in & ~killed) | stored.
+        std::vector<mask> killed(n, 0), stored(n, 0);
+        for (size_t i = 0; i < n; ++i)
+            for (const step& s : steps_[i]) {
+                killed[i] |= s.before | s.after;
+                stored[i] &= ~(s.before | s.after);
+                if (s.stores >= 0) stored[i] |= mask{1} << s.stores;
+            }
+        in_.assign(n, 0);
+        std::vector<mask> out(n, ~mask{0});
+        for (bool changed = true; changed;) {
+            changed = false;
+            for (size_t i = 0; i < n; ++i) {
+                BBLK* b = blocks_[i];
+                mask in = i == 0 || !b->predecessors ? 0 : ~mask{0};
+                for (EDGE* p = b->predecessors; p && i != 0; p = p->rest) {
+                    const size_t* at = index.find(p->bb);
+                    in &= at ? out[*at] : 0;
+                }
+                mask o = (in & ~killed[i]) | stored[i];
+                if (o != out[i]) changed = true;
+                in_[i] = in;
+                out[i] = o;
+            }
+        }
+    }
+
+    int rewrite() {
+        // The reads that take a stored value, by scalar.
+        std::vector<std::pair<NODE**, size_t>> taken;
+        for (size_t bi = 0; bi < blocks_.size(); ++bi) {
+            mask avail = in_[bi];
+            for (const step& s : steps_[bi]) {
+                avail &= ~s.before;
+                for (const read& r : s.reads)
+                    if (avail >> r.scalar & 1) {
+                        taken.push_back({r.slot, r.scalar});
+                        scalars_[r.scalar].read_back = true;
+                    }
+                avail = through(step{0, {}, s.after, s.stores}, avail);
+            }
+        }
+        if (taken.empty()) return 0;
+        for (scalar& c : scalars_)
+            if (c.read_back && !(c.temp = make_local_temporary(c.type, c.object->name + ".s"))) return 0;
+        for (auto [slot, k] : taken) {
+            NODE* old = *slot;
+            *slot = mk_NAME(scalars_[k].temp, old->type);
+            erase_tree(old);
+        }
+        // Every store of a scalar read back sets its temporary: `t = e; x = t`.
+        for (BBLK* b : blocks_)
+            for (size_t i = 0; i < b->statements.size(); ++i) {
+                NODE* tree = b->statements[i].tree;
+                direct_access d;
+                TYPE* type = nullptr;
+                if (!stored_scalar(tree, d, type)) continue;
+                int k = find(d.object, d.offset.as<int64_t>(), type);
+                if (k < 0 || !scalars_[static_cast<size_t>(k)].temp) continue;
+                SYMTAB* t = scalars_[static_cast<size_t>(k)].temp;
+                NODE* value = tree->right;
+                tree->right = mk_NAME(t, type);
+                BODY_ENTRY set{BODY_ENTRY::STMT, mktree(ASG, type, mk_NAME(t, type), value), b->statements[i].pos};
+                b->statements.insert(b->statements.begin() + static_cast<long>(i), set);
+                ++i;
+            }
+        return static_cast<int>(taken.size());
     }
 };
 
@@ -382,7 +464,7 @@ int promote_vars_to_registers(bool benign_loads) {
     if (total) rebuildcfg();
     int forwarded = forwarder().run();
     if (forwarded && write_opt_info && finfo)
-        std::fprintf(finfo, "Function %s(): %d load%s of globals take%s the value stored just before.\n",
+        std::fprintf(finfo, "Function %s(): %d load%s of globals take%s the value stored before.\n",
                      currfunc->name.c_str(), forwarded, forwarded == 1 ? "" : "s", forwarded == 1 ? "s" : "");
     return total + forwarded;
 }

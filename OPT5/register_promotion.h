@@ -20,12 +20,13 @@
 //  - Inner loops first, so that the loads and stores an inner loop leaves
 //    in the loop around it are promoted there in turn.  At most a dozen
 //    scalars per loop, those accessed most.
-//  - Then, block by block (a block continuing into the one only it falls
-//    into), a read of a scalar of a global takes the value stored there
-//    just before, kept in a temporary (`t = e; g = t`) unless it is a
-//    constant, as long as nothing in between may have written it: a call
-//    whose effects name it or are unknown, a store through a pointer that
-//    may reach it, an access at a variable offset, inline assembly.
+//  - Then a read of a scalar of a global takes the value last stored there,
+//    kept in a temporary (`t = e; g = t`), where every way to the read
+//    passes a store of it and nothing since may have written it: a call
+//    whose effects name it or are unknown, a load or store through a
+//    pointer that may reach it, an access of it at a variable offset or
+//    overlapping, inline assembly (availability over the flow graph, for
+//    up to 64 scalars stored).
 //  - Locals in memory are left to "explode auto structs" and "stack
 //    sharing".
 #pragma once
