@@ -11,6 +11,7 @@
 #include "OPT5/call_effects.h"
 #include "OPT5/call_graph.h"
 #include "OPT5/cmdline.h"
+#include "OPT5/copyprop.h"
 #include "OPT5/ddbloop.h"
 #include "OPT5/funinfo.h"
 #include "OPT5/globals.h"
@@ -230,11 +231,14 @@ private:
 // graph, a bit per scalar stored.
 class forwarder {
 public:
-    int run() {
+    // Returns the loads replaced; `dead` gets the stores removed.
+    int run(int& dead) {
         blocks_ = layout_blocks();
         if (!collect()) return 0;
         solve();
-        return rewrite();
+        int forwarded = rewrite();
+        dead = remove_dead_stores();
+        return forwarded;
     }
 
 private:
@@ -258,6 +262,7 @@ private:
         mask before = 0;
         std::vector<read> reads;
         mask after = 0;  // what its own store overlaps
+        mask uses = 0;   // what it may read
         int stores = -1;  // the scalar it stores, or -1
     };
     std::vector<BBLK*> blocks_;
@@ -284,6 +289,15 @@ private:
         return offset >= 0 && static_cast<uint64_t>(offset + units_of(type)) * 16 <= d.object->size;
     }
 
+    mask overlapping(const SYMTAB* object, int64_t offset, int64_t units) const {
+        mask m = 0;
+        for (size_t k = 0; k < scalars_.size(); ++k) {
+            const scalar& c = scalars_[k];
+            if (c.object == object && offset < c.offset + c.units && c.offset < offset + units) m |= mask{1} << k;
+        }
+        return m;
+    }
+
     mask of_object(const SYMTAB* object) const {
         mask m = 0;
         for (size_t k = 0; k < scalars_.size(); ++k)
@@ -302,13 +316,17 @@ private:
                 scalars_.push_back({d.object, d.offset.as<int64_t>(), units_of(type), type});
             }
         if (scalars_.empty()) return false;
+        describe_all();
+        return true;
+    }
+
+    void describe_all() {
         mask not_private = 0;
         for (size_t k = 0; k < scalars_.size(); ++k)
             if (!reached_only_directly(scalars_[k].object)) not_private |= mask{1} << k;
-        steps_.resize(blocks_.size());
+        steps_.assign(blocks_.size(), {});
         for (size_t bi = 0; bi < blocks_.size(); ++bi)
             for (BODY_ENTRY& e : blocks_[bi]->statements) steps_[bi].push_back(describe(e.tree, not_private));
-        return true;
     }
 
     int find(const SYMTAB* object, int64_t offset, const TYPE* type) const {
@@ -322,7 +340,7 @@ private:
         step s;
         if (!tree) return s;
         if (tree->opcode == ASM) {
-            s.before = ~mask{0};
+            s.before = s.uses = ~mask{0};
             return s;
         }
         memory_effects fx, called;  // the statement's own (the globals it names aside), its callees'
@@ -333,12 +351,20 @@ private:
         if (fx.through_pointers || called.through_pointers) s.before |= not_private;
         for (size_t k = 0; k < scalars_.size(); ++k)
             if (called.names(scalars_[k].object)) s.before |= mask{1} << k;
+        s.uses = s.before;
         NODE* own = tree->opcode == ASG ? tree->left : nullptr;
         for_each_access(
             tree, [](const SYMTAB* o) { return o->global; },
             [&](const object_access& a) {
+                if (*a.slot == own) return;
+                if (a.role != PLACE) {
+                    bool known = a.role != ADDRESS && (a.whole() ? !is_aggregate_object(a.sym) : a.where.known);
+                    s.uses |= known ? overlapping(a.sym, a.whole() ? 0 : a.where.offset.as<int64_t>(),
+                                                  units_of((*a.slot)->type->stripped()))
+                                    : of_object(a.sym);
+                }
                 if (a.role != VALUE) {
-                    if (*a.slot != own) s.before |= of_object(a.sym);
+                    s.before |= of_object(a.sym);
                     return;
                 }
                 if (a.slot == &tree || is_volatile_access(*a.slot) || (!a.whole() && !a.where.known)) return;
@@ -349,11 +375,8 @@ private:
         direct_access d;
         TYPE* type = nullptr;
         if (stored_scalar(tree, d, type)) {
-            int64_t offset = d.offset.as<int64_t>(), units = units_of(type);
-            for (size_t k = 0; k < scalars_.size(); ++k) {
-                const scalar& c = scalars_[k];
-                if (c.object == d.object && offset < c.offset + c.units && c.offset < offset + units) s.after |= mask{1} << k;
-            }
+            int64_t offset = d.offset.as<int64_t>();
+            s.after = overlapping(d.object, offset, units_of(type));
             s.stores = find(d.object, offset, type);
         } else if (own->opcode == NAME || own->opcode == UMULT) {
             direct_access w = own->opcode == NAME ? direct_access{own->symbol, INT65(0), true} : access_through(own->left, nullptr);
@@ -414,7 +437,8 @@ private:
                         taken.push_back({r.slot, r.scalar});
                         scalars_[r.scalar].read_back = true;
                     }
-                avail = through(step{0, {}, s.after, s.stores}, avail);
+                avail &= ~s.after;
+                if (s.stores >= 0) avail |= mask{1} << s.stores;
             }
         }
         if (taken.empty()) return 0;
@@ -443,6 +467,61 @@ private:
             }
         return static_cast<int>(taken.size());
     }
+
+    // Stores that every way from them overwrites before anything may read
+    // the scalar (the function's ends read every global): a backward
+    // problem over the statements as they are now.
+    int remove_dead_stores() {
+        describe_all();
+        size_t n = blocks_.size();
+        ptr_map<const BBLK*, size_t> index;
+        for (size_t i = 0; i < n; ++i) index[blocks_[i]] = i;
+        // Each block as in = (out & kept) | overwritten.
+        std::vector<mask> kept(n, ~mask{0}), overwritten(n, 0);
+        for (size_t i = 0; i < n; ++i)
+            for (auto s = steps_[i].rbegin(); s != steps_[i].rend(); ++s) {
+                if (s->stores >= 0) overwritten[i] |= mask{1} << s->stores;
+                kept[i] &= ~s->uses;
+                overwritten[i] &= ~s->uses;
+            }
+        std::vector<mask> in(n, ~mask{0}), out(n, 0);
+        for (bool changed = true; changed;) {
+            changed = false;
+            for (size_t i = n; i-- > 0;) {
+                mask o = blocks_[i]->successors ? ~mask{0} : 0;
+                for (EDGE* e = blocks_[i]->successors; e; e = e->rest) {
+                    const size_t* at = index.find(e->bb);
+                    o &= at ? in[*at] : 0;
+                }
+                mask x = (o & kept[i]) | overwritten[i];
+                if (x != in[i]) changed = true;
+                in[i] = x;
+                out[i] = o;
+            }
+        }
+        int removed = 0;
+        for (size_t i = 0; i < n; ++i) {
+            mask dead = out[i];
+            std::vector<BODY_ENTRY>& st = blocks_[i]->statements;
+            for (size_t j = st.size(); j-- > 0;) {
+                const step& s = steps_[i][j];
+                if (s.stores >= 0 && (dead >> s.stores & 1)) {
+                    NODE* tree = st[j].tree;
+                    if (print_debug)
+                        DBG_CHECK(std::fprintf(FDEBUG, "\tDead store removed: %s\n", stmt2infix(tree).c_str()));
+                    NODE* rest = peel_for_effect(tree->right);
+                    tree->right = nullptr;
+                    erase_tree(tree);
+                    if (rest) st[j].tree = rest;
+                    else st.erase(st.begin() + static_cast<long>(j));
+                    ++removed;
+                }
+                if (s.stores >= 0) dead |= mask{1} << s.stores;
+                dead &= ~s.uses;
+            }
+        }
+        return removed;
+    }
 };
 
 }  // namespace
@@ -462,9 +541,13 @@ int promote_vars_to_registers(bool benign_loads) {
     for (struct LOOP* l : loops) total += p.run(l);
     unbuild_loop_hierarchy();
     if (total) rebuildcfg();
-    int forwarded = forwarder().run();
+    int dead = 0;
+    int forwarded = forwarder().run(dead);
     if (forwarded && write_opt_info && finfo)
         std::fprintf(finfo, "Function %s(): %d load%s of globals take%s the value stored before.\n",
                      currfunc->name.c_str(), forwarded, forwarded == 1 ? "" : "s", forwarded == 1 ? "s" : "");
-    return total + forwarded;
+    if (dead && write_opt_info && finfo)
+        std::fprintf(finfo, "Function %s(): %d store%s to globals overwritten before any read removed.\n",
+                     currfunc->name.c_str(), dead, dead == 1 ? "" : "s");
+    return total + forwarded + dead;
 }

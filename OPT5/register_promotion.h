@@ -27,11 +27,14 @@
 //    pointer that may reach it, an access of it at a variable offset or
 //    overlapping, inline assembly (availability over the flow graph, for
 //    up to 64 scalars stored).
+//  - Last, a store to such a scalar that every way from it overwrites
+//    before anything may read it goes (the function's ends read every
+//    global); what its value does besides stays.
 //  - Locals in memory are left to "explode auto structs" and "stack
 //    sharing".
 #pragma once
 
 // From -o2, on the current function's flow graph.  Returns the number of
-// scalars promoted and of loads replaced; one line of optimisation
-// information per loop, and one for the loads.
+// scalars promoted, loads replaced and stores removed; one line of
+// optimisation information per loop, one for the loads, one for the stores.
 int promote_vars_to_registers(bool benign_loads);

@@ -122,6 +122,31 @@ int main(void) {
         << text;
 }
 
+// A store that every way from it overwrites before anything may read the
+// global goes; one a called function may read, or the last before the
+// function ends, stays.
+TEST_F(Promotion, StoresOverwrittenBeforeAnyReadGo) {
+    compile(R"(#include <stdio.h>
+static int g, q;
+int n = 3;
+static int peek(int d) { return d ? peek(d - 1) : g; }
+int main(void) {
+    g = 1;              /* overwritten: goes */
+    q = n;
+    g = q + 2;          /* peek reads it: stays */
+    int a = peek(1);
+    if (a > n) g = 7;   /* overwritten on the way on: goes */
+    g = 8;              /* the last: stays */
+    printf("%d %d %d\n", a, g, q);
+    return 0;
+}
+)");
+    IFRUN_RESULT reference = expect_same_at_every_level();
+    std::string text = info();
+    EXPECT_NE(text.find("Function main(): 2 stores to globals overwritten before any read removed."), std::string::npos)
+        << text;
+}
+
 // A way out of the loop that a way around it joins gets a block of its own
 // for the stores: the way around must not store what the loop never read.
 TEST_F(Promotion, AWayOutOthersJoinStoresOnItsOwn) {
