@@ -385,13 +385,6 @@ private:
         return s;
     }
 
-    static mask through(const step& s, mask avail) {
-        avail &= ~s.before;
-        avail &= ~s.after;
-        if (s.stores >= 0) avail |= mask{1} << s.stores;
-        return avail;
-    }
-
     // Available on entry to each block: on every way in, stored and not
     // changed since.
     void solve() {
