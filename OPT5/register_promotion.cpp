@@ -225,15 +225,17 @@ private:
     }
 };
 
-// Values stored to scalars of globals, which later reads take instead of
-// loading them again where every way to the read passes a store of the
-// scalar and nothing since that may change it: availability over the flow
-// graph, a bit per scalar stored.
+// Values stored to scalars of globals, and of local arrays and structures
+// whose address serves only their direct accesses, which later reads take
+// instead of loading them again where every way to the read passes a store
+// of the scalar and nothing since that may change it: availability over the
+// flow graph, a bit per scalar stored.
 class forwarder {
 public:
     // Returns the loads replaced; `dead` gets the stores removed.
     int run(int& dead) {
         blocks_ = layout_blocks();
+        find_local_objects();
         if (!collect()) return 0;
         solve();
         int forwarded = rewrite();
@@ -272,8 +274,33 @@ private:
 
     static int64_t units_of(const TYPE* t) { return static_cast<int64_t>((t->size + 15) / 16); }
 
+    ptr_map<const SYMTAB*, bool> locals_;  // local aggregates: whether only direct accesses reach them
+
+    // Local arrays and structures reached only by direct accesses: no
+    // pointer, no call can reach them, and nothing reads them once the
+    // function ends.
+    void find_local_objects() {
+        ptr_map<const SYMTAB*, bool> escapes;
+        std::vector<const SYMTAB*> seen;
+        for (BBLK* b : blocks_)
+            for (BODY_ENTRY& e : b->statements)
+                for_each_local_access(e.tree, [&](const object_access& a) {
+                    if (!is_aggregate_object(a.sym)) return;
+                    if (!escapes.find(a.sym)) seen.push_back(a.sym);
+                    bool& x = escapes[a.sym];
+                    x = x || a.role == ADDRESS;
+                });
+        for (const SYMTAB* l : seen) locals_[l] = !*escapes.find(l);
+    }
+
+    bool wanted(const SYMTAB* o) const {
+        if (o->global) return true;
+        const bool* direct = locals_.find(o);
+        return direct && *direct && !mentions_volatile(o->type);
+    }
+
     // The scalar a top-level store writes, when it is one to keep.
-    static bool stored_scalar(const NODE* tree, direct_access& d, TYPE*& type) {
+    bool stored_scalar(const NODE* tree, direct_access& d, TYPE*& type) const {
         if (!tree || tree->opcode != ASG) return false;
         const NODE* own = tree->left;
         d = {};
@@ -281,7 +308,7 @@ private:
             d.object = own->symbol;
         else if (own->opcode == UMULT)
             d = access_through(own->left, nullptr);
-        if (!d.object || !d.object->global || is_function_symbol(d.object) || !d.known) return false;
+        if (!d.object || !wanted(d.object) || is_function_symbol(d.object) || !d.known) return false;
         type = own->type ? own->type->stripped() : nullptr;
         if (!type || !type->is_scalar() || type->size == 0 || is_volatile_access(own) || mentions_volatile(d.object->type))
             return false;
@@ -323,7 +350,7 @@ private:
     void describe_all() {
         mask not_private = 0;
         for (size_t k = 0; k < scalars_.size(); ++k)
-            if (!reached_only_directly(scalars_[k].object)) not_private |= mask{1} << k;
+            if (scalars_[k].object->global && !reached_only_directly(scalars_[k].object)) not_private |= mask{1} << k;
         steps_.assign(blocks_.size(), {});
         for (size_t bi = 0; bi < blocks_.size(); ++bi)
             for (BODY_ENTRY& e : blocks_[bi]->statements) steps_[bi].push_back(describe(e.tree, not_private));
@@ -354,7 +381,7 @@ private:
         s.uses = s.before;
         NODE* own = tree->opcode == ASG ? tree->left : nullptr;
         for_each_access(
-            tree, [](const SYMTAB* o) { return o->global; },
+            tree, [&](const SYMTAB* o) { return wanted(o); },
             [&](const object_access& a) {
                 if (*a.slot == own) return;
                 if (a.role != PLACE) {
@@ -380,7 +407,7 @@ private:
             s.stores = find(d.object, offset, type);
         } else if (own->opcode == NAME || own->opcode == UMULT) {
             direct_access w = own->opcode == NAME ? direct_access{own->symbol, INT65(0), true} : access_through(own->left, nullptr);
-            if (w.object && w.object->global) s.after |= of_object(w.object);
+            if (w.object && wanted(w.object)) s.after |= of_object(w.object);
         }
         return s;
     }
@@ -462,8 +489,8 @@ private:
     }
 
     // Stores that every way from them overwrites before anything may read
-    // the scalar (the function's ends read every global): a backward
-    // problem over the statements as they are now.
+    // the scalar (the function's ends read every global, and no local): a
+    // backward problem over the statements as they are now.
     int remove_dead_stores() {
         describe_all();
         size_t n = blocks_.size();
@@ -477,11 +504,14 @@ private:
                 kept[i] &= ~s->uses;
                 overwritten[i] &= ~s->uses;
             }
+        mask locals = 0;  // dead once the function ends
+        for (size_t k = 0; k < scalars_.size(); ++k)
+            if (!scalars_[k].object->global) locals |= mask{1} << k;
         std::vector<mask> in(n, ~mask{0}), out(n, 0);
         for (bool changed = true; changed;) {
             changed = false;
             for (size_t i = n; i-- > 0;) {
-                mask o = blocks_[i]->successors ? ~mask{0} : 0;
+                mask o = blocks_[i]->successors ? ~mask{0} : locals;
                 for (EDGE* e = blocks_[i]->successors; e; e = e->rest) {
                     const size_t* at = index.find(e->bb);
                     o &= at ? in[*at] : 0;
@@ -537,10 +567,10 @@ int promote_vars_to_registers(bool benign_loads) {
     int dead = 0;
     int forwarded = forwarder().run(dead);
     if (forwarded && write_opt_info && finfo)
-        std::fprintf(finfo, "Function %s(): %d load%s of globals take%s the value stored before.\n",
+        std::fprintf(finfo, "Function %s(): %d load%s take%s the value stored before.\n",
                      currfunc->name.c_str(), forwarded, forwarded == 1 ? "" : "s", forwarded == 1 ? "s" : "");
     if (dead && write_opt_info && finfo)
-        std::fprintf(finfo, "Function %s(): %d store%s to globals overwritten before any read removed.\n",
+        std::fprintf(finfo, "Function %s(): %d store%s overwritten or never read removed.\n",
                      currfunc->name.c_str(), dead, dead == 1 ? "" : "s");
     return total + forwarded + dead;
 }

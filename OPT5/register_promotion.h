@@ -20,7 +20,9 @@
 //  - Inner loops first, so that the loads and stores an inner loop leaves
 //    in the loop around it are promoted there in turn.  At most a dozen
 //    scalars per loop, those accessed most.
-//  - Then a read of a scalar of a global takes the value last stored there,
+//  - Then a read of a scalar of a global, or of a local array or structure
+//    whose address serves only its direct accesses, takes the value last
+//    stored there,
 //    kept in a temporary (`t = e; g = t`), where every way to the read
 //    passes a store of it and nothing since may have written it: a call
 //    whose effects name it or are unknown, a load or store through a
@@ -29,9 +31,9 @@
 //    up to 64 scalars stored).
 //  - Last, a store to such a scalar that every way from it overwrites
 //    before anything may read it goes (the function's ends read every
-//    global); what its value does besides stays.
-//  - Locals in memory are left to "explode auto structs" and "stack
-//    sharing".
+//    global and no local); what its value does besides stays.
+//  - Locals are not kept in temporaries over loops: a load in front of a
+//    loop could read what was never stored.
 #pragma once
 
 // From -o2, on the current function's flow graph.  Returns the number of
