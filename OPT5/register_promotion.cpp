@@ -258,8 +258,9 @@ private:
         NODE** slot;
         size_t scalar;
     };
-    // What one statement does: kills before its reads, the reads that may
-    // take a stored value, and its own store.
+    // What one statement does: what it may change before its reads, the
+    // reads that may take a stored value, what its own store overwrites,
+    // and what it may read.
     struct step {
         mask before = 0;
         std::vector<read> reads;
@@ -272,9 +273,9 @@ private:
     std::vector<std::vector<step>> steps_;  // by block, by statement
     std::vector<mask> in_;
 
-    static int64_t units_of(const TYPE* t) { return static_cast<int64_t>((t->size + 15) / 16); }
-
     ptr_map<const SYMTAB*, bool> locals_;  // local aggregates: whether only direct accesses reach them
+
+    static int64_t units_of(const TYPE* t) { return static_cast<int64_t>((t->size + 15) / 16); }
 
     // Local arrays and structures reached only by direct accesses: no
     // pointer, no call can reach them, and nothing reads them once the
