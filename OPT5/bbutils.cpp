@@ -1,5 +1,4 @@
 #include "OPT5/bbutils.h"
-#include "OPT5/copyprop.h"
 
 #include <algorithm>
 #include <climits>
