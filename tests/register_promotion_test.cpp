@@ -1,7 +1,7 @@
-// Globals kept in temporaries over loops ("SSA RP with benign loads"): the
-// programs run the same at every level, the loads and stores the step saves
-// are measured by the interpreter, and what something else in the loop may
-// reach stays in memory.
+// Globals kept in temporaries over loops, stored values read back and dead
+// stores removed ("SSA RP with benign loads"): the programs run the same at
+// every level, the loads and stores the step saves are measured by the
+// interpreter, and what something else may reach stays in memory.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -25,12 +25,12 @@ protected:
     // The objects the loop at `line` keeps in temporaries, as listed.
     static std::string kept(const std::string& text, int line) {
         std::string head = "Loop at line " + std::to_string(line) + ": ";
-        size_t at = text.find(head);
-        if (at == std::string::npos) return "";
-        size_t end = text.find('\n', at);
-        std::string l = text.substr(at, end - at);
-        size_t colon = l.find("while it runs: ");
-        return colon == std::string::npos ? "" : l.substr(colon + 15);
+        for (size_t at = text.find(head); at != std::string::npos; at = text.find(head, at + 1)) {
+            std::string l = text.substr(at, text.find('\n', at) - at);
+            size_t colon = l.find("while it runs: ");
+            if (colon != std::string::npos) return l.substr(colon + 15);
+        }
+        return "";
     }
 };
 
