@@ -29,6 +29,7 @@
 #include "OPT5/loop_unrolling.h"
 #include "OPT5/local_symbols.h"
 #include "OPT5/stack_sharing.h"
+#include "OPT5/forward_substitution.h"
 #include "OPT5/register_promotion.h"
 #include "OPT5/scalar_replacement.h"
 #include "OPT5/ssa_dead_assignments.h"
@@ -80,7 +81,12 @@ void global_CP() {
 }
 // Extended blocks for the global step, single blocks for the late one.
 void global_CSE() { eliminate_common_subexpressions(true); }
-void lcse() { eliminate_common_subexpressions(false); }
+// Repeated values are computed once, then those computed for a single use
+// are folded into it.
+void lcse() {
+    eliminate_common_subexpressions(false);
+    substitute_single_uses();
+}
 void rotate_loops_step() { rotate_loops(); }
 // Invariants leave their loops before the loops are copied; the arrays
 // whose indices complete unrolling made constants become variables.
