@@ -461,6 +461,13 @@ void unbuildcfg() {
     fi->body = std::move(body);
 }
 
+bool has_inline_assembly(const BBLK* entry) {
+    for (const BBLK* b = entry; b; b = b->next)
+        for (const BODY_ENTRY& e : b->statements)
+            if (e.tree && e.tree->opcode == ASM) return true;
+    return false;
+}
+
 void rebuildcfg() {
     unbuildcfg();
     buildcfg();

@@ -113,6 +113,8 @@ void unbuildcfg();
 // Builds the flow graph again from the statements of the current blocks
 // (after jumps were added, removed or retargeted).
 void rebuildcfg();
+// Whether a statement of the flow graph from `entry` on is inline assembly.
+bool has_inline_assembly(const BBLK* entry);
 // Folds conditional jumps on constants, drops jumps to the next block and
 // removes blocks that can't be reached; with `merge_blocks`, a block whose
 // label nothing names joins the block that falls into it.  Rebuilds the

@@ -64,16 +64,11 @@ void memory_effects::merge(const memory_effects& o) {
 }
 
 void add_tree_effects(const NODE* root, memory_effects& fx, std::vector<const SYMTAB*>* callees) {
-    small_vector<const NODE*, 32> work;
-    work.push_back(root);
-    while (!work.empty()) {
-        const NODE* n = work.back();
-        work.pop_back();
-        if (!n || n->opcode == LABEL || n->opcode == FIELD) continue;
+    for_each_node(root, [&](const NODE* n) {
         int op = n->opcode;
         if (op == NAME) {
             if (n->symbol && n->symbol->global && !is_function_symbol(n->symbol)) fx.add(n->symbol);
-            continue;
+            return;
         }
         if (is_call(op)) {
             const SYMTAB* f = called_function(n);
@@ -86,9 +81,7 @@ void add_tree_effects(const NODE* root, memory_effects& fx, std::vector<const SY
         } else if (side_effects[op] == 255 && op != PCOMMA && op != COMMAOP && op != NOP && op != PPRAGMA) {
             fx.unknown = true;  // inline assembly, and what no step here makes
         }
-        work.push_back(n->right);
-        work.push_back(n->left);
-    }
+    });
 }
 
 void compute_call_effects(const call_graph& g, const unit_uses& u) {

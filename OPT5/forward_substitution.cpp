@@ -39,23 +39,9 @@ struct writes {
     bool at_root = false;  // the statement's own root is one of them
 };
 
-template <typename F>
-void walk(const NODE* root, F&& f) {
-    small_vector<const NODE*, 32> work;
-    work.push_back(root);
-    while (!work.empty()) {
-        const NODE* n = work.back();
-        work.pop_back();
-        if (!n || n->opcode == LABEL || n->opcode == FIELD) continue;
-        f(n);
-        work.push_back(n->left);
-        work.push_back(n->right);
-    }
-}
-
 reads reads_of(const NODE* e) {
     reads r;
-    walk(e, [&](const NODE* n) {
+    for_each_node(e, [&](const NODE* n) {
         if (is_volatile_access(n)) r.volatile_access = true;
         if (n->opcode == NAME && n->symbol) {
             if (lva_index(n->symbol) >= 0) r.vars.push_back(n->symbol);
@@ -69,7 +55,7 @@ reads reads_of(const NODE* e) {
 
 writes writes_of(const NODE* t) {
     writes w;
-    walk(t, [&](const NODE* n) {
+    for_each_node(t, [&](const NODE* n) {
         int op = n->opcode;
         if (side_effects[op] == 1) {
             ++w.effects;
@@ -91,7 +77,7 @@ writes writes_of(const NODE* t) {
 // How many times the tree names the variable.
 int count_name(const NODE* t, const SYMTAB* v) {
     int c = 0;
-    walk(t, [&](const NODE* n) { c += n->opcode == NAME && n->symbol == v; });
+    for_each_node(t, [&](const NODE* n) { c += n->opcode == NAME && n->symbol == v; });
     return c;
 }
 
@@ -186,18 +172,11 @@ private:
     }
 };
 
-bool has_assembly(BBLK* entry) {
-    for (BBLK* b = entry; b; b = b->next)
-        for (const BODY_ENTRY& e : b->statements)
-            if (e.tree && e.tree->opcode == ASM) return true;
-    return false;
-}
-
 }  // namespace
 
 int substitute_single_uses() {
     FUNINFO* fi = currfuninfo;
-    if (opt_level() < 2 || !fi || !fi->bb_list || has_assembly(fi->bb_list)) return 0;
+    if (opt_level() < 2 || !fi || !fi->bb_list || has_inline_assembly(fi->bb_list)) return 0;
     find_live_variables(true, false);
     int folded = substituter().run();
     free_liveness(fi);

@@ -8,6 +8,7 @@
 #include "OPT5/opcodes.h"
 #include "TYPES/type_pkg.h"
 #include "UTIL/rare_payload.h"
+#include "UTIL/small_vector.h"
 #include "XINT/int65.h"
 
 struct SYMTAB;
@@ -164,6 +165,20 @@ void walk_and_modify_tree(NODE* tree, F&& visit) {
             visit(*slot);
             if (*slot) work.push_back(*slot);
         }
+    }
+}
+// Calls f on every node of the tree, a node before its operands.
+template <class F>
+void for_each_node(const NODE* tree, F&& f) {
+    small_vector<const NODE*, 32> work;
+    work.push_back(tree);
+    while (!work.empty()) {
+        const NODE* n = work.back();
+        work.pop_back();
+        if (!n) continue;
+        f(n);
+        work.push_back(n->right);
+        work.push_back(n->left);
     }
 }
 // Reading or writing the node touches a volatile object: its type is

@@ -23,24 +23,11 @@ const char THIS_MODULE[] = "OPT5/ssa_dead_assignments";
 // The definitions the uses in a tree reach.
 template <typename F>
 void for_each_reached(const SSA_FORM& ssa, const NODE* root, F&& f) {
-    small_vector<const NODE*, 32> work;
-    work.push_back(root);
-    while (!work.empty()) {
-        const NODE* n = work.back();
-        work.pop_back();
-        if (!n) continue;
+    for_each_node(root, [&](const NODE* n) {
         if (SSA_DEFINITION* d = ssa.reaching_definition(n)) f(d);
-        work.push_back(n->left);
-        work.push_back(n->right);
-    }
+    });
 }
 
-bool has_assembly(BBLK* entry) {
-    for (BBLK* b = entry; b; b = b->next)
-        for (const BODY_ENTRY& e : b->statements)
-            if (e.tree && e.tree->opcode == ASM) return true;
-    return false;
-}
 
 // Marks what the needed statements read, then what the needed definitions
 // read, and takes out the assignments left unmarked.
@@ -91,7 +78,7 @@ int one_round() {
 
 int eliminate_dead_SSA_assignments() {
     FUNINFO* fi = currfuninfo;
-    if (opt_level() < 2 || !fi || !fi->bb_list || has_assembly(fi->bb_list)) return 0;
+    if (opt_level() < 2 || !fi || !fi->bb_list || has_inline_assembly(fi->bb_list)) return 0;
     // A test left with nothing to decide goes, and what it read may be
     // dead in turn.
     int removed = 0;
