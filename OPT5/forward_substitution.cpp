@@ -155,6 +155,7 @@ private:
                 TYPE* at = (*slot)->type;
                 erase_node(*slot);
                 *slot = converted(converted(def->right, def->left->type), at);
+                use = simp_tree(use, nullptr);  // the value meets what is around it
                 def->right = nullptr;
                 erase_tree(def);
                 st[i].tree = nullptr;

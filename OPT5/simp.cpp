@@ -978,7 +978,11 @@ NODE* simp_SCONV(NODE* n) {
     // the low bits of x survive, so T1 no wider than T0 needs only (T1)x.
     if (x->opcode == SCONV && is_int_type(n->type) && is_int_type(x->type) && x->left && is_int_type(x->left->type)) {
         unsigned w0 = int_width(x->left->type), w1 = int_width(n->type), w2 = int_width(x->type);
-        if (w2 >= w0 && w1 <= w0) {
+        // A value masked to what T2 holds keeps its value through (T2).
+        NODE* v = x->left;
+        NODE* mask = v->opcode == ANDB ? (is_icon(v->right) ? v->right : is_icon(v->left) ? v->left : nullptr) : nullptr;
+        bool fits = mask && !mask->value.is_negative() && truncate_to_type(mask->value, x->type) == mask->value;
+        if ((w2 >= w0 && w1 <= w0) || fits) {
             NODE* inner = x->left;
             x->left = nullptr;
             erase_node(x);

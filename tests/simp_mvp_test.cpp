@@ -129,6 +129,14 @@ TEST_F(Simp, RewritesKeepValuesExact) {
     EXPECT_EQ(simp(mktree(XORB, i16, name(x), name(x))), "0");
     EXPECT_EQ(simp(mktree(MULT, i16, name(x), k(0))), "0");
     EXPECT_EQ(simp(mktree(SCONV, i16, mktree(SCONV, i32, name(x)))), "x");
+    // A value masked to what the inner type holds goes through it unchanged;
+    // 0xFFFF does not fit a signed 16 bits.
+    auto masked = [&](TYPE* inner, long long m) {
+        return mktree(SCONV, i32, mktree(SCONV, inner, mktree(ANDB, u32, name(y, u32), k(m, u32))));
+    };
+    EXPECT_EQ(simp(masked(u16, 255)), "SCONV((y & 255))");
+    EXPECT_EQ(simp(masked(u16, 0xFFFF)), "SCONV((y & 65535))");
+    EXPECT_EQ(simp(masked(i16, 0xFFFF)), "SCONV(SCONV((y & 65535)))");
 }
 
 TEST_F(Simp, AssertionsDecideTestsButNotThemselves) {
