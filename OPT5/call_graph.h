@@ -51,18 +51,8 @@ void with_function_statements(SYMTAB* fn, const std::function<void(FUNINFO*)>& f
 // before its operands.
 template <class F>
 void for_each_body_node(const std::vector<BODY_ENTRY>& body, F&& f) {
-    std::vector<const NODE*> work;
-    for (const BODY_ENTRY& e : body) {
-        if (e.kind != BODY_ENTRY::STMT || !e.tree) continue;
-        work.push_back(e.tree);
-        while (!work.empty()) {
-            const NODE* n = work.back();
-            work.pop_back();
-            f(n);
-            if (n->right) work.push_back(n->right);
-            if (n->left) work.push_back(n->left);
-        }
-    }
+    for (const BODY_ENTRY& e : body)
+        if (e.kind == BODY_ENTRY::STMT && e.tree) for_each_node(e.tree, f);
 }
 
 // The number of nodes in the statements of a body.
