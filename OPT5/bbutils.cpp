@@ -11,6 +11,7 @@
 #include "OPT5/dominator.h"
 #include "OPT5/globals.h"
 #include "OPT5/node.h"
+#include "UTIL/ptr_map.h"
 
 namespace {
 const char THIS_MODULE[] = "OPT5/bbutils";
@@ -466,6 +467,36 @@ bool has_inline_assembly(const BBLK* entry) {
         for (const BODY_ENTRY& e : b->statements)
             if (e.tree && e.tree->opcode == ASM) return true;
     return false;
+}
+
+block_masks solve_block_masks(const std::vector<BBLK*>& blocks, bool forward, bool all, uint64_t boundary,
+                              const std::vector<uint64_t>& keep, const std::vector<uint64_t>& gen) {
+    size_t n = blocks.size();
+    ptr_map<const BBLK*, size_t> index;
+    index.reserve(n);
+    for (size_t i = 0; i < n; ++i) index[blocks[i]] = i;
+    const uint64_t none = all ? ~uint64_t{0} : 0;
+    block_masks m{std::vector<uint64_t>(n, 0), std::vector<uint64_t>(n, none)};
+    for (bool changed = true; changed;) {
+        changed = false;
+        for (size_t k = 0; k < n; ++k) {
+            size_t i = forward ? k : n - 1 - k;
+            const BBLK* b = blocks[i];
+            EDGE* from = forward ? b->predecessors : b->successors;
+            uint64_t meet = none;
+            auto join = [&](uint64_t v) { meet = all ? meet & v : meet | v; };
+            if (!from || (forward && i == 0)) join(boundary);
+            for (EDGE* e = from; e; e = e->rest) {
+                const size_t* at = index.find(e->bb);
+                join(at ? m.result[*at] : 0);
+            }
+            uint64_t result = (meet & keep[i]) | gen[i];
+            if (result != m.result[i]) changed = true;
+            m.meet[i] = meet;
+            m.result[i] = result;
+        }
+    }
+    return m;
 }
 
 void rebuildcfg() {

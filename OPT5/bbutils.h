@@ -115,6 +115,19 @@ void unbuildcfg();
 void rebuildcfg();
 // Whether a statement of the flow graph from `entry` on is inline assembly.
 bool has_inline_assembly(const BBLK* entry);
+
+// A data-flow problem of up to 64 facts over the listed blocks, each block
+// summed up as result = (meet & keep) | gen.  The meet of a block is the
+// union (or, with `all`, the intersection) of its neighbours' results: its
+// predecessors' going forward, its successors' going backward; a neighbour
+// not listed gives 0, and the first block and blocks without predecessors
+// (forward), blocks without successors (backward) meet `boundary` as well.
+// Solved round by round from nothing (or, with `all`, everything) known.
+struct block_masks {
+    std::vector<uint64_t> meet, result;  // by block
+};
+block_masks solve_block_masks(const std::vector<BBLK*>& blocks, bool forward, bool all, uint64_t boundary,
+                              const std::vector<uint64_t>& keep, const std::vector<uint64_t>& gen);
 // Folds conditional jumps on constants, drops jumps to the next block and
 // removes blocks that can't be reached; with `merge_blocks`, a block whose
 // label nothing names joins the block that falls into it.  Rebuilds the

@@ -123,39 +123,19 @@ private:
 // initial values; counts them by object.
 void fold_reads(NODE*& root, const ptr_map<const SYMTAB*, initial_values*>& fixed,
                 std::vector<std::pair<const SYMTAB*, int>>& folded) {
-    struct item {
-        NODE** slot;
-        operand_role r;
-    };
-    small_vector<item, 32> work;
-    work.push_back({&root, VALUE});
-    while (!work.empty()) {
-        auto [slot, r] = work.back();
-        work.pop_back();
-        NODE* n = *slot;
-        if (!n || n->opcode == LABEL || n->opcode == FIELD) continue;
-        int op = n->opcode;
-        if (r == VALUE && (op == NAME || op == UMULT)) {
-            direct_access d;
-            if (op == NAME && n->symbol && n->symbol->global) d.object = n->symbol;
-            else if (op == UMULT) d = access_through(n->left, nullptr);
-            if (op == UMULT && d.object && !d.known && fixed.find(d.object)) {  // an offset not folded yet
-                n->left = simp_tree(n->left, nullptr);
-                d = access_through(n->left, nullptr);
-            }
-            initial_values* const* values = d.object && d.known ? fixed.find(d.object) : nullptr;
-            if (NODE* v = values ? (*values)->value(d.offset, n->type) : nullptr) {
-                erase_tree(n);
-                *slot = v;
-                auto at = std::find_if(folded.begin(), folded.end(), [&](const auto& f) { return f.first == d.object; });
-                if (at == folded.end()) folded.push_back({d.object, 1});
-                else ++at->second;
-                continue;
-            }
-        }
-        if (n->left) work.push_back({&n->left, left_role(op)});
-        if (n->right) work.push_back({&n->right, VALUE});
-    }
+    auto is_fixed = [&](const SYMTAB* s) { return fixed.find(s) != nullptr; };
+    fold_access_offsets(root, is_fixed);  // offsets not folded yet
+    for_each_access(root, is_fixed, [&](const object_access& a) {
+        if (a.role != VALUE || !a.where.known) return;
+        NODE* n = *a.slot;
+        NODE* v = (*fixed.find(a.sym))->value(a.where.offset, n->type);
+        if (!v) return;
+        erase_tree(n);
+        *a.slot = v;
+        auto at = std::find_if(folded.begin(), folded.end(), [&](const auto& f) { return f.first == a.sym; });
+        if (at == folded.end()) folded.push_back({a.sym, 1});
+        else ++at->second;
+    });
 }
 
 }  // namespace

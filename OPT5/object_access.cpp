@@ -80,19 +80,3 @@ void object_parts::add(const object_access& a) {
     at[off] = type;
     ok = true;
 }
-
-void fold_access_offsets(NODE* root, bool globals) {
-    small_vector<NODE*, 32> work;
-    work.push_back(root);
-    while (!work.empty()) {
-        NODE* n = work.back();
-        work.pop_back();
-        if (!n) continue;
-        if (n->opcode == UMULT && n->left) {
-            direct_access d = access_through(n->left, nullptr);
-            if (d.object && d.object->global == globals && !d.known) n->left = simp_tree(n->left, nullptr);
-        }
-        work.push_back(n->left);
-        work.push_back(n->right);
-    }
-}

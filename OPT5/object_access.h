@@ -58,9 +58,24 @@ struct object_parts {
     void add(const struct object_access& a);
 };
 
-// Simplifies the offsets of the tree's accesses that are not constants yet
-// ("&t + 0 * 2"), of globals or of locals.
-void fold_access_offsets(NODE* root, bool globals);
+// Simplifies the offsets of the tree's accesses to the objects `want`
+// accepts that are not constants yet ("&t + 0 * 2").
+template <typename W>
+void fold_access_offsets(NODE* root, W&& want) {
+    small_vector<NODE*, 32> work;
+    work.push_back(root);
+    while (!work.empty()) {
+        NODE* n = work.back();
+        work.pop_back();
+        if (!n) continue;
+        if (n->opcode == UMULT && n->left) {
+            direct_access d = access_through(n->left, nullptr);
+            if (d.object && !d.known && want(d.object)) n->left = simp_tree(n->left, nullptr);
+        }
+        work.push_back(n->left);
+        work.push_back(n->right);
+    }
+}
 
 // Hands every access of an object that `want` (asked with a variable, not
 // a function) accepts in the tree to `f`, which may replace the access in

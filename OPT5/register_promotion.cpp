@@ -123,7 +123,7 @@ private:
         for (BBLK* b : blocks)
             for (BODY_ENTRY& e : b->statements) {
                 if (!e.tree) continue;
-                fold_access_offsets(e.tree, true);
+                fold_access_offsets(e.tree, [](const SYMTAB* s) { return s->global; });
                 add_tree_effects(e.tree, own, &callees);
                 bool plain = for_each_access(
                     e.tree, [](const SYMTAB* s) { return s->global; },
@@ -417,33 +417,15 @@ private:
     // changed since.
     void solve() {
         size_t n = blocks_.size();
-        ptr_map<const BBLK*, size_t> index;
-        for (size_t i = 0; i < n; ++i) index[blocks_[i]] = i;
-        // Each block as out = (in & ~killed) | stored.
-        std::vector<mask> killed(n, 0), stored(n, 0);
+        // Each block as out = (in & kept) | stored.
+        std::vector<mask> kept(n, ~mask{0}), stored(n, 0);
         for (size_t i = 0; i < n; ++i)
             for (const step& s : steps_[i]) {
-                killed[i] |= s.before | s.after;
+                kept[i] &= ~(s.before | s.after);
                 stored[i] &= ~(s.before | s.after);
                 if (s.stores >= 0) stored[i] |= mask{1} << s.stores;
             }
-        in_.assign(n, 0);
-        std::vector<mask> out(n, ~mask{0});
-        for (bool changed = true; changed;) {
-            changed = false;
-            for (size_t i = 0; i < n; ++i) {
-                BBLK* b = blocks_[i];
-                mask in = i == 0 || !b->predecessors ? 0 : ~mask{0};
-                for (EDGE* p = b->predecessors; p && i != 0; p = p->rest) {
-                    const size_t* at = index.find(p->bb);
-                    in &= at ? out[*at] : 0;
-                }
-                mask o = (in & ~killed[i]) | stored[i];
-                if (o != out[i]) changed = true;
-                in_[i] = in;
-                out[i] = o;
-            }
-        }
+        in_ = solve_block_masks(blocks_, true, true, 0, kept, stored).meet;
     }
 
     int rewrite() {
@@ -495,8 +477,6 @@ private:
     int remove_dead_stores() {
         describe_all();
         size_t n = blocks_.size();
-        ptr_map<const BBLK*, size_t> index;
-        for (size_t i = 0; i < n; ++i) index[blocks_[i]] = i;
         // Each block as in = (out & kept) | overwritten.
         std::vector<mask> kept(n, ~mask{0}), overwritten(n, 0);
         for (size_t i = 0; i < n; ++i)
@@ -508,21 +488,7 @@ private:
         mask locals = 0;  // dead once the function ends
         for (size_t k = 0; k < scalars_.size(); ++k)
             if (!scalars_[k].object->global) locals |= mask{1} << k;
-        std::vector<mask> in(n, ~mask{0}), out(n, 0);
-        for (bool changed = true; changed;) {
-            changed = false;
-            for (size_t i = n; i-- > 0;) {
-                mask o = blocks_[i]->successors ? ~mask{0} : locals;
-                for (EDGE* e = blocks_[i]->successors; e; e = e->rest) {
-                    const size_t* at = index.find(e->bb);
-                    o &= at ? in[*at] : 0;
-                }
-                mask x = (o & kept[i]) | overwritten[i];
-                if (x != in[i]) changed = true;
-                in[i] = x;
-                out[i] = o;
-            }
-        }
+        std::vector<mask> out = solve_block_masks(blocks_, false, true, locals, kept, overwritten).meet;
         int removed = 0;
         for (size_t i = 0; i < n; ++i) {
             mask dead = out[i];

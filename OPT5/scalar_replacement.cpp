@@ -30,7 +30,7 @@ int explode_auto_aggregates() {
     std::vector<BBLK*> blocks = layout_blocks();
     for (BBLK* b : blocks)
         for (BODY_ENTRY& e : b->statements) {
-            fold_access_offsets(e.tree, false);
+            fold_access_offsets(e.tree, [](const SYMTAB* s) { return !s->global; });
             bool plain = for_each_local_access(e.tree, [&](const object_access& a) {
                 if (object_parts* p = locals.find(a.sym)) p->add(a);
             });

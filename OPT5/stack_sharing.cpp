@@ -115,36 +115,16 @@ private:
     // or accesses one while the other is in use across it.
     void find_conflicts() {
         size_t nb = blocks_.size();
-        ptr_map<const BBLK*, size_t> index;
-        for (size_t b = 0; b < nb; ++b) index[blocks_[b]] = b;
-        std::vector<mask> started_in(nb, 0), started_out(nb, 0), needed_in(nb, 0), needed_out(nb, 0), acc(nb, 0),
-            rd(nb, 0);
+        std::vector<mask> acc(nb, 0), rd(nb, 0), keep(nb, ~mask{0});
         for (size_t b = 0; b < nb; ++b)
             for (const stmt_use& u : uses_[b]) {
                 acc[b] |= u.accessed;
                 rd[b] |= u.read;
             }
-        for (bool changed = true; changed;) {
-            changed = false;
-            for (size_t b = 0; b < nb; ++b) {
-                mask in = 0;
-                for (EDGE* p = blocks_[b]->predecessors; p; p = p->rest)
-                    if (const size_t* i = index.find(p->bb)) in |= started_out[*i];
-                mask out = in | acc[b];
-                if (in != started_in[b] || out != started_out[b]) changed = true;
-                started_in[b] = in;
-                started_out[b] = out;
-            }
-            for (size_t b = nb; b-- > 0;) {
-                mask out = 0;
-                for (EDGE* s = blocks_[b]->successors; s; s = s->rest)
-                    if (const size_t* i = index.find(s->bb)) out |= needed_in[*i];
-                mask in = out | rd[b];
-                if (in != needed_in[b] || out != needed_out[b]) changed = true;
-                needed_in[b] = in;
-                needed_out[b] = out;
-            }
-        }
+        std::vector<mask> started_in = solve_block_masks(blocks_, true, false, 0, keep, acc).meet;
+        block_masks needed = solve_block_masks(blocks_, false, false, 0, keep, rd);
+        const std::vector<mask>& needed_in = needed.result;
+        const std::vector<mask>& needed_out = needed.meet;
         std::vector<mask> needed_after;
         for (size_t b = 0; b < nb; ++b) {
             const std::vector<stmt_use>& us = uses_[b];
