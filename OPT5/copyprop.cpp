@@ -363,23 +363,19 @@ bool combine_pair(NODE* a, NODE* b) {
     if (tree_size_up_to(a->right, MAX_COMBINED_NODES) + tree_size_up_to(b->right, MAX_COMBINED_NODES) >
         MAX_COMBINED_NODES)
         return false;
-    if (has_side_effects(a->right) || has_side_effects(b->right) || count_name(b->right, sym) != 1 ||
-        count_name(a->right, sym) != 0)
-        return false;
+    // e may read x too: the combined statement reads it before it assigns.
+    if (has_side_effects(a->right) || has_side_effects(b->right) || count_name(b->right, sym) != 1) return false;
+    // The one read of x, found before e (which may read x itself) goes in.
+    NODE** use = b->right->opcode == NAME && b->right->symbol == sym ? &b->right : nullptr;
+    if (!use)
+        walk_and_modify_tree(b->right, [&](NODE*& slot) {
+            if (slot->opcode == NAME && slot->symbol == sym) use = &slot;
+        });
     NODE* value = converted(a->right, a->left->type);
     a->right = nullptr;
-    walk_and_modify_tree(b->right, [&](NODE*& slot) {
-        if (slot->opcode == NAME && slot->symbol == sym) {
-            TYPE* t = slot->type;
-            erase_node(slot);
-            slot = converted(value, t);
-        }
-    });
-    if (b->right->opcode == NAME && b->right->symbol == sym) {
-        TYPE* t = b->right->type;
-        erase_node(b->right);
-        b->right = converted(value, t);
-    }
+    TYPE* t = (*use)->type;
+    erase_node(*use);
+    *use = converted(value, t);
     b->right = simp_tree(b->right, nullptr);
     erase_tree(a);
     return true;

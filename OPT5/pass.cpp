@@ -34,6 +34,7 @@
 #include "OPT5/scalar_replacement.h"
 #include "OPT5/ssa_dead_assignments.h"
 #include "OPT5/superblocks.h"
+#include "OPT5/symbol_merging.h"
 #include "OPT5/park.h"
 #include "OPT5/pointer_retyping.h"
 #include "OPT5/globals.h"
@@ -112,6 +113,7 @@ void explode_auto_structs() { explode_auto_aggregates(); }
 void promote_registers() { promote_vars_to_registers(true); }
 void SSA_EDA() { eliminate_dead_SSA_assignments(); }
 void late_rename_symbols() { rename_late_symbols(); }
+void merge_variables() { merge_symbols(); }
 void interprocedural_propagation() { do_interprocedural_propagation(); }
 void superblocks() { sink_partially_dead_assignments(); }
 void lcp() {
@@ -168,7 +170,7 @@ const step pass_table[] = {
     {"global CSE", false, global_CSE, 2},
     {"Pellin rotate loops", false, rotate_loops_step, 2},
     {"late rename symbols", false, late_rename_symbols, 2},
-    {"merge symbols", false, no_action, NEVER},
+    {"merge symbols", false, merge_variables, 2},
     {"DD restructuring", false, DD_restructuring, 2},
     {"expand cluster refs", false, no_action, NEVER},
     {"CSU returning temp", false, no_action, NEVER},

@@ -12,6 +12,7 @@
 namespace {
 
 constexpr int REGISTER_PROMOTION = 23;
+constexpr int MERGE_SYMBOLS = 36;
 
 class Promotion : public CProgramTest {
 protected:
@@ -234,6 +235,33 @@ int main(void) {
     std::string listed = kept(text, 12) + kept(text, 21);
     for (const char* name : {"'aliased'", "'peeked'", "'indexed'", "'ticks'", "'seen'"})
         EXPECT_EQ(listed.find(name), std::string::npos) << name << " in " << text;
+}
+
+// Each loop of a nest keeps the global in a temporary of its own, copied
+// from the one around it before the loop and back after it: "merge
+// symbols" makes them one variable, and the copies, run once per outer
+// iteration, go.
+TEST_F(Promotion, NestedLoopsTemporariesBecomeOne) {
+    compile(R"(#include <stdio.h>
+static unsigned crc = 0xFFFF;
+int n = 12;
+int main(void) {
+    for (int i = 0; i < n; i++)
+        for (int j = 0; j < n; j++) {
+            for (int k = 0; k < 3; k++) crc = (crc >> 1) ^ (unsigned)(i * j + k);
+            crc += (unsigned)j;
+        }
+    printf("%u\n", crc);
+    return 0;
+}
+)");
+    IFRUN_RESULT reference = expect_same_at_every_level();
+    IFRUN_RESULT merged = run("-o2");
+    IFRUN_RESULT copied = run_without_step(MERGE_SYMBOLS, reference);
+    // Two copies per run of the innermost loop.
+    EXPECT_LE(merged.operations + 2 * 12 * 12, copied.operations) << merged.operations << " " << copied.operations;
+    std::string text = info();
+    EXPECT_NE(text.find("copies removed by merging the variables they join"), std::string::npos) << text;
 }
 
 }  // namespace

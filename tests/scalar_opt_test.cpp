@@ -3,6 +3,7 @@
 // comments) and the function's results on sample arguments are checked.
 #include <gtest/gtest.h>
 
+#include <cctype>
 #include <string>
 
 #include "ifrun_oracle.h"
@@ -431,6 +432,65 @@ TEST_F(ScalarOpt, NeighbouringElementOperationsBecomeOneDualOperation) {
     // Without the ILP step nothing is joined.
     optimize(f, {"-o2", "--disable=ilp"});
     for (const std::string& s : statements()) EXPECT_EQ(s.find("PCONV"), std::string::npos) << s;
+}
+
+// x = e; x = f(x) is one statement x = f(e) also when e reads x: each
+// round of the hash is one assignment.
+TEST_F(ScalarOpt, AssignmentsThatReadTheirOwnVariableCombine) {
+    MiniFunction f{"f", {"a", "b"}, {"h", "i"}};
+    f.body = {"(= h a)", "(= i 0)", "L1:", "(= h (+ (* h 33) i))", "(= h (^ (* h 33) b))", "(+= i 1)",
+              "(if (< i b) 1)", "(ret h)"};
+    optimize(f);
+    int assignments = 0;
+    for (const std::string& s : statements())
+        if (s.rfind("(h = ", 0) == 0) ++assignments;
+    EXPECT_EQ(assignments, 2) << output;  // h = a before the loop, one in it
+    same_meaning(samples);
+}
+
+// "merge symbols" alone: temporaries joined by copies take one name and the
+// copies go, while copies whose sides are both needed at once, or that
+// join two variables of the source, stay.
+constexpr const char* MERGE_SYMBOLS_ONLY = "--forced_passes=36";
+
+bool is_plain_copy(const std::string& s) {
+    // "(x = y)" with two names.
+    if (s.size() < 7 || s.front() != '(' || s.back() != ')') return false;
+    size_t eq = s.find(" = ");
+    if (eq == std::string::npos || !std::isalpha(static_cast<unsigned char>(s[eq + 3]))) return false;
+    for (const std::string& side : {s.substr(1, eq - 1), s.substr(eq + 3, s.size() - eq - 4)})
+        for (char c : side)
+            if (!std::isalnum(static_cast<unsigned char>(c)) && c != '.' && c != '_') return false;
+    return true;
+}
+
+TEST_F(ScalarOpt, CopiedTemporariesBecomeOneVariable) {
+    MiniFunction f{"f", {"a", "b"}, {"i", "s", "t.1", "t.2", "t.3"}};
+    f.body = {"(= i 0)", "(= s b)", "(= t.1 a)", "L1:", "(= t.2 t.1)", "(= t.3 (+ t.2 i))", "(= t.1 t.3)",
+              "(+= s t.1)", "(+= i 1)", "(if (< i 10) 1)", "(ret (^ s t.1))"};
+    optimize(f, {"-o2", MERGE_SYMBOLS_ONLY});
+    // All three temporaries and the argument they start from are one; s
+    // and b are both variables of the source.
+    for (const std::string& s : statements()) {
+        EXPECT_TRUE(!is_plain_copy(s) || s == "(s = b)") << s << "\n" << output;
+        EXPECT_EQ(s.find("t."), std::string::npos) << s;
+    }
+    same_meaning(samples);
+}
+
+TEST_F(ScalarOpt, CopiesWhoseSidesAreNeededTogetherStay) {
+    // t.2 copies t.1, which a statement then sets while reading t.2; y and
+    // z are variables of the source; t.3 copies b, which changes while t.3
+    // is still to be read.
+    MiniFunction f{"f", {"a", "b"}, {"s", "y", "z", "t.1", "t.2", "t.3"}};
+    f.body = {"(= t.1 (* a 3))", "(= t.2 t.1)", "(= s (+ (= t.1 b) t.2))", "(= t.3 b)", "(+= b 5)",
+              "(= y (* s 7))", "(= z y)", "(ret (+ (+ (+ s t.1) (* t.3 b)) (* z 9)))"};
+    optimize(f, {"-o2", MERGE_SYMBOLS_ONLY});
+    std::vector<std::string> copies;
+    for (const std::string& s : statements())
+        if (is_plain_copy(s)) copies.push_back(s);
+    EXPECT_EQ(copies, (std::vector<std::string>{"(t.2 = t.1)", "(t.3 = b)", "(z = y)"})) << output;
+    same_meaning(samples);
 }
 
 // Every single-bit change of a unit the optimizing steps work hard on: the
