@@ -199,11 +199,11 @@ void renumber_bblocks() {
     }
     if (fi->bb_list) fi->bb_list->prev = last;
     fi->bb_count = n;
-    unsigned flags = fi->flags();
-    if (all_have_successors && (flags & FUN_EDGES_PENDING) && !(flags & FUN_EDGES_COMPLETE)) {
-        fi->set_flags(FUN_EDGES_COMPLETE);
-        fi->clear_flags(FUN_EDGES_PENDING);
-    }
+    if (all_have_successors)
+        fi->update_flags([](unsigned flags) {
+            if (!(flags & FUN_EDGES_PENDING) || (flags & FUN_EDGES_COMPLETE)) return flags;
+            return (flags | FUN_EDGES_COMPLETE) & ~FUN_EDGES_PENDING;
+        });
 }
 
 void subst_bb_for_bb_in_bb(BBLK* replacement, BBLK* old, BBLK* bb) {

@@ -605,20 +605,22 @@ void elim_dead_assigns(bool delay, bool promote) {
     for (auto it = blocks.rbegin(); it != blocks.rend(); ++it) {
         BBLK* b = *it;
         live->clear_all();
-        for (EDGE* e = b->successors; e; e = e->rest) {
-            if (!e->bb->live_in) {
+        // What is live where control may go next; at a loop's head also
+        // what is live where it may leave the loop.
+        auto merge = [&](const BBLK* to) {
+            if (!to->live_in) {
                 live->set_all();
-                continue;
+                return;
             }
-            if (e->bb->live_in->size() > live->size()) {
-                std::fprintf(stderr, "Vector size mismatch:merge\n");
-                live->resize(e->bb->live_in->size());
+            if (to->live_in->size() > live->size()) {
+                if (debugging()) DBG_CHECK(std::fputs("Vector size mismatch:merge\n", FDEBUG));
+                live->resize(to->live_in->size());
             }
-            live->union_with(*e->bb->live_in);
-        }
+            live->union_with(*to->live_in);
+        };
+        for (EDGE* e = b->successors; e; e = e->rest) merge(e->bb);
         if (b->loop && b->loop->head == b)
-            for (EDGE* x = b->loop->exits; x; x = x->rest)
-                if (x->bb->live_in && x->bb->live_in->size() <= live->size()) live->union_with(*x->bb->live_in);
+            for (EDGE* x = b->loop->exits; x; x = x->rest) merge(x->bb);
         for (size_t k = b->statements.size(); k-- > 0;) {
             NODE* t = b->statements[k].tree;
             int x = t && t->opcode == ASG ? tracked(t->left) : -1;

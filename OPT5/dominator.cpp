@@ -1,5 +1,7 @@
 #include "OPT5/dominator.h"
 
+#include "OPT5/copyprop.h"
+
 #include <cstdio>
 
 #include "OPT5/abort.h"
@@ -13,10 +15,10 @@ const char THIS_MODULE[] = "OPT5/dominator";
 Dominator::Dominator() { builder(); }
 
 Dominator* compute_dominators(bool with_liveness) {
-    (void)with_liveness;  // the live-variable analysis comes with copy propagation
     FUNINFO* fi = currfuninfo;
     if (!fi->dominator) fi->dominator = new Dominator;
     else fi->dominator->builder();
+    if (with_liveness) find_live_variables(true, true);
     return fi->dominator;
 }
 

@@ -101,6 +101,12 @@ struct FUNINFO {
         std::lock_guard<std::mutex> lock(flags_mutex_);
         flags_ &= ~bits;
     }
+    // Reads and changes the word under one acquisition: f returns the new word.
+    template <class F>
+    void update_flags(F&& f) {
+        std::lock_guard<std::mutex> lock(flags_mutex_);
+        flags_ = f(flags_);
+    }
 
 private:
     std::mutex flags_mutex_;

@@ -151,7 +151,9 @@ void NODE::mk_field(int kind, fkMDATA* member, TYPE* csu) {
 }
 
 void NODE::mk_icon(int v) {
-    bool is_signed = !type || type->is_signed() || !type->is_integral();
+    // Signed types, and those that are no integer but a pointer, extend
+    // the sign; pointers and unsigned types are zero-extended.
+    bool is_signed = !type || type->is_signed() || (!type->is_integral() && !is_pointer_type(type));
     value = is_signed ? INT65(v) : INT65(static_cast<unsigned>(v));
 }
 

@@ -39,6 +39,12 @@ TYPE* integer_view(TYPE* type) {
     return nullptr;
 }
 
+bool is_integer_type(TYPE* type) {
+    if (!type) return false;
+    TYPE::KIND k = type->stripped()->kind;
+    return k == TYPE::INT_T || k == TYPE::ENUM_T;
+}
+
 unsigned int_width(TYPE* type) {
     TYPE* t = integer_view(type);
     return t ? static_cast<unsigned>(t->size) : 0;
@@ -106,8 +112,8 @@ bool is_unsigned_relop(int op) { return op >= ULE && op <= UGT; }
 }  // namespace
 
 INT65 truncate_to_type(INT65 v, TYPE* type) {
-    TYPE* t = type ? type->stripped() : nullptr;
-    if (!t) return v;
+    if (!type) optassert("TYPE_IS_INT(type)", THIS_MODULE, __LINE__);
+    TYPE* t = type->stripped();
     bool second_category = t->kind == TYPE::ENUM_T;
     TYPE* it = integer_view(t);
     if (!it) optassert("TYPE_IS_INT(type)", THIS_MODULE, __LINE__);
@@ -220,7 +226,8 @@ INT65 zeros_above(TYPE* type) {
 }  // namespace
 
 INT65 find_known_ones(const NODE* tree, TYPE* type) {
-    if (!tree || !integer_view(type) || !integer_view(tree->type)) return INT65(0);
+    // Integers only: a pointer's bits are not known, whatever it points to.
+    if (!tree || !is_integer_type(type) || !is_integer_type(tree->type)) return INT65(0);
     const NODE* l = tree->left;
     const NODE* r = tree->right;
     INT65 m(0);

@@ -106,6 +106,8 @@ bool cancel_common_simple_factors(NODE*& a, NODE*& b);
 TYPE* integer_view(TYPE* type);
 // Whether the type is a pointer (false for null).
 bool is_pointer_type(TYPE* type);
+// Whether the type is an integer or an enumeration (false for null).
+bool is_integer_type(TYPE* type);
 unsigned int_width(TYPE* type);
 // True when evaluating the tree can change state or trap.
 bool has_side_effects(const NODE* tree);

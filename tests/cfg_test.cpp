@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include "BITVEC/bitvec.h"
 #include "OPT5/bbutils.h"
 #include "OPT5/ddbloop.h"
 #include "OPT5/dominator.h"
@@ -92,6 +93,46 @@ TEST_F(Cfg, BlocksEdgesAndDominatorsOfADiamond) {
     b1->successors = add_edge(d->DFSblock(4), b1->successors);
     EXPECT_TRUE(d->dirty);
     EXPECT_EQ(d->immediate_dominator(4), 1);  // rebuilt on the query
+}
+
+// Numbering the blocks of a graph whose successor lists are all there
+// marks its edges complete, once: a mark set already stays as it is.
+TEST_F(Cfg, NumberingCompletesPendingEdges) {
+    set(i, 0);
+    cbranch(cmp(LT, i, 1), 1);
+    set(i, 2);
+    label(1);
+    ret();
+    buildcfg();
+    fi.set_flags(FUN_EDGES_PENDING);
+    renumber_bblocks();
+    EXPECT_EQ(fi.flags() & (FUN_EDGES_PENDING | FUN_EDGES_COMPLETE), unsigned{FUN_EDGES_COMPLETE});
+    fi.set_flags(FUN_EDGES_PENDING);
+    renumber_bblocks();
+    EXPECT_EQ(fi.flags() & (FUN_EDGES_PENDING | FUN_EDGES_COMPLETE), unsigned{FUN_EDGES_PENDING | FUN_EDGES_COMPLETE});
+}
+
+// Dominators asked for with liveness come with each block's live-in set.
+TEST_F(Cfg, DominatorsWithLivenessKnowWhatIsLiveOnEntry) {
+    BODY_ENTRY decl;
+    decl.kind = BODY_ENTRY::SYMBOL;
+    decl.sym = &i;
+    i.type = i16;
+    fi.body.push_back(decl);
+    cbranch(cmp(LT, i, 1), 1);  // reads i before anything sets it
+    set(i, 2);
+    label(1);
+    stmt(mktree(URETURN, i16, name(i)));
+    buildcfg();
+    Dominator* d = compute_dominators(true);
+    auto live = [&](int dfn) {
+        const BITVEC* v = d->DFSblock(dfn)->live_in;
+        return v && v->any();
+    };
+    EXPECT_TRUE(live(1));
+    EXPECT_FALSE(live(2));  // sets i first
+    EXPECT_TRUE(live(3));
+    free_liveness(&fi);
 }
 
 TEST_F(Cfg, SortKeepsTheHeadCellAndEqualOrder) {

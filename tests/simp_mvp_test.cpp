@@ -64,6 +64,7 @@ TEST_F(Simp, WidthRules) {
     EXPECT_FALSE(shift_count_is_legal_and_nontrivial_for_type(INT65(0), u32));
     EXPECT_FALSE(shift_count_is_legal_and_nontrivial_for_type(INT65(32), u32));
     EXPECT_EXIT(truncate_to_type(INT65(1), type_pkg->mk_fltpt(TYPE::FK_FLOAT)), ::testing::ExitedWithCode(1), "");
+    EXPECT_EXIT(truncate_to_type(INT65(1), nullptr), ::testing::ExitedWithCode(1), "");
 }
 
 TEST_F(Simp, KnownBits) {
@@ -81,6 +82,15 @@ TEST_F(Simp, KnownBits) {
     NODE* lt = mktree(LT, i16, name(x), name(y));
     EXPECT_EQ(find_known_zeros(lt, i16) & INT65(0xFFFE), INT65(0xFFFE));
     EXPECT_EQ(find_known_ones(k(5), type_pkg->mk_fltpt(TYPE::FK_FLOAT)), INT65(0));
+    // Nor has a pointer, not even a constant one, nor an integer taken
+    // from a pointer.
+    TYPE* p16 = type_pkg->mk_ptr(i16);
+    NODE* address = mk_ICON(INT65(0x8001), p16);
+    EXPECT_EQ(find_known_ones(address, p16), INT65(0));
+    NODE* taken = mktree(SCONV, u32, mktree(ORB, p16, name(x), mk_ICON(INT65(1), p16)));
+    EXPECT_EQ(find_known_ones(taken, u32), INT65(0));
+    erase_tree(address);
+    erase_tree(taken);
     for (NODE* t : {orb, andb, both, shifted, lt}) erase_tree(t);
     EXPECT_EQ(find_known_ones_in_range(INT65(12), INT65(15)), INT65(12));
     EXPECT_EQ(find_known_zeros_in_range(INT65(0), INT65(7)) & INT65(0xFF), INT65(0xF8));

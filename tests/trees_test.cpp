@@ -168,6 +168,10 @@ TEST_F(Trees, PayloadSetters) {
     NODE* u = new_node(ICON, u16);
     u->mk_icon(-1);
     EXPECT_EQ(u->value, INT65(0xFFFFFFFFu));
+    // A pointer is unsigned: the constant the I-file gives for it too.
+    NODE* p = new_node(ICON, pkg.mk_ptr(i16));
+    p->mk_icon(static_cast<int>(0x80000000u));
+    EXPECT_EQ(p->value, INT65(0x80000000u));
     NODE* l = new_node(LCON, i16);
     l->mk_lcon("65537");
     EXPECT_EQ(l->opcode, ICON);
@@ -175,7 +179,7 @@ TEST_F(Trees, PayloadSetters) {
     NODE* big = mk_ICON(INT65(0x100000000LL), pkg.mk_int(TYPE::IK_LLONG, true));
     EXPECT_EXIT(big->icon_uvalue(), ::testing::ExitedWithCode(1), "terminated abnormally");
     EXPECT_EXIT(mk_integer_constant(INT65(1), pkg.mk_ptr(i16)), ::testing::ExitedWithCode(1), "terminated abnormally");
-    for (NODE* n : {s, u, l, big}) erase_node(n);
+    for (NODE* n : {s, u, p, l, big}) erase_node(n);
 }
 
 TEST_F(Trees, CopyIfChangedKeepsTheOldTree) {
