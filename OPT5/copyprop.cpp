@@ -98,11 +98,6 @@ void step_back(BITVEC& live, const NODE* stmt) {
     for (int u : uses) live.set(static_cast<size_t>(u));
 }
 
-int count_name(const NODE* t, const SYMTAB* sym) {
-    if (!t) return 0;
-    if (t->opcode == LABEL || t->opcode == FIELD) return 0;
-    return (t->opcode == NAME && t->symbol == sym ? 1 : 0) + count_name(t->left, sym) + count_name(t->right, sym);
-}
 
 
 // Statements that only compute a value: when it has no effect they go.
@@ -248,6 +243,23 @@ bool names_matching(const NODE* tree, P matches) {
 }
 }  // namespace
 
+int count_name(const NODE* t, const SYMTAB* sym) {
+    int n = 0;
+    for_each_node(t, [&](const NODE* x) { n += x->opcode == NAME && x->symbol == sym; });
+    return n;
+}
+
+NODE** single_name_slot(NODE*& tree, const SYMTAB* sym) {
+    NODE** found = nullptr;
+    int n = 0;
+    auto note = [&](NODE*& slot) {
+        if (slot->opcode == NAME && slot->symbol == sym && ++n == 1) found = &slot;
+    };
+    note(tree);
+    walk_and_modify_tree(tree, note);
+    return n == 1 ? found : nullptr;
+}
+
 bool sym_appears_in_tree(const SYMTAB* sym, const NODE* tree) {
     return names_matching(tree, [&](const SYMTAB* s) { return s == sym; });
 }
@@ -363,14 +375,11 @@ bool combine_pair(NODE* a, NODE* b) {
     if (tree_size_up_to(a->right, MAX_COMBINED_NODES) + tree_size_up_to(b->right, MAX_COMBINED_NODES) >
         MAX_COMBINED_NODES)
         return false;
-    // e may read x too: the combined statement reads it before it assigns.
-    if (has_side_effects(a->right) || has_side_effects(b->right) || count_name(b->right, sym) != 1) return false;
-    // The one read of x, found before e (which may read x itself) goes in.
-    NODE** use = b->right->opcode == NAME && b->right->symbol == sym ? &b->right : nullptr;
-    if (!use)
-        walk_and_modify_tree(b->right, [&](NODE*& slot) {
-            if (slot->opcode == NAME && slot->symbol == sym) use = &slot;
-        });
+    // e may read x too: the combined statement reads it before it assigns,
+    // and the one read of x is found before e goes in.
+    if (has_side_effects(a->right) || has_side_effects(b->right)) return false;
+    NODE** use = single_name_slot(b->right, sym);
+    if (!use) return false;
     NODE* value = converted(a->right, a->left->type);
     a->right = nullptr;
     TYPE* t = (*use)->type;

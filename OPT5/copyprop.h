@@ -49,6 +49,12 @@ NODE* converted(NODE* value, TYPE* type);
 // The side effects of a tree (null when it has none); the rest is freed.
 NODE* peel_for_effect(NODE* tree);
 bool sym_appears_in_tree(const SYMTAB* sym, const NODE* tree);
+// How many NAME nodes of the tree name the symbol.
+int count_name(const NODE* t, const SYMTAB* sym);
+// The operand slot of the tree's one NAME of the symbol (the tree itself
+// when it is that NAME); null when it names the symbol never or more than
+// once.
+NODE** single_name_slot(NODE*& tree, const SYMTAB* sym);
 bool sym_appears_in_bb(const SYMTAB* sym, const BBLK* bb);
 
 // The current function's own symbols (arguments first), each with whether

@@ -74,13 +74,6 @@ writes writes_of(const NODE* t) {
     return w;
 }
 
-// How many times the tree names the variable.
-int count_name(const NODE* t, const SYMTAB* v) {
-    int c = 0;
-    for_each_node(t, [&](const NODE* n) { c += n->opcode == NAME && n->symbol == v; });
-    return c;
-}
-
 bool shares(const std::vector<const SYMTAB*>& a, const std::vector<const SYMTAB*>& b) {
     for (const SYMTAB* x : a)
         if (std::find(b.begin(), b.end(), x) != b.end()) return true;
@@ -90,15 +83,10 @@ bool shares(const std::vector<const SYMTAB*>& a, const std::vector<const SYMTAB*
 // The only place in the statement where it reads `v` as a value; null when
 // it reads it otherwise or more than once.
 NODE** single_read(NODE*& t, const SYMTAB* v) {
-    if (count_name(t, v) != 1) return nullptr;
     if (t->opcode != CALL && t->left && t->left->opcode == NAME && t->left->symbol == v &&
         (side_effects[t->opcode] == 1))
         return nullptr;  // it assigns v
-    NODE** found = nullptr;
-    walk_and_modify_tree(t, [&](NODE*& n) {
-        if (n->opcode == NAME && n->symbol == v) found = &n;
-    });
-    return found;
+    return single_name_slot(t, v);
 }
 
 class substituter {

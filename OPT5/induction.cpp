@@ -50,15 +50,6 @@ void walk_slots(NODE* stmt, F&& f) {
     }
 }
 
-int count_names(NODE* stmt, const SYMTAB* sym) {
-    int n = stmt->opcode == NAME && stmt->symbol == sym;
-    walk_slots(stmt, [&](NODE** s) {
-        if ((*s)->opcode == NAME && (*s)->symbol == sym) ++n;
-        return true;
-    });
-    return n;
-}
-
 // The loop under work: what it assigns, and one of its counters.
 struct counter_view {
     struct LOOP* loop;
@@ -359,7 +350,7 @@ bool loop_reducer::replace_test(counter_view& view, const std::vector<reduced>& 
     int refs = 0;
     for (EDGE* e = loop_->contents; e; e = e->rest)
         for (BODY_ENTRY& s : e->bb->statements)
-            if (s.tree) refs += count_names(s.tree, view.iv);
+            if (s.tree) refs += count_name(s.tree, view.iv);
     if (refs != static_cast<int>(steps.size()) + 1) return false;  // the steps and the test
     if (!*live_) {  // liveness is worked out once, for the first test that needs it
         find_live_variables(true, false);
@@ -489,7 +480,7 @@ int fold_post_increments() {
             }
             BODY_ENTRY& use_entry = ub->statements[i - 1];
             NODE* use = use_entry.tree;
-            if (count_names(use, p) != 1) continue;
+            if (count_name(use, p) != 1) continue;
             // The access must run whenever the statement does: not under
             // && , || or ?: .
             NODE** at = nullptr;
