@@ -156,6 +156,14 @@ public:
     void if_write_symbol(I_SYMTAB* sym);
     void if_write_init(I_SYMTAB* sym, const std::vector<BASE_NODE*>& trees, IF_CLIENT* nodes);
     void if_write_func_eht(const std::vector<EHT_ENTRY>& entries);
+    // Loop and dependence records, the inverse of what the reader hands its
+    // client (cl_loop_def, cl_loop_header, cl_dd_vector, cl_dd_edge,
+    // cl_mbank).  A loop header without a control variable passes null.
+    void if_write_loop(const unsigned values[5], unsigned flags);
+    void if_write_inloop(unsigned loop, I_SYMTAB* control_variable, unsigned flags);
+    void if_write_dep_vector(const std::vector<long long>& values);
+    void if_write_dep_edge(unsigned a, unsigned b, unsigned c);
+    void if_write_mbank(const unsigned values[5]);
     void if_write_source(const char* text);
     void if_write_expr(BASE_NODE* tree, PSN* pos, IF_CLIENT* nodes);  // statement record and its tree
     void if_write_tree(BASE_NODE* tree, IF_CLIENT* nodes);            // the tree alone

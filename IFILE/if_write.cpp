@@ -188,6 +188,44 @@ void I_FILE::if_write_symbol(I_SYMTAB* sym) {
     for (const PRAGMA& p : sym->x().pragmas) if_write_pragma(&p);
 }
 
+void I_FILE::if_write_loop(const unsigned values[5], unsigned flags) {
+    for (int i = 0; i < 5; ++i) w_uint(values[i]);
+    w_u16(flags & 0xFFFF);
+    i_flush(IR_LOOP);
+}
+
+void I_FILE::if_write_inloop(unsigned loop, I_SYMTAB* control_variable, unsigned flags) {
+    w_uint(loop);
+    // A symbol the tables do not hold is written as none.
+    if (control_variable && control_variable->index != I_SYMTAB::NO_INDEX) {
+        w_sint(control_variable->global ? 0 : 1);
+        w_sint(control_variable->index);
+    } else {
+        w_sint(-1);
+        w_sint(0);
+    }
+    w_u8(flags & 0xFF);
+    i_flush(IR_LOOP_HEADER);
+}
+
+void I_FILE::if_write_dep_vector(const std::vector<long long>& values) {
+    w_uint(values.size());
+    for (long long v : values) w_sint(v);
+    i_flush(IR_DD_VECTOR);
+}
+
+void I_FILE::if_write_dep_edge(unsigned a, unsigned b, unsigned c) {
+    w_uint(a);
+    w_uint(b);
+    w_uint(c);
+    i_flush(IR_DD_EDGE);
+}
+
+void I_FILE::if_write_mbank(const unsigned values[5]) {
+    for (int i = 0; i < 5; ++i) w_uint(values[i]);
+    i_flush(IR_MBANK);
+}
+
 void I_FILE::if_write_func_eht(const std::vector<EHT_ENTRY>& entries) {
     w_uint(entries.size());
     for (const EHT_ENTRY& e : entries) {

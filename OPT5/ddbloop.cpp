@@ -356,6 +356,57 @@ NODE* latch_jump(const struct LOOP* loop) {
     return nullptr;
 }
 
+namespace {
+// Whether every change of `var` in the loop, at a statement's root or
+// inside it, adds a constant of one sign (`v++`, `*PLUSPLUS(v, 2)`,
+// `v -= 1`, `v = v + 4`); and at least one does.
+bool stepped_one_way(const struct LOOP* loop, const SYMTAB* var) {
+    int sign = 0;
+    bool ok = true;
+    for (EDGE* e = loop->contents; e && ok; e = e->rest)
+        for (const BODY_ENTRY& s : e->bb->statements)
+            for_each_node(s.tree, [&](const NODE* n) {
+                if (!ok || !is_assignment(n->opcode) || !n->left || n->left->opcode != NAME || n->left->symbol != var)
+                    return;
+                bool is_step = false;
+                INT65 step;
+                assigned_var(n, is_step, step);
+                int now = !is_step || step.is_zero() ? 0 : step.is_negative() ? -1 : 1;
+                if (now == 0 || (sign != 0 && now != sign)) ok = false;
+                sign = now;
+            });
+    return ok && sign != 0;
+}
+
+// Whether the loop changes nothing a value reads: a constant, or a private
+// variable the loop never assigns.
+bool invariant_operand(const struct LOOP* loop, const NODE* n) {
+    if (n->opcode == ICON) return true;
+    if (n->opcode != NAME || !is_private_variable(n->symbol, currfuninfo->address_taken)) return false;
+    bool assigned = false;
+    for (EDGE* e = loop->contents; e && !assigned; e = e->rest)
+        for (const BODY_ENTRY& s : e->bb->statements)
+            for_each_node(s.tree, [&](const NODE* m) {
+                if (is_assignment(m->opcode) && m->left && m->left->opcode == NAME && m->left->symbol == n->symbol)
+                    assigned = true;
+            });
+    return !assigned;
+}
+
+// The variable of an exit test `v op bound` (either side) that the loop
+// steps one way and compares with what the loop does not change.
+const void* stepped_against_invariant(const struct LOOP* loop, const NODE* test) {
+    if (test->opcode < EQ || test->opcode > UGT) return nullptr;
+    for (const NODE* side : {test->left, test->right}) {
+        const NODE* other = side == test->left ? test->right : test->left;
+        if (side->opcode == NAME && is_private_variable(side->symbol, currfuninfo->address_taken) &&
+            invariant_operand(loop, other) && stepped_one_way(loop, side->symbol))
+            return side->symbol;
+    }
+    return nullptr;
+}
+}  // namespace
+
 void find_loop_LCV(struct LOOP* loop) {
     // The exit test: a conditional jump at the latch back to the header
     // (the loop goes on while the test holds), or at the header out of the
@@ -376,11 +427,14 @@ void find_loop_LCV(struct LOOP* loop) {
         if (exits) test = {head->left, false};
     }
     const NODE* c = test.cond;
-    if (!c || !c->left || !c->right || c->left->opcode != NAME || c->right->opcode != ICON) return;
+    if (!c || !c->left || !c->right) return;
     const LOOPIV* iv = nullptr;
     for (const LOOPIV& v : loop->ivs)
-        if (v.var == c->left->symbol) iv = &v;
-    if (!iv) return;
+        if (c->left->opcode == NAME && v.var == c->left->symbol) iv = &v;
+    if (!iv || c->right->opcode != ICON) {
+        loop->LCV = stepped_against_invariant(loop, c);
+        return;
+    }
     loop->LCV = iv->var;
 
     INT65 init;

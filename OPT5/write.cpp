@@ -7,6 +7,7 @@
 #include "OPT5/abort.h"
 #include "OPT5/bbutils.h"
 #include "OPT5/cmdline.h"
+#include "OPT5/ddbloop.h"
 #include "OPT5/funinfo.h"
 #include "OPT5/globals.h"
 #include "OPT5/node.h"
@@ -219,9 +220,23 @@ struct jump_targets {
     bool contains(int label) const { return std::binary_search(labels.begin(), labels.end(), label); }
 };
 
+// The loop-header record in front of a loop's first block: its number,
+// its control variable when it has one, and its flags byte.
+void write_loop_icode(struct LOOP* loop) {
+    auto* lcv = static_cast<SYMTAB*>(const_cast<void*>(loop->LCV));
+    o_file->if_write_inloop(loop->uid, lcv, loop->flag_byte);
+    if (!print_debug || !FDEBUG) return;
+    DBG_CHECK(std::fprintf(FDEBUG, "%c  I_INLOOP  ^%d  (level %d)  flags: 0x%02x", '^', loop->uid, loop->level,
+                           static_cast<unsigned>(loop->flag_byte)));
+    if (lcv) DBG_CHECK(std::fprintf(FDEBUG, ", LCV: %s", lcv->name.c_str()));
+    DBG_CHECK(std::fprintf(FDEBUG, "\n"));
+}
+
 // The statements of every block in layout order, each block that some jump
-// names beginning with its label.
+// names beginning with its label, each loop's header block preceded by the
+// loop's record.
 void wrbblocks() {
+    build_loop_hierarchy(false, false, false, 0);
     jump_targets targets;
     for (BBLK* b : layout_blocks())
         for (BODY_ENTRY& e : b->statements) targets.add(e.tree);
@@ -235,6 +250,7 @@ void wrbblocks() {
             for (EDGE* e = b->successors; e; e = e->rest) DBG_CHECK(std::fprintf(FDEBUG, " %d", e->bb->dfn));
             DBG_CHECK(std::fprintf(FDEBUG, "\n\tLOOP DEPTH = %d\n", b->loop ? b->loop->level : 0));
         }
+        if (b->loop && b->loop->head == b) write_loop_icode(b->loop);
         if (targets.contains(b->label)) o_file->if_write_label(static_cast<unsigned>(b->label));
         for (BODY_ENTRY& e : b->statements) wrexpr(e);
     }

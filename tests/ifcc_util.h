@@ -81,6 +81,9 @@ protected:
         return it == r.per_opcode.end() ? 0 : it->second;
     }
 
+    // The unit the last optimizing run wrote.
+    fs::path last_optimized() const { return dir.path / ("p" + std::to_string(optimized_) + ".if"); }
+
 private:
     int optimized_ = 0;
 };

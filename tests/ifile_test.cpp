@@ -260,4 +260,47 @@ source S:"NO_FILE"
     EXPECT_EQ(bytes.substr(header_size, 3), std::string("\x04\x01\x00", 3));
 }
 
+// The loop and dependence records come back through the reader's callbacks
+// as they were written; a loop's control variable that no table holds is
+// written as none.
+TEST_F(IFile, LoopAndDependenceRecordsReadBackAsWritten) {
+    fs::path out = dir.path / "l.if";
+    FILE* o = std::fopen(out.c_str(), "wb");
+    I_FILE* w = I_FILE::if_create(o, type_pkg, "l.c");
+    SYMTAB counter, unlisted;
+    counter.name = "n";
+    counter.type = type_pkg->mk_int(TYPE::IK_INT, true);
+    counter.size = 16;
+    unlisted.name = "t";
+    w->if_enter_global(&counter);
+    const unsigned five[5] = {1, 2, 300, 4, 70000};
+    w->if_write_loop(five, 0x8020);
+    w->if_write_inloop(7, &counter, 0xe0);
+    w->if_write_inloop(8, &unlisted, 0x08);
+    w->if_write_inloop(9, nullptr, 0x1ff);
+    w->if_write_dep_vector({-1, 0, 5, -70000, 4000000000LL});
+    w->if_write_dep_vector({});
+    w->if_write_dep_edge(3, 4, 1);
+    w->if_write_mbank(five);
+    EXPECT_EQ(w->if_close(false), 0);
+    delete w;
+
+    in = std::fopen(out.c_str(), "rb");
+    std::unique_ptr<I_FILE> f(I_FILE::if_open(in, &client));
+    ASSERT_NE(f, nullptr);
+    f->if_read_file();
+    EXPECT_EQ(client.events, (std::vector<std::string>{
+                                 "source l.c",
+                                 "symbol n pragmas 0",
+                                 "loop 1 2 300 4 70000 flags 32800",
+                                 "loop_header 7 n flags 224",
+                                 "loop_header 8 - flags 8",
+                                 "loop_header 9 - flags 255",
+                                 "dd_vector -1 0 5 -70000 4000000000",
+                                 "dd_vector",
+                                 "dd_edge 3 4 1",
+                                 "mbank 1 2 300 4 70000",
+                             }));
+}
+
 }  // namespace

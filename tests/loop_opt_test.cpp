@@ -4,9 +4,14 @@
 // what the steps promise (no jump back, no index arithmetic per iteration).
 #include <gtest/gtest.h>
 
+#include <cstdio>
+#include <map>
+#include <memory>
+#include <sstream>
 #include <string>
 
 #include "ifcc_util.h"
+#include "recorder.h"
 
 namespace {
 
@@ -325,6 +330,68 @@ int main(void) {
     IFRUN_RESULT kept = run_without_step(37, reference), moved = run("-o2");
     EXPECT_LE(ops(moved, "MULT") + 400, ops(kept, "MULT"));
     EXPECT_LT(moved.operations, kept.operations);
+}
+
+// The code generator learns where each loop begins: a loop-header record
+// right before the label of the loop's first block, naming the variable a
+// counted loop steps and tests, and none for a loop chasing pointers.
+TEST_F(LoopOpt, EachLoopIsMarkedWithItsControlVariable) {
+    compile(R"(
+#include <stdio.h>
+struct node { struct node* next; int v; };
+struct node nodes[5];
+int a[100];
+int n;
+int sum(const int* x, int count) {
+    int s = 0;
+    for (int i = 0; i < count; i++) s += x[i];
+    return s;
+}
+int chase(struct node* p) {
+    int s = 0;
+    while (p) {
+        s += p->v;
+        p = p->next;
+    }
+    return s;
+}
+int main(void) {
+    n = 90 + (a[3] & 1);
+    for (int i = 0; i < 4; i++) {
+        nodes[i].next = &nodes[i + 1];
+        nodes[i].v = i * 3;
+    }
+    for (int i = 0; i < n; i++) a[i] = i * 7;
+    printf("%d %d\n", sum(a, n), chase(nodes));
+    return 0;
+}
+)");
+    expect_same_at_every_level();
+    run("-o2");
+    Recorder records;
+    FILE* in = std::fopen(last_optimized().c_str(), "rb");
+    ASSERT_NE(in, nullptr);
+    std::unique_ptr<I_FILE> f(I_FILE::if_open(in, &records));
+    ASSERT_NE(f, nullptr);
+    f->if_read_file();
+    std::fclose(in);
+    std::map<std::string, std::vector<std::string>> loops;  // by function: the control variables
+    std::string function;
+    const std::vector<std::string>& ev = records.events;
+    for (size_t k = 0; k < ev.size(); ++k) {
+        if (ev[k].rfind("begin ", 0) == 0) function = ev[k].substr(6);
+        if (ev[k].rfind("loop_header ", 0) != 0) continue;
+        std::istringstream fields(ev[k].substr(12));
+        std::string id, lcv;
+        fields >> id >> lcv;
+        loops[function].push_back(lcv);
+        ASSERT_LT(k + 1, ev.size());
+        EXPECT_EQ(ev[k + 1].rfind("label ", 0), 0u) << function << ": " << ev[k + 1];
+    }
+    ASSERT_EQ(loops["sum"].size(), 1u);
+    EXPECT_EQ(loops["sum"][0].substr(0, 1), "i") << loops["sum"][0];
+    EXPECT_EQ(loops["chase"], std::vector<std::string>{"-"});
+    EXPECT_GE(loops["main"].size(), 2u);
 }
 
 }  // namespace

@@ -55,6 +55,26 @@ public:
     void cl_comment(char* t) override { events.push_back(std::string("comment ") + t); }
     void cl_func_info(int) override {}
     void cl_func_eht(EHT_ENTRY*, unsigned n) override { events.push_back("eht " + std::to_string(n)); }
+    void cl_loop_def(unsigned a, unsigned b, unsigned c, unsigned d, unsigned e, unsigned flags) override {
+        events.push_back("loop " + std::to_string(a) + " " + std::to_string(b) + " " + std::to_string(c) + " " +
+                         std::to_string(d) + " " + std::to_string(e) + " flags " + std::to_string(flags));
+    }
+    void cl_loop_header(unsigned id, I_SYMTAB* sym, unsigned flags) override {
+        events.push_back("loop_header " + std::to_string(id) + " " + (sym ? sym->name : "-") + " flags " +
+                         std::to_string(flags));
+    }
+    void cl_dd_vector(const std::vector<long long>& values) override {
+        std::string e = "dd_vector";
+        for (long long v : values) e += " " + std::to_string(v);
+        events.push_back(e);
+    }
+    void cl_dd_edge(unsigned a, unsigned b, unsigned c) override {
+        events.push_back("dd_edge " + std::to_string(a) + " " + std::to_string(b) + " " + std::to_string(c));
+    }
+    void cl_mbank(unsigned a, unsigned b, unsigned c, unsigned d, unsigned e) override {
+        events.push_back("mbank " + std::to_string(a) + " " + std::to_string(b) + " " + std::to_string(c) + " " +
+                         std::to_string(d) + " " + std::to_string(e));
+    }
     ~Recorder() override {
         for (NODE* t : trees) erase_tree(t);
     }
