@@ -118,6 +118,12 @@ constexpr uint64_t IF_MAX_LABEL = (uint64_t{1} << 30) - 1;
 // File names of positions, shared by every I-file of the run; the pointers
 // stay valid to the end of the run.
 const char* if_intern_file_name(const std::string& name);
+// What the shared file names hold: how many, their bytes, and how often a
+// name was asked for.
+struct IF_INTERNED_STATS {
+    size_t names = 0, bytes = 0, requests = 0;
+};
+IF_INTERNED_STATS if_interned_stats();
 
 class I_FILE {
 public:

@@ -61,14 +61,28 @@ void if_fatal(const char* message) {
 
 void if_invalid_record() { if_fatal("\nINTERNAL ERROR: Invalid I-code record, aborting"); }
 
+namespace {
+std::mutex interned_mutex;
+std::deque<std::string> interned_names;
+size_t interned_requests = 0;
+}  // namespace
+
 const char* if_intern_file_name(const std::string& name) {
-    static std::mutex m;
-    static std::deque<std::string> names;
-    std::lock_guard<std::mutex> lock(m);
-    for (const std::string& n : names)
+    std::lock_guard<std::mutex> lock(interned_mutex);
+    ++interned_requests;
+    for (const std::string& n : interned_names)
         if (n == name) return n.c_str();
-    names.push_back(name);
-    return names.back().c_str();
+    interned_names.push_back(name);
+    return interned_names.back().c_str();
+}
+
+IF_INTERNED_STATS if_interned_stats() {
+    std::lock_guard<std::mutex> lock(interned_mutex);
+    IF_INTERNED_STATS s;
+    s.names = interned_names.size();
+    s.requests = interned_requests;
+    for (const std::string& n : interned_names) s.bytes += n.size() + 1;
+    return s;
 }
 
 I_FILE::~I_FILE() = default;
@@ -759,6 +773,26 @@ void I_FILE::if_enter_local(I_SYMTAB* sym) {
 }
 
 void I_FILE::if_clear_locals() { locals.clear(); }
+
+const char* PRAGMA::name() const {
+    switch (kind) {
+    case SP_SOURCE_LANGUAGE: return "SOURCE_LANGUAGE";
+    case SP_TRANSLATION_UNIT_ID: return "TRANSLATION_UNIT_ID";
+    case SP_LOCAL_STATIC_OF: return "LOCAL_STATIC_OF";
+    case SP_COMDAT_GROUP: return "COMDAT_GROUP";
+    case SP_FUNCTION_SYNONYM: return "FUNCTION_SYNONYM";
+    case SP_ALWAYS_INLINE: return "ALWAYS_INLINE";
+    case SP_FUNC_RET_BY_CCTOR: return "FUNC_RET_BY_CCTOR";
+    case SP_CLASS_MEMBER: return "CLASS_MEMBER";
+    case SP_CTOR_DTOR: return "CTOR_DTOR";
+    case SP_CTOR: return "CTOR";
+    case SP_DTOR: return "DTOR";
+    case SP_EXCEPTION_SPEC: return "EXCEPTION_SPEC";
+    case PK_UNROLL: return "UNROLL";
+    case PK_PROB_ITERATE: return "PROB_ITERATE";
+    default: return nullptr;
+    }
+}
 
 void I_FILE::read_pragma(I_SYMTAB* sym) {
     PRAGMA p;

@@ -33,7 +33,9 @@ enum {
     SP_DTOR = 11,
     SP_EXCEPTION_SPEC = 12,
 };
-// A pragma of this kind is never written out.
+// Kinds of statement pragmas.  UNROLL(factor); PROB_ITERATE(minimum,
+// probable trip count).  A pragma of kind 57 is never written out.
+enum { PK_UNROLL = 30, PK_PROB_ITERATE = 31 };
 inline constexpr int PRAGMA_NEVER_WRITTEN = 57;
 
 class I_SYMTAB {

@@ -8,9 +8,9 @@
 
 class NODE;
 
-// Statement pragma kinds read by the loop decisions.  UNROLL(factor);
-// PROB_ITERATE(minimum, probable trip count).
-enum { PK_UNROLL = 30, PK_PROB_ITERATE = 31 };
+// The statement pragma kinds read by the loop decisions (PK_UNROLL,
+// PK_PROB_ITERATE) are the record layer's.
+#include "IFILE/if_symbol.h"
 
 int max_unrolling_factor(struct LOOP* loop, int size);
 int min_unrolling_factor(struct LOOP* loop);

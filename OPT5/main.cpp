@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 #include <future>
 #include <list>
@@ -8,6 +9,7 @@
 #include <string>
 
 #include "DEBUG_DISABLE/switches.h"
+#include "IFILE/if_file.h"
 #include "OPT5/abort.h"
 #include "OPT5/call_effects.h"
 #include "OPT5/matcher.h"
@@ -280,6 +282,21 @@ void reset_driver() {
     currfunc_at_abort = nullptr;
 }
 
+namespace {
+// The shared file names and the type registry, at the end of a debug run.
+void interned_stats() {
+    IF_INTERNED_STATS s = if_interned_stats();
+    DBG_CHECK(std::fprintf(FDEBUG, "Interned file names: %zu (%zu bytes), asked for %zu times\n", s.names, s.bytes,
+                           s.requests));
+}
+
+void type_cache_stats() {
+    TYPE_PKG::cache_stats s = type_pkg->type_cache_stats();
+    DBG_CHECK(std::fprintf(FDEBUG, "Type cache: %zu types; %zu structural types asked for, %zu already there\n",
+                           s.types, s.lookups, s.found));
+}
+}  // namespace
+
 void optimizer_main(int argc, char** argv) {
     install_optimizer_signal_handlers(argc > 0 ? argv[0] : "opt5");
     guarded([&] { open_files(argc, argv); });
@@ -307,6 +324,10 @@ void optimizer_main(int argc, char** argv) {
     guarded(run_function_loop);
     clock_t globals_start = std::clock();
     guarded(write_global_data);
+    if (print_debug && FDEBUG) {
+        interned_stats();
+        type_cache_stats();
+    }
 
     if (enable_time_stats || print_debug) {
         clock_t end = std::clock();

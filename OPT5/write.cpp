@@ -98,6 +98,15 @@ void infix(const NODE* n, std::string& out, const INFIX_STYLE& style) {
             return;
         }
         break;
+    case PPRAGMA:
+        if (const PRAGMA* p = n->x().pragma) {
+            const char* name = p->name();
+            out += "#pragma " + (name ? std::string(name) : std::to_string(p->kind)) + "(";
+            for (size_t i = 0; i < p->args.size(); ++i) out += (i ? ", " : "") + p->args[i];
+            out += ")";
+            return;
+        }
+        break;
     case UMULT: out += "*"; infix(n->left, out, style); return;
     case UAND: out += "&"; infix(n->left, out, style); return;
     case UMINUS: out += "-"; infix(n->left, out, style); return;
@@ -131,8 +140,10 @@ void debug_listing(const char* fmt, const char* a, int b, long c, const char* d)
 }
 
 void wrstcr(int kind, PSN* pos) {
-    if (kind == 1) return;  // begin-function is written by write_func_header
-    o_file->if_write_control(kind, pos);
+    if (kind == IR_BEGIN_FUNC)
+        o_file->if_write_begin_func(currfunc, pos);
+    else
+        o_file->if_write_control(kind, pos);
     debug_listing("%s\t%d\t%ld\t\t\t;%s\n", control_mnemonic(kind), kind, static_cast<long>(pos ? pos->line : 0),
                   currfunc->name.c_str());
 }
@@ -199,11 +210,7 @@ void wrexpr(BODY_ENTRY& e) {
     o_file->if_write_expr(t, &e.pos, &opt_client);
 }
 
-void write_func_header() {
-    o_file->if_write_begin_func(currfunc, &currfuninfo->begin_pos);
-    debug_listing("%s\t%d\t%ld\t\t\t;%s\n", "I_BF", 1, static_cast<long>(currfuninfo->begin_pos.line),
-                  currfunc->name.c_str());
-}
+void write_func_header() { wrstcr(IR_BEGIN_FUNC, &currfuninfo->begin_pos); }
 
 // The labels that jumps of a function name, gathered statement by statement.
 struct jump_targets {

@@ -292,7 +292,9 @@ bool TYPE_PKG::owns(const TYPE* t) const { return owned_.count(t) != 0; }
 
 TYPE* TYPE_PKG::make(TYPE* t, bool nominal) {
     if (!nominal) {
+        ++lookups_;
         if (TYPE* same = find_equivalent_type(t)) {
+            ++found_;
             delete t;
             return same;
         }

@@ -210,6 +210,12 @@ public:
     TYPE* find_equivalent_type(TYPE* t);
     bool owns(const TYPE* t) const;
     const std::vector<std::unique_ptr<TYPE>>& all_types() const { return types_; }
+    // How the registry did: types held, and of the structural types asked
+    // for, how many an equal registered type answered.
+    struct cache_stats {
+        size_t types = 0, lookups = 0, found = 0;
+    };
+    cache_stats type_cache_stats() const { return {types_.size(), lookups_, found_}; }
 
     TYPE* c_integral_promotions(TYPE* t);
 
@@ -217,6 +223,7 @@ private:
     std::vector<std::unique_ptr<TYPE>> types_;
     std::unordered_set<const TYPE*> owned_;
     std::unordered_multimap<size_t, TYPE*> index_;  // structural types by hash
+    size_t lookups_ = 0, found_ = 0;
     TYPE* make(TYPE* t, bool nominal);
 };
 

@@ -90,4 +90,23 @@ TEST_F(Dumps, SwitchesAddPositionsSerialsScopeTreesAndTypes) {
     EXPECT_NE(d.find("      ASG : int\n        NAME : int  s\n        ICON : int  0\n"), std::string::npos) << d;
 }
 
+// A debug run ends with what the shared file names and the type registry
+// hold: the unit's one source file, its types, and how often a type asked
+// for was already registered.
+TEST_F(Dumps, TheListingEndsWithWhatTheRegistriesHold) {
+    std::string text = listing("");
+    std::smatch m;
+    ASSERT_TRUE(std::regex_search(text, m,
+                                  std::regex(R"(Interned file names: (\d+) \((\d+) bytes\), asked for (\d+) times
+Type cache: (\d+) types; (\d+) structural types asked for, (\d+) already there
+)")))
+        << text.substr(text.size() > 400 ? text.size() - 400 : 0);
+    EXPECT_EQ(m[1], "1");
+    EXPECT_EQ(m[2], "4");  // "t.c" and its end
+    EXPECT_GE(std::stoul(m[3]), 1u);
+    EXPECT_GT(std::stoul(m[4]), 1u);
+    EXPECT_GT(std::stoul(m[6]), 0u);
+    EXPECT_GE(std::stoul(m[5]), std::stoul(m[6]));
+}
+
 }  // namespace

@@ -9,6 +9,7 @@
 #include "OPT5/globals.h"
 #include "OPT5/node.h"
 #include "OPT5/opcodes.h"
+#include "OPT5/opt_client.h"
 #include "OPT5/optobj.h"
 #include "test_util.h"
 
@@ -115,6 +116,10 @@ TEST_F(Unroll, TheUnrollPragmaDecides) {
     EXPECT_TRUE(unroll_factor_satisfies_pragma(4, &loop, 1));
     EXPECT_TRUE(unroll_factor_satisfies_pragma(0, &loop, 1));
     EXPECT_EQ(choose_unroll_factor_for_SP(&loop), 4);
+    // Listings name the pragmas they know and number the others.
+    EXPECT_EQ(stmt2infix(loop.unroll_pragma), "#pragma UNROLL(4)");
+    EXPECT_EQ(stmt2infix(pragma(PK_PROB_ITERATE, {"1", "40"})), "#pragma PROB_ITERATE(1, 40)");
+    EXPECT_EQ(stmt2infix(pragma(99, {})), "#pragma 99()");
     loop.unroll_pragma = pragma(PK_UNROLL, {"4294967296"});
     EXPECT_EXIT(max_unrolling_factor(&loop, 5), ::testing::ExitedWithCode(1), "");
 }
