@@ -158,7 +158,7 @@ const char* option_obj::written_name(option_id id) {
 parse_option_type option_obj::kind(option_id id) { return desc(id).type; }
 
 option_obj::option_obj(bool command_line)
-    : opts_(OPT_COUNT), source_(command_line ? "command line" : "option set") {}
+    : opts_(OPT_COUNT), source_(command_line ? "command line" : "option set"), command_line_(command_line) {}
 
 void option_obj::record(option_id id, const std::string& how) {
     opts_[id].history.push_back(source_ + ": " + how);
@@ -286,6 +286,12 @@ int option_obj::process_option(const char* text, const char** next) {
         return 0;
     }
     option_id id = d->id;
+    // The files and the step order are the run's: the command line sets
+    // them before any function is read.
+    if (!command_line_ && (d->cls == CLS_LISTINGS || id == OPT_forced_passes)) {
+        emit_diag(24017, THIS_MODULE, __LINE__, nullptr, written_name(id), "in an I-file", "option set");
+        return 0;
+    }
     if (d->type == POT_NO_ARGS) {
         if (has_value) emit_diag(24019, THIS_MODULE, __LINE__, nullptr, text);
     } else if (!has_value && next && *next) {

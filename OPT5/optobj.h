@@ -129,6 +129,7 @@ private:
     };
     std::vector<state> opts_;
     std::string source_;
+    bool command_line_;
 
     std::string arg_text(option_id id) const;
     bool store_value(option_id id, const std::string& shown, const char* value);

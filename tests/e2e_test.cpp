@@ -359,6 +359,19 @@ TEST_F(EndToEnd, FunctionOptionSetsAddToTheCommandLine) {
     Result r = opt5({"--volatile_all", "f.if", "volatile.if"});
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(stores("volatile.if"), 2u);  // the command line still holds
+    // Files and the step order are the run's: a set naming them is warned
+    // about and the rest of the run goes on as the command line says.
+    for (const char* run_wide : {"--info_file=set.inf", "--forced_passes="}) {
+        ASSERT_EQ(assemble(unit(run_wide), dir / "run_wide.if"), "");
+        r = opt5({"run_wide.if", "run_wide_out.if"});
+        EXPECT_EQ(r.status, 0) << r.err;
+        std::string name = std::string(run_wide).substr(0, std::string(run_wide).find('='));
+        EXPECT_NE(r.err.find("warning: Option " + name + " is not valid in an I-file option set (ignored)"),
+                  std::string::npos)
+            << r.err;
+        EXPECT_EQ(stores("run_wide_out.if"), 1u) << run_wide;  // the steps ran: the dead store went
+    }
+    EXPECT_FALSE(has("set.inf"));
     ASSERT_EQ(assemble(unit("--opt_level=9"), dir / "bad.if"), "");
     r = opt5({"bad.if", "bad_out.if"});
     EXPECT_EQ(r.status, 1) << r.err;
