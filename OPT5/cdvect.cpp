@@ -446,6 +446,23 @@ int64_t scalar_cost(DFG* d, bool space) {
 
 }  // namespace
 
+// What one iteration pays beside its statements, as the description prices
+// it: the step of the loop variable and the test against the bound, both in
+// the variable's type.  A jump is not declared; an undeclared operation is
+// free.
+int64_t cd_loop_overhead(const SYMTAB* iv, bool space) {
+    TREP* trep = iv && iv->type ? find_TREP(iv->type, 1) : nullptr;
+    if (!trep) return 0;
+    int64_t c = 0;
+    for (int op : {PLUS, LT}) {
+        DFG* d = matcher_arena.make();
+        d->op = op;
+        d->trep = trep;
+        c += std::max(0, space ? space_of_dfg_node(d) : cost_of_dfg_node(d));
+    }
+    return c;
+}
+
 bool convert_generic_CDFG_to_SIMD_form(CDFG* region, bool force) {
     (void)force;
     debug(" ======= converting generic CDFG to SIMD form ===\n");
@@ -472,8 +489,9 @@ bool peel_unroll_and_vectorize_loop(CDFG* region, bool completely_allowed) {
         scalar_time += scalar_cost(s->root, false);
         scalar_space += scalar_cost(s->root, true);
     }
-    scalar_time += 2;  // the step and the test
-    scalar_space += 2;
+    const int64_t overhead_time = cd_loop_overhead(region->iv, false), overhead_space = cd_loop_overhead(region->iv, true);
+    scalar_time += overhead_time;
+    scalar_space += overhead_space;
     bool trips_known = loop->trips && loop->trips->opcode == ICON;
     int64_t trips = trips_known ? loop->trips->value.as<int64_t>() : -1;
     SIMD_CONFIGURATION scalar;
@@ -503,8 +521,8 @@ bool peel_unroll_and_vectorize_loop(CDFG* region, bool completely_allowed) {
             c.time += scalar_cost(r, false);
             c.space += scalar_cost(r, true);
         }
-        c.time += 2;
-        c.space += 2;
+        c.time += overhead_time;
+        c.space += overhead_space;
         bool divides = trips_known && trips % sf == 0;
         c.ptime = divides ? 0 : scalar_time;
         c.pspace = divides ? 0 : scalar_space;

@@ -69,6 +69,10 @@ bool unroll_completely_decision(struct LOOP* loop, const CDFG* region, int64_t t
 
 CDFG* convert_simple_CFG_region_to_CDFG(EDGE* entries, struct LOOP* loop, bool force);
 void revert_CDFG_to_simple_CFG_region(CDFG* region);
+// What one iteration of a loop counted by `iv` costs beside its statements
+// (the step and the test), in time or in code space, as the description
+// prices them.
+int64_t cd_loop_overhead(const SYMTAB* iv, bool space);
 bool convert_generic_CDFG_to_SIMD_form(CDFG* region, bool force);
 bool peel_unroll_and_vectorize_loop(CDFG* region, bool completely_allowed);
 

@@ -18,7 +18,9 @@
 namespace {
 const char THIS_MODULE[] = "OPT5/md_parse";
 
-const char* const pc_functions[] = {"IS_IV", "IS_RC", "IS_FETCH", "IS_ICON", "IS_POWER_OF_2", "STRIDE", "IS_SSV"};
+// The lower-case names are the forms a rule base prints.
+const char* const pc_functions[] = {"IS_IV",  "IS_RC", "IS_FETCH", "IS_ICON", "IS_POWER_OF_2",
+                                    "STRIDE", "IS_SSV", "is_IV",   "stride"};
 const char* const given_functions[] = {"BIG_ENDIAN",
                                        "LITTLE_ENDIAN",
                                        "SPEED_PREFERRED_ALWAYS",
@@ -199,6 +201,7 @@ RULE_BASE* PARSER::parse(bool prune) {
             for (DECL_RULE* d : made) list = add_decl_rule(list, d);
             rb_->handle_new_decl_rule(rev_declrule_list(list));
         }
+        rb_->add_complex_type_decl();
         rb_->add_new_icalls_to_BIF();
         if (prune_) rb_->remove_disqualified_decl_rule();
         parms_.clear();
@@ -386,7 +389,7 @@ std::vector<DECL_RULE*> PARSER::icodeDecl() {
     std::vector<int> sfs;
     std::vector<TREP*> treps;
     DFG* p = icodePattern(sfs, treps);
-    clauses(proto);
+    clauses(proto, p);
     return expand(rb_, proto, p, nullptr, sfs, treps, "ICODEs", "# of icode's simd factors doesn not match # of decls",
                   [this](const std::string& m) { fail(m); });
 }
@@ -400,7 +403,7 @@ std::vector<DECL_RULE*> PARSER::icallMcallDecl(declruletype kind) {
     std::vector<TREP*> treps;
     DFG* p = icallMcallPattern(sfs, treps);
     proto.bif.bif_name = p->name;
-    clauses(proto);
+    clauses(proto, p);
     return expand(rb_, proto, p, nullptr, sfs, treps, "ICALLs", "# of icall's simd factors doesn not match # of decls",
                   [this](const std::string& m) { fail(m); });
 }
@@ -423,7 +426,7 @@ std::vector<DECL_RULE*> PARSER::genopDecl() {
         if (templates.size() != patterns.size() && templates.size() != std::max<size_t>(1, sfs.size()))
             fail("# of templates doesn't match # of patterns");
     }
-    clauses(proto);
+    clauses(proto, patterns[0]);
     if (templates.size() > 1 && templates.size() != std::max<size_t>(1, std::max(sfs.size(), treps.size())))
         fail("don't know how to generate multiple templates");
     std::vector<DECL_RULE*> out = expand(rb_, proto, patterns[0], templates.empty() ? nullptr : templates[0], sfs,
@@ -443,7 +446,7 @@ std::vector<DECL_RULE*> PARSER::xopDecl() {
     DFG* p = xopPattern(sfs, treps);
     expect(T_IS, "need the keyword IS in xop declaration");
     DFG* t = templt();
-    clauses(proto);
+    clauses(proto, p);
     return expand(rb_, proto, p, t, sfs, treps, "OPs", "# of genop's simd factors doesn not match # of decls",
                   [this](const std::string& m) { fail(m); });
 }
@@ -596,8 +599,8 @@ std::vector<int> PARSER::simdFactor() {
     return out;
 }
 
-void PARSER::clauses(DECL_RULE& proto) {
-    if (tok_.getToken(T_HOLDS)) holds(proto.bif);
+void PARSER::clauses(DECL_RULE& proto, const DFG* pattern) {
+    if (tok_.getToken(T_HOLDS)) holds(proto.bif, pattern);
     if (tok_.getToken(T_FUNITS)) funcUnits(proto);
     if (tok_.getToken(T_COST)) costs(proto);
     if (tok_.getToken(T_LATENCY)) latency(proto);
@@ -605,12 +608,44 @@ void PARSER::clauses(DECL_RULE& proto) {
     constraint(proto.constraint);
 }
 
-void PARSER::holds(MD_BIF& bif) {
+void PARSER::holds(MD_BIF& bif, const DFG* pattern) {
     expect(T_LPAREN, "invalid holds flag");
+    if (tok_.getToken(T_INT)) {
+        tok_.returnToken();
+        numeric_holds(bif, pattern);
+        return;
+    }
     do {
         holds_flag(bif);
     } while (tok_.getToken(T_ANDAND));
     expect(T_RPAREN, "invalid holds flag");
+}
+
+// The form a rule base prints: "(flags must-not-cse maxval=v minval=v)",
+// the flag word and the operand mask as numbers.  The operands that commute
+// are the pattern's first two parameters.
+void PARSER::numeric_holds(MD_BIF& bif, const DFG* pattern) {
+    expect(T_INT, "invalid holds flag");
+    bif.flags = static_cast<unsigned long>(tok_.aux);
+    expect(T_INT, "invalid holds flag");
+    bif.opds_must_not_cse = static_cast<unsigned>(tok_.aux);
+    for (const char* bound : {"maxval", "minval"}) {
+        expect(T_IDENT, "invalid holds flag");
+        if (tok_.text != bound) fail("unknown holds flag");
+        expect(T_ASSIGN, "invalid holds flag");
+        (bound[1] == 'a' ? bif.maxval : bif.minval) = INT65(integer("a need constant (ICON/FCON/SCON)"));
+    }
+    expect(T_RPAREN, "invalid holds flag");
+    if (!(bif.flags & HF_OPDS_COMMUTE)) return;
+    std::vector<const DFG*> work{pattern};
+    while (!work.empty() && !bif.commute_b) {
+        const DFG* d = work.back();
+        work.pop_back();
+        if (!d) continue;
+        if (d->is_parm() && d->parm != bif.commute_a) (bif.commute_a ? bif.commute_b : bif.commute_a) = d->parm;
+        for (int i = d->nopd - 1; i >= 0; --i) work.push_back(d->opd[i]);
+    }
+    if (!bif.commute_b) fail("need two parmnames");
 }
 
 // One flag of a HOLDS clause; its argument, if it takes one, is read by
@@ -896,13 +931,19 @@ DFG* PARSER::parmExpression() {
 CONSTRAINT_FUNCTION* PARSER::pcFunction(DFG* parm) {
     expect(T_PCFUNCTION, "unknown pc function");
     std::string f = tok_.text;
-    if (f == "STRIDE") {
+    if (f == "STRIDE" || f == "stride") {
         expect(T_LPAREN, "the pc function needs an ICON parameter");
         long long n = integer("the pc function needs an ICON parameter");
         expect(T_RPAREN, "the pc function needs an ICON parameter");
         return rb_->keep(new stride(parm, n));
     }
     if (f == "IS_IV") return rb_->keep(new is_IV(parm));
+    if (f == "is_IV") {  // the printed form names the loop, if any
+        expect(T_LPAREN, "the pc function needs an ICON parameter");
+        std::string loop = tok_.getToken(T_IDENT) ? tok_.text : "";
+        expect(T_RPAREN, "the pc function needs an ICON parameter");
+        return rb_->keep(new is_IV(parm, loop));
+    }
     if (f == "IS_RC") return rb_->keep(new is_RC(parm));
     if (f == "IS_FETCH") return rb_->keep(new is_FETCH(parm));
     if (f == "IS_ICON") return rb_->keep(new is_ICON(parm));

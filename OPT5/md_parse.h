@@ -85,8 +85,9 @@ private:
     DFG* genopPattern(std::vector<int>& sfs, std::vector<TREP*>& treps, bool xop);
     DFG* xopPattern(std::vector<int>& sfs, std::vector<TREP*>& treps);
     DFG* declPattern(int op, const std::string& name, std::vector<int>& sfs, std::vector<TREP*>& treps);
-    void clauses(DECL_RULE& proto);
-    void holds(MD_BIF& bif);
+    void clauses(DECL_RULE& proto, const DFG* pattern);
+    void holds(MD_BIF& bif, const DFG* pattern);
+    void numeric_holds(MD_BIF& bif, const DFG* pattern);
     void holds_flag(MD_BIF& bif);
     void property(unsigned long flag, MD_BIF& bif);
     void funcUnits(DECL_RULE& proto);

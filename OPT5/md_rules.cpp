@@ -628,6 +628,28 @@ void RULE_BASE::handle_new_decl_rule(DECL_RULE* list) {
 // Declarations go to the declaration list (imprecise ones, on an X
 // container of any width, to their own), rules to the rule list; OP and XOP
 // declarations with a template are rules too.  Lists keep source order.
+// Every rule base declares the complex type: a value of two 16-bit parts in
+// one 32-bit container, made of its real and imaginary part.  A base that
+// declares it already (one printed and parsed again) keeps its own.
+void RULE_BASE::add_complex_type_decl() {
+    for (DECL_RULE* d = decls; d; d = d->next)
+        if (d->pattern && d->pattern->op == COMPLEX) return;
+    DFG* pattern = new_dfg();
+    pattern->op = COMPLEX;
+    pattern->trep = find_TREP('x', 32, 1);
+    for (char letter : {'a', 'b'}) {
+        DFG* part = new_dfg();
+        part->op = DFG_PARM;
+        part->parm = letter;
+        pattern->opd[pattern->nopd++] = part;
+    }
+    auto* r = new DECL_RULE;
+    owned_rules.push_back(r);
+    r->kind = rICODE;
+    r->pattern = pattern;
+    handle_single_decl_rule(r);
+}
+
 void RULE_BASE::handle_single_decl_rule(DECL_RULE* r) {
     auto append = [](DECL_RULE*& list, DECL_RULE* item) {
         DECL_RULE** at = &list;
@@ -835,31 +857,12 @@ void print_constraint(FILE* out, const CONSTRAINT& c) {
     }
 }
 
+// The flag word and the bounds; the operands that commute are the pattern's
+// first two parameters.
 void print_holds(FILE* out, const MD_BIF& b) {
     if (!b.flags) return;
-    std::fprintf(out, "\n// HOLDS (0x%lx 0x%x maxval=%s minval=%s)\n", b.flags, b.opds_must_not_cse,
+    std::fprintf(out, " HOLDS (0x%lx 0x%x maxval=%s minval=%s)\n", b.flags, b.opds_must_not_cse,
                  b.maxval.to_string().c_str(), b.minval.to_string().c_str());
-    std::string s;
-    auto add = [&](const std::string& f) { s += (s.empty() ? "" : " && ") + f; };
-    if (b.flags & HF_OPDS_COMMUTE) add(std::string("OPDS_COMMUTE(") + b.commute_a + " " + b.commute_b + ")");
-    if (b.flags & HF_MAXVAL) add("MAXVAL(" + b.maxval.to_string() + ")");
-    if (b.flags & HF_MINVAL) add("MINVAL(" + b.minval.to_string() + ")");
-    if (b.flags & HF_RETURNS_1_OR_0) add("RETURNS_1_OR_0");
-    if (b.flags & HF_OPDS_MUST_NOT_CSE) {
-        std::string n;
-        for (int i = 0; i < 32; ++i)
-            if (b.opds_must_not_cse & (1u << i)) n += (n.empty() ? "" : " ") + std::to_string(i);
-        add("OPDS_MUST_NOT_CSE(" + n + ")");
-    }
-    if (b.flags & HF_MUST_NOT_CSE) add("MUST_NOT_CSE");
-    if (b.flags & HF_IS_BARRIER) add("IS_BARRIER");
-    if (b.flags & HF_IS_SIMPLE_VECTOR_OP) add("IS_SIMPLE_VECTOR_OP");
-    if (b.flags & HF_IS_SELF_ASSOCIATIVE) add("IS_SELF_ASSOCIATIVE");
-    if (b.flags & HF_IS_PROPER_ABSVAL) add("IS_PROPER_ABSVAL");
-    if (b.flags & HF_IS_PROPER_EXTRACT) add("IS_PROPER_EXTRACT");
-    if (b.flags & HF_IS_PROPER_MINVAL) add("IS_PROPER_MINVAL");
-    if (b.flags & HF_IS_PROPER_MAXVAL) add("IS_PROPER_MAXVAL");
-    std::fprintf(out, " HOLDS (%s)", s.c_str());
 }
 }  // namespace
 

@@ -456,6 +456,7 @@ public:
     void refine_target_and_endianness();
     void assign_target_for_declrule(DECL_RULE* rule);
     void add_new_icalls_to_BIF();
+    void add_complex_type_decl();
     void replace_dummy_types_and_treps();
 
     std::vector<DECL_RULE*> find_declaration_for_DFG(DFG* dfg, bool exact_sf, bool any_target);

@@ -71,6 +71,7 @@ enum tokentype : int32_t {
     T_HOIST,
     T_SINK,
     T_REDUCE,
+    T_ASSIGN,  // "=" of the printed HOLDS form
     // Lexical classes recognised by the token's text (getToken(k) only).
     T_PARMNAME,
     T_SSVNAME,
@@ -109,6 +110,7 @@ inline constexpr MD_SPELLING md_spellings[] = {
     {T_ALL, "ALL"},       {T_WHEN, "WHEN"},         {T_GIVEN, "GIVEN"},   {T_SIMPLIFY, "SIMPLIFY"},
     {T_SIMD, "SIMD"},     {T_COMBINE, "COMBINE"},   {T_AS, "AS"},         {T_WITH, "WITH"},
     {T_HOIST, "HOIST"},   {T_SINK, "SINK"},         {T_REDUCE, "REDUCE"},
+    {T_ASSIGN, "="},
 };
 
 inline const char* md_spelling(tokentype k) {

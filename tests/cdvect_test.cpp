@@ -9,6 +9,7 @@
 #include "OPT5/matcher.h"
 #include "OPT5/opcodes.h"
 #include "OPT5/optobj.h"
+#include "OPT5/symtab.h"
 #include "TYPES/type_pkg.h"
 #include "tools/md_lexer.h"
 
@@ -110,6 +111,30 @@ TEST_F(MemoryCost, VolatileAndMisalignedAccessesAreComposedOfNarrowerOnes) {
     s4.alignment = 64;
     EXPECT_EQ(memory_access_cost(&s4), 2);
     EXPECT_EQ(md_cost_for_memref(DFG_STORE, 'i', 1, 4, INT65(32), false), 0);
+}
+
+// What an iteration pays for its step and its test is the description's
+// price of an addition and a comparison in the counter's type; what the
+// description does not declare is free.
+TEST_F(MemoryCost, LoopOverheadIsPricedByTheDescription) {
+    init_types();
+    SYMTAB i;
+    i.name = "i";
+    i.type = type_pkg->mk_int(TYPE::IK_INT, true);
+    EXPECT_EQ(cd_loop_overhead(&i, false), 0);  // this description declares neither
+    std::string text = "OPTIMIZER MACHINE DESCRIPTION : \"T\"\nTARGETS : BRV\nENDIAN : LITTLE\n"
+                       "DEFAULT COST : 1\nDEFAULT LATENCY : 1\nDEFAULT SPACE : 2\n"
+                       "( ICODE (PLUS : I16 a b) COST 3 SPACE 1 )\n( ICODE (LT : I16 a b) COST 4 )\n";
+    std::vector<MD_LEXED> lexed;
+    std::string error;
+    ASSERT_TRUE(md_lex(text, lexed, error)) << error;
+    std::vector<MD_TOKEN> toks = md_token_array(lexed);
+    std::unique_ptr<RULE_BASE> priced(parse_md_tokens(toks.data(), true, &error));
+    ASSERT_TRUE(priced) << error;
+    md_rule_base = priced.get();
+    EXPECT_EQ(cd_loop_overhead(&i, false), 7);
+    EXPECT_EQ(cd_loop_overhead(&i, true), 3);  // the comparison takes the default space
+    md_rule_base = rb.get();
 }
 
 TEST(CompleteUnrolling, DecisionOfThePeelingStep) {

@@ -79,8 +79,8 @@ TEST_F(Md, ThePellinDescriptionParsesAndPrintsToItself) {
     EXPECT_EQ(rb->real_fu_count, 6);
     EXPECT_EQ(rb->fu_names.size(), 9u);
     // Every operation declared once, __sadd on any 32-bit container
-    // imprecisely; every rule.
-    const int decls = statements_of(pellin(), {"( ICODE ", "( ICALL ", "( OP ", "( XOP "}) - 1;
+    // imprecisely, and the built-in declaration of the complex type.
+    const int decls = statements_of(pellin(), {"( ICODE ", "( ICALL ", "( OP ", "( XOP "}) - 1 + 1;
     const int rules = statements_of(pellin(), {"( SIMD ", "( SIMPLIFY ", "( COMBINE "});
     EXPECT_EQ(count(rb->decls), decls);
     EXPECT_EQ(count(rb->imprecise_decls), 1);
@@ -104,10 +104,18 @@ TEST_F(Md, TheCompiledInRuleBaseIsTheParsedDescription) {
 }
 
 TEST_F(Md, EmptyBodyAndOptionalSections) {
+    // Nothing but the built-in declaration: the complex type, two 16-bit
+    // parts in a 32-bit container; printed and parsed again, still one.
     auto rb = parse(header);
     ASSERT_TRUE(rb) << error;
-    EXPECT_EQ(rb->decls, nullptr);
+    ASSERT_EQ(count(rb->decls), 1);
+    EXPECT_EQ(rb->decls->pattern->op, COMPLEX);
+    EXPECT_EQ(rb->decls->pattern->trep->name(), "X32");
+    EXPECT_EQ(rb->decls->pattern->nopd, 2);
     EXPECT_EQ(rb->rules, nullptr);
+    auto again = parse(printed(rb.get()));
+    ASSERT_TRUE(again) << error;
+    EXPECT_EQ(count(again->decls), 1);
     rb = parse(std::string(header) + "DEFAULT COST : 3\nDEFAULT LATENCY : 2\n");
     ASSERT_TRUE(rb) << error;
     EXPECT_EQ(rb->default_cost, 3);
@@ -186,6 +194,34 @@ TEST_F(Md, IcallConstraintsMayJoinFetchAndIconTestsAnyWay) {
     }
 }
 
+// What a rule base prints parses back to the same rule base: the HOLDS
+// flags as their flag word and bounds (the operands that commute being the
+// pattern's first two parameters), the induction-variable and stride tests
+// in their printed spelling.
+TEST_F(Md, PrintedFlagWordsAndTestsParseBack) {
+    auto rb = parse(std::string(header) +
+                    "( ICALL (__clip : I16 c a b) HOLDS (OPDS_COMMUTE(c a) && MAXVAL(99) && MINVAL(-7) && "
+                    "OPDS_MUST_NOT_CSE(1 2) && IS_BARRIER) )\n"
+                    "( SIMPLIFY (PLUS : I16 a b) AS a WHEN a.STRIDE(2) && ! b.IS_IV )");
+    ASSERT_TRUE(rb) << error;
+    std::string once = printed(rb.get());
+    EXPECT_NE(once.find(" HOLDS (0x57 0x6 maxval=99 minval=-7)\n"), std::string::npos) << once;
+    EXPECT_NE(once.find(" a.stride(2) "), std::string::npos) << once;
+    EXPECT_NE(once.find(" b.is_IV() "), std::string::npos) << once;
+    auto again = parse(once);
+    ASSERT_TRUE(again) << error << "\n" << once;
+    EXPECT_EQ(without_lines(printed(again.get())), without_lines(once));
+    const MD_BIF& bif = again->decls->bif;
+    EXPECT_EQ(bif.flags, rb->decls->bif.flags);
+    EXPECT_EQ(bif.opds_must_not_cse, 6u);
+    EXPECT_EQ(bif.maxval, INT65(99));
+    EXPECT_EQ(bif.minval, INT65(-7));
+    EXPECT_EQ(std::string() + bif.commute_a + bif.commute_b, "ca");
+    // The flag word's form checks its words.
+    EXPECT_FALSE(parse(std::string(header) + "( ICODE (PLUS : I16 a b) HOLDS (0x1 0x0 top=1 minval=0) )"));
+    EXPECT_NE(error.find(", unknown holds flag"), std::string::npos) << error;
+}
+
 TEST_F(Md, LexicalClasses) {
     // T is never a parameter name; a repeated equal MAXVAL is fine.
     EXPECT_FALSE(parse(std::string(header) + "( ICODE (PLUS : I16 T b) )"));
@@ -196,7 +232,7 @@ TEST_F(Md, LexicalClasses) {
     // Several SIMD factors make one declaration each.
     rb = parse(std::string(header) + "( ICODE (PLUS : I16 [2] [4] a b) COST 2 )");
     ASSERT_TRUE(rb) << error;
-    ASSERT_EQ(count(rb->decls), 2);
+    ASSERT_EQ(count(rb->decls), 3);  // and the built-in one
     EXPECT_EQ(rb->decls->sf, 2);
     EXPECT_EQ(rb->decls->next->sf, 4);
     // The constraint forms, printed back in a form that parses again.
@@ -215,7 +251,7 @@ TEST_F(Md, LexicalClasses) {
     rb = parse("OPTIMIZER MACHINE DESCRIPTION : \"T\"\nTARGETS : ( BRV V9 )\nENDIAN : BIG\n"
                "( ICODE (PLUS : I16 a b) FOR ( V9 ) )\n( ICODE (MINUS : I16 a b) FOR ( BRV ) )");
     ASSERT_TRUE(rb) << error;
-    ASSERT_EQ(count(rb->decls), 1);
+    ASSERT_EQ(count(rb->decls), 2);
     EXPECT_EQ(rb->decls->pattern->op, MINUS);
     EXPECT_TRUE(rb->md_big_endian);
 }
