@@ -614,10 +614,20 @@ bool simpcfg(bool merge_blocks, bool keep_empty) {
         }
     }
     if (changed) rebuildcfg();
-    // Blocks that can't be reached from the entry.
+    // Blocks that can't be reached from the entry, nor from a label of the
+    // exception table (a handler is entered by no jump).
     std::vector<BBLK*> work{fi->bb_list};
     clear_visited();
     if (fi->bb_list) fi->bb_list->visited = true;
+    if (!fi->eht.empty()) {
+        std::set<int> handlers;
+        for (const EHT_ENTRY& e : fi->eht) handlers.insert(static_cast<int>(e.label));
+        for (BBLK* b : layout_blocks())
+            if (!b->visited && handlers.count(b->label)) {
+                b->visited = true;
+                work.push_back(b);
+            }
+    }
     while (!work.empty()) {
         BBLK* b = work.back();
         work.pop_back();

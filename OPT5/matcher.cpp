@@ -296,7 +296,8 @@ bool match_less(const CANDIDATE& a, const CANDIDATE& b) {
         auto rank = [](const DFG* d) { return d->op == GE ? 0 : d->op == GT ? 1 : 2; };
         if (rank(pa->opd[0]) != rank(pb->opd[0])) return rank(pa->opd[0]) < rank(pb->opd[0]);
     }
-    // Originals before the twins made by commuting.
+    // A rule as the description wrote it (the flag set) before a twin made
+    // by commuting its operands (clear).
     if (a.rule->self_commuted != b.rule->self_commuted) return !a.rule->self_commuted;
     return false;
 }

@@ -1,6 +1,8 @@
 // Writing functions and the unit's global data back to the output I-file.
 #include <cstdio>
 #include <algorithm>
+#include <map>
+#include <set>
 #include <string>
 
 #include "DEBUG_DISABLE/switches.h"
@@ -227,6 +229,53 @@ struct jump_targets {
     bool contains(int label) const { return std::binary_search(labels.begin(), labels.end(), label); }
 };
 
+// The labels a function's jumps and its exception table name.
+jump_targets named_labels(const std::vector<BODY_ENTRY>& statements) {
+    jump_targets targets;
+    for (const BODY_ENTRY& e : statements)
+        if (e.kind == BODY_ENTRY::STMT) targets.add(e.tree);
+    for (const EHT_ENTRY& e : currfuninfo->eht) targets.labels.push_back(static_cast<int>(e.label));
+    targets.seal();
+    return targets;
+}
+
+// The exception table as written: an entry whose label the function no
+// longer has goes, unless it ends a cleanup or a kept entry names it as its
+// parent; the kept entries are numbered 1, 2, ... in table order.
+std::vector<EHT_ENTRY> kept_eht_entries(const std::vector<EHT_ENTRY>& eht, const std::set<int>& labels) {
+    std::vector<bool> kept(eht.size());
+    std::map<unsigned, size_t> by_id;
+    for (size_t i = 0; i < eht.size(); ++i) {
+        kept[i] = labels.count(static_cast<int>(eht[i].label)) || eht[i].kind == EHK_CLEANUP_END;
+        by_id[eht[i].id] = i;
+    }
+    std::vector<size_t> work;
+    for (size_t i = 0; i < eht.size(); ++i)
+        if (kept[i]) work.push_back(i);
+    while (!work.empty()) {
+        size_t i = work.back();
+        work.pop_back();
+        auto parent = by_id.find(eht[i].parent);
+        if (eht[i].parent != 0 && parent != by_id.end() && !kept[parent->second]) {
+            kept[parent->second] = true;
+            work.push_back(parent->second);
+        }
+    }
+    std::map<unsigned, unsigned> new_ids;
+    std::vector<EHT_ENTRY> out;
+    for (size_t i = 0; i < eht.size(); ++i)
+        if (kept[i]) {
+            new_ids[eht[i].id] = static_cast<unsigned>(out.size() + 1);
+            out.push_back(eht[i]);
+        }
+    for (EHT_ENTRY& e : out) {
+        e.id = new_ids[e.id];
+        auto parent = new_ids.find(e.parent);
+        e.parent = parent == new_ids.end() ? 0 : parent->second;
+    }
+    return out;
+}
+
 // The loop-header record in front of a loop's first block: its number,
 // its control variable when it has one, and its flags byte.
 void write_loop_icode(struct LOOP* loop) {
@@ -244,10 +293,9 @@ void write_loop_icode(struct LOOP* loop) {
 // loop's record.
 void wrbblocks() {
     build_loop_hierarchy(false, false, false, 0);
-    jump_targets targets;
-    for (BBLK* b : layout_blocks())
-        for (BODY_ENTRY& e : b->statements) targets.add(e.tree);
-    targets.seal();
+    std::vector<BODY_ENTRY> all;
+    for (BBLK* b : layout_blocks()) all.insert(all.end(), b->statements.begin(), b->statements.end());
+    jump_targets targets = named_labels(all);
     for (BBLK* b : layout_blocks()) {
         if (print_debug && FDEBUG) {
             DBG_CHECK(std::fprintf(FDEBUG, "\n++++(WRBBLOCKS): START NEXT BB, UON=%d, DFN=%d\n", b->label, b->dfn));
@@ -267,10 +315,7 @@ void wrbblocks() {
 // reading order, a label written where some jump names it.  The blocks
 // buildcfg would make begin at the same labels, so the output is the same.
 void wrstatements() {
-    jump_targets targets;
-    for (BODY_ENTRY& e : currfuninfo->body)
-        if (e.kind == BODY_ENTRY::STMT) targets.add(e.tree);
-    targets.seal();
+    jump_targets targets = named_labels(currfuninfo->body);
     for (BODY_ENTRY& e : currfuninfo->body) {
         if (e.kind != BODY_ENTRY::STMT) continue;
         if (e.tree->opcode == LABELDEF && !targets.contains(e.tree->value.as<int32_t>())) continue;
@@ -306,7 +351,17 @@ void write_func_body() {
         wrstatements();
     else
         wrbblocks();
-    if (!fi->eht.empty()) o_file->if_write_func_eht(fi->eht);
+    if (!fi->eht.empty()) {
+        std::set<int> labels;
+        if (flat) {
+            for (const BODY_ENTRY& e : fi->body)
+                if (e.kind == BODY_ENTRY::STMT && e.tree->opcode == LABELDEF) labels.insert(e.tree->value.as<int32_t>());
+        } else {
+            for (BBLK* b : layout_blocks()) labels.insert(b->label);
+        }
+        std::vector<EHT_ENTRY> kept = kept_eht_entries(fi->eht, labels);
+        if (!kept.empty()) o_file->if_write_func_eht(kept);
+    }
     PSN none;
     wrstcr(IR_END_FUNC, end ? const_cast<PSN*>(&end->pos) : &none);
 }

@@ -119,6 +119,27 @@ TEST_F(RoundTrip, WhatReadingNormalizes) {
     }
 }
 
+// A handler is entered by no jump: its block stays and its label is
+// written.  An entry whose label the function does not have goes, unless it
+// ends a cleanup or a kept entry is inside it; the kept ones are numbered
+// 1, 2, ... with their parents.
+TEST_F(RoundTrip, ExceptionTablesKeepTheirHandlersAndAreNumberedDensely) {
+    const std::string body =
+        "stmt P:0\nnode b:118 n:1\nnode b:4 n:1 i:0\nlabel n:5\nstmt P:0\nnode b:118 n:1\nnode b:4 n:1 i:1\n"
+        "label n:6\nstmt P:0\nnode b:118 n:1\nnode b:4 n:1 i:2\n"
+        "eht n:6 b:0 n:4 n:0 n:5 n:0 b:1 n:7 n:4 n:5 n:0 b:1 n:9 n:0 n:99 n:0 b:3 n:12 n:0 n:98 n:0 "
+        "b:2 n:15 n:0 n:6 n:0 b:0 n:20 n:0 n:97 n:0\n";
+    const std::string expected =
+        "stmt P:0\nnode b:118 n:1\nnode b:4 n:1 i:0\nlabel n:5\n"
+        "stmt P:0\nnode b:118 n:1\nnode b:4 n:1 i:1\nlabel n:6\n"
+        "stmt P:0\nnode b:118 n:1\nnode b:4 n:1 i:2\n"
+        "eht n:4 b:0 n:1 n:0 n:5 n:0 b:1 n:2 n:1 n:5 n:0 b:3 n:3 n:0 n:98 n:0 b:2 n:4 n:0 n:6 n:0\n";
+    for (const char* level : {"-o0", "-o2"}) {
+        std::string out = optimize(unit(body), {level});
+        EXPECT_EQ(main_section(out), leaf_prologue + expected + "end_func P:0\n") << level << "\n" << last.err;
+    }
+}
+
 TEST_F(RoundTrip, InterlistingCommentsStatementsButNotArgumentPrologues) {
     std::string body =
         "stmt P:0\nnode b:58 n:1\nnode b:4 n:1 i:1\nnode b:6 n:1\nnode b:4 n:1 i:2\nnode b:4 n:1 i:3\n"
