@@ -85,6 +85,12 @@ int64_t SIMD_CONFIGURATION::compute_pain_for_configuration(bool trace) {
 }
 
 int SIMD_CONFIGURATION::choose_SIMD_configuration_for_region(std::vector<SIMD_CONFIGURATION>& configs, int loop_uid) {
+    // debug:conservative_vec takes no factor that needs a peeled loop;
+    // debug:aggressive_vec takes a vector factor whenever one is left.
+    auto peeled = [](const SIMD_CONFIGURATION& c) { return c.sf > 1 && c.ptime > 0; };
+    bool any_vector = false;
+    for (const SIMD_CONFIGURATION& c : configs)
+        if (c.sf > 1 && !(pass_debug_conservative_vec && peeled(c))) any_vector = true;
     int best = -1;
     int64_t best_pain = 0;
     for (size_t i = 0; i < configs.size(); ++i) {
@@ -93,6 +99,14 @@ int SIMD_CONFIGURATION::choose_SIMD_configuration_for_region(std::vector<SIMD_CO
         info("Pain for loop #%d: SF=%d, time=%ld, space=%ld, ptime=%ld, pspace=%ld, pain=%ld\n", loop_uid, c.sf,
              static_cast<long>(c.time), static_cast<long>(c.space), static_cast<long>(c.ptime),
              static_cast<long>(c.pspace), static_cast<long>(pain));
+        if (pass_debug_conservative_vec && peeled(c)) {
+            debug("  SF=%d needs a peeled loop: not taken (debug:conservative_vec)\n", c.sf);
+            continue;
+        }
+        if (pass_debug_aggressive_vec && c.sf == 1 && any_vector) {
+            debug("  SF=1 not taken while a vector factor is left (debug:aggressive_vec)\n");
+            continue;
+        }
         if (best >= 0) {
             const SIMD_CONFIGURATION& b = configs[static_cast<size_t>(best)];
             if (best_pain < pain || (best_pain == pain && b.sf < c.sf)) continue;
@@ -537,6 +551,8 @@ bool peel_unroll_and_vectorize_loop(CDFG* region, bool completely_allowed) {
         debug("  loop #%d stays scalar\n", loop->uid);
         return false;
     }
+    if (pass_debug_SIMD)
+        for (DFG* root : forms[sf]) debug("  SIMD form (SF=%d): %s\n", sf, dfg_text(root).c_str());
     int factor = sf;
     bool completely = false;
     if (trips_known && completely_allowed) completely = unroll_completely_decision(loop, region, trips, factor);
@@ -647,6 +663,7 @@ void do_cd_vectorization() {
     FUNINFO* fi = currfuninfo;
     if (!fi || !fi->bb_list || opt_level() < 2) return;
     debug("\n\n\t\t\t---------- ENTERING 'do_cd_vectorization' ----------\n");
+    if (pass_debug_conservative_vec) debug(" simd-peeling DISABLED\n");
     if (!md_rule_base) matcher_init();
     build_loop_hierarchy(false, false, false, 0);
     std::vector<struct LOOP*> inner;

@@ -327,7 +327,13 @@ void wrstatements() {
 // the end of the locals), then the blocks, then the end of the function.
 void write_func_body() {
     FUNINFO* fi = currfuninfo;
-    // Without a flow graph the records are still among the statements.
+    // A function parked without its flow graph gets it again, so that its
+    // loops are found; the blocks begin at the labels its statements have,
+    // so the statements come out as they were.
+    if (!fi->bb_list && std::any_of(fi->body.begin(), fi->body.end(),
+                                    [](const BODY_ENTRY& e) { return e.kind == BODY_ENTRY::STMT; }))
+        buildcfg();
+    // Without statements the records are still in the body.
     bool flat = !fi->bb_list;
     const BODY_ENTRY* end = nullptr;
     for (BODY_ENTRY& e : flat ? fi->body : fi->scopes) {

@@ -4,6 +4,7 @@
 
 #include <memory>
 
+#include "DEBUG_DISABLE/switches.h"
 #include "OPT5/cdvect.h"
 #include "OPT5/cmdline.h"
 #include "OPT5/matcher.h"
@@ -37,6 +38,24 @@ TEST(SimdConfiguration, PainAndItsTieRule) {
     // A smaller pain wins whatever the factor.
     c = {config(2, 10, 0), config(4, 4, 0)};
     EXPECT_EQ(c[SIMD_CONFIGURATION::choose_SIMD_configuration_for_region(c, 1)].sf, 4);
+}
+
+// debug:conservative_vec takes no factor that leaves iterations to a peeled
+// loop; debug:aggressive_vec takes a vector factor whenever one is left,
+// however it is priced.
+TEST(SimdConfiguration, ConservativeAndAggressiveSwitches) {
+    std::vector<SIMD_CONFIGURATION> peeling{config(1, 10, 0), config(2, 4, 2)};
+    std::vector<SIMD_CONFIGURATION> dear{config(1, 1, 0), config(2, 100, 0)};
+    EXPECT_EQ(peeling[SIMD_CONFIGURATION::choose_SIMD_configuration_for_region(peeling, 1)].sf, 2);
+    EXPECT_EQ(dear[SIMD_CONFIGURATION::choose_SIMD_configuration_for_region(dear, 1)].sf, 1);
+    pass_debug_conservative_vec = 1;
+    EXPECT_EQ(peeling[SIMD_CONFIGURATION::choose_SIMD_configuration_for_region(peeling, 1)].sf, 1);
+    pass_debug_aggressive_vec = 1;  // the only vector factor needs peeling: none is left
+    EXPECT_EQ(peeling[SIMD_CONFIGURATION::choose_SIMD_configuration_for_region(peeling, 1)].sf, 1);
+    EXPECT_EQ(dear[SIMD_CONFIGURATION::choose_SIMD_configuration_for_region(dear, 1)].sf, 2);
+    pass_debug_conservative_vec = 0;
+    EXPECT_EQ(peeling[SIMD_CONFIGURATION::choose_SIMD_configuration_for_region(peeling, 1)].sf, 2);
+    pass_debug_aggressive_vec = 0;
 }
 
 TEST(SimdConfiguration, VectorTypeRepresentations) {

@@ -90,12 +90,12 @@ TEST_F(RoundTrip, WhatReadingNormalizes) {
          "stmt P:0\nnode b:58 n:1\nnode b:2 n:1 R:1:0\nnode b:25 n:1 S:\"-4294967296\"\n"},
         {"a branch to the label right after it is dropped; the label stays",
          "stmt P:0\nnode b:114 n:0\nnode b:1 n:0 n:7\nlabel n:7\nstmt P:0\nnode b:114 n:0\nnode b:1 n:0 n:7\n",
-         "label n:7\nstmt P:0\nnode b:114 n:0\nnode b:1 n:0 n:7\n"},
-        {"branches elsewhere stay",
+         "loop_header n:1 s:-1 s:0 b:224\nlabel n:7\nstmt P:0\nnode b:114 n:0\nnode b:1 n:0 n:7\n"},
+        {"branches elsewhere stay (the jump back to L7 makes a loop, marked for the code generator)",
          "stmt P:0\nnode b:114 n:0\nnode b:1 n:0 n:8\nlabel n:7\nstmt P:0\nnode b:114 n:0\nnode b:1 n:0 n:7\n"
          "label n:8\n",
-         "stmt P:0\nnode b:114 n:0\nnode b:1 n:0 n:8\nlabel n:7\nstmt P:0\nnode b:114 n:0\nnode b:1 n:0 n:7\n"
-         "label n:8\n"},
+         "stmt P:0\nnode b:114 n:0\nnode b:1 n:0 n:8\nloop_header n:1 s:-1 s:0 b:224\nlabel n:7\nstmt P:0\n"
+         "node b:114 n:0\nnode b:1 n:0 n:7\nlabel n:8\n"},
         {"a label that no jump names is not written", "label n:9\nstmt P:0\nnode b:4 n:1 i:1\n",
          "stmt P:0\nnode b:4 n:1 i:1\n"},
         {"scope records come before the statements",

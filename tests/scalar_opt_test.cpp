@@ -298,6 +298,22 @@ TEST_F(ScalarOpt, CountedLoopOver16BitArraysIsVectorized) {
     same_meaning({{0, 0}, {1, 0}, {2, 0}, {7, 0}, {10, 0}, {100, 0}, {-4, 0}, {-32767, 0}, {-32768, 0}});
 }
 
+// debug:conservative_vec leaves a loop scalar rather than add a peeled loop;
+// debug:SIMD lists the vector forms chosen.
+TEST_F(ScalarOpt, VectorizationSwitchesDecideAndShow) {
+    optimize(array_loop("n", sum), {"-o2", "--debug_file=dbg.txt", "--debug=skip_pass=45,conservative_vec"});
+    EXPECT_FALSE(has(statements(), "(i += 2)")) << output;
+    EXPECT_NE(slurp(dir.path / "dbg.txt").find(" simd-peeling DISABLED\n"), std::string::npos);
+    same_meaning({{0, 0}, {1, 0}, {7, 0}, {-4, 0}});
+    optimize(array_loop("8", sum), {"-o2", "--debug_file=dbg.txt", "--debug=skip_pass=45,conservative_vec"});
+    EXPECT_TRUE(has(statements(), "(i += 2)")) << output;  // 8 divides by 2: no peeled loop
+    optimize(array_loop("n", sum), {"-o2", "--debug_file=dbg.txt", "--debug=skip_pass=45,SIMD"});
+    EXPECT_TRUE(has(statements(), "(i += 2)")) << output;
+    std::string listing = slurp(dir.path / "dbg.txt");
+    EXPECT_NE(listing.find("  SIMD form (SF=2): "), std::string::npos) << listing.substr(0, 2000);
+    EXPECT_EQ(listing.find(" simd-peeling DISABLED"), std::string::npos);
+}
+
 TEST_F(ScalarOpt, ShortConstantLoopsAreUnrolledCompletely) {
     // Five iterations: the factor 2 is half of them, so it doubles to 4 and
     // two dual additions replace the loop but for one last iteration.
