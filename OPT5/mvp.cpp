@@ -419,17 +419,33 @@ void mvpIntegers::widen(const mvpIntegers& before, TYPE* type) {
 void mvpIntegers::refine(const NODE* test, bool holds, const NODE* var_use) {
     if (state_ != VALUE || !test || !var_use) return;
     int op = test->opcode;
-    if (op < EQ || op > GT || test->left != var_use || !test->right || test->right->opcode != ICON) return;
+    if (op < EQ || op > UGT) return;
+    // The variable on the right: c < x is x > c.
+    const NODE* bound = test->left == var_use ? test->right : test->right == var_use ? test->left : nullptr;
+    if (!bound || bound->opcode != ICON) return;
+    if (bound == test->left) op = commute_inv[op];
     if (!holds) op = boolean_inv[op];
-    INT65 c = test->right->value;
+    INT65 c = bound->value;
     INT65 lo = minimum(), hi = maximum();
+    // An unsigned variable's values are held as they compare unsigned.
+    if (op >= ULE && op <= UGT) {
+        if (!var_use->type || !var_use->type->is_unsigned() || lo.is_negative() || c.is_negative()) return;
+        op = op == ULE ? LE : op == ULT ? LT : op == UGE ? GE : GT;
+    }
     switch (op) {
     case EQ: lo = max65(lo, c); hi = min65(hi, c); break;
     case LT: hi = min65(hi, c - INT65(1)); break;
     case LE: hi = min65(hi, c); break;
     case GT: lo = max65(lo, c + INT65(1)); break;
     case GE: lo = max65(lo, c); break;
-    default: return;  // x != c removes at most one value
+    case NEQ:
+        // x != c takes c out of a set, or off either end of a range.
+        if (exact_) break;
+        if (c == lo) lo = lo + stride_;
+        else if (c == hi) hi = hi - stride_;
+        else return;
+        break;
+    default: return;
     }
     if (hi < lo) {  // the test can't come out this way: no value flows here
         set_top();
@@ -438,7 +454,11 @@ void mvpIntegers::refine(const NODE* test, bool holds, const NODE* var_use) {
     if (exact_) {
         std::vector<INT65> kept;
         for (const INT65& v : values_)
-            if (v >= lo && v <= hi) kept.push_back(v);
+            if (v >= lo && v <= hi && !(op == NEQ && v == c)) kept.push_back(v);
+        if (kept.empty()) {  // the test can't come out this way
+            set_top();
+            return;
+        }
         set_top();
         for (const INT65& v : kept) merge_constant_integer_value(v);
         return;
@@ -717,9 +737,12 @@ ssa_integers_mvp::USE_PATH ssa_integers_mvp::find_use_path(const NODE* use) cons
             const NODE* test = last->left;
             bool jumps_here = last->right->value == INT65(cur->label);
             bool falls_here = pred->next == cur;
-            if (jumps_here != falls_here && test->left && test->left->opcode == NAME &&
-                ssa_.reaching_definition(test->left) == def)
-                path.tests.emplace_back(test, jumps_here);
+            if (jumps_here != falls_here)
+                for (const NODE* side : {test->left, test->right})
+                    if (side && side->opcode == NAME && ssa_.reaching_definition(side) == def) {
+                        path.tests.push_back({test, jumps_here, side});
+                        break;
+                    }
         }
         cur = pred;
     }
@@ -730,9 +753,9 @@ mvpIntegers ssa_integers_mvp::eval_reaching_definition(const NODE* use) {
     // Once the value is neither exact nor a range, no test narrows it.
     auto narrowed = [&](const USE_PATH& path) {
         mvpIntegers mv = value_of(path.def);
-        for (const auto& [test, holds] : path.tests) {
+        for (const USE_PATH::TEST& t : path.tests) {
             if (!mv.is_exact() && !mv.is_inexact()) break;
-            mv.refine(test, holds, test->left);
+            mv.refine(t.test, t.holds, t.var);
         }
         return mv;
     };

@@ -58,7 +58,8 @@ public:
     // that moved since goes to the end of `type`, the stride stays.
     void widen(const mvpIntegers& before, TYPE* type);
     // Narrows the value with the fact that `test` (a comparison of the
-    // variable `var_use` with a constant, or its inversion) holds.
+    // variable `var_use` with a constant, on either side, or its inversion)
+    // holds.  Unsigned comparisons narrow an unsigned variable.
     void refine(const NODE* test, bool holds, const NODE* var_use);
 
     // Evaluation of one operation on the operands' metavalues; the result
@@ -139,7 +140,12 @@ private:
     // when no tree changes, each use's are found once.
     struct USE_PATH {
         SSA_DEFINITION* def = nullptr;
-        std::vector<std::pair<const NODE*, bool>> tests;
+        struct TEST {
+            const NODE* test;
+            bool holds;
+            const NODE* var;  // the operand of the test that reads the definition
+        };
+        std::vector<TEST> tests;
     };
     USE_PATH find_use_path(const NODE* use) const;
     ptr_map<const NODE*, USE_PATH> use_paths_;

@@ -190,6 +190,27 @@ TEST_F(ScalarOpt, ValueRangesDecideTestsInLoops) {
     same_meaning(samples);
 }
 
+// Tests narrow the value of what they compare whichever side the constant
+// is on; x != c takes c out of what x may be; an unsigned comparison
+// narrows an unsigned variable.  Every test the narrowed values decide goes,
+// and with it the return of -1 they guarded.
+TEST_F(ScalarOpt, TestsNarrowValuesWithTheConstantOnEitherSide) {
+    MiniFunction f{"f", {"a", "b"}, {"x", "y", "u:z"}};
+    f.body = {"(= x (& a 15))", "(= y (& b 1))", "(= z (& a 7u))",
+              "(if (>= 10 x) 1)",           // falls here when 10 < x: x is 11..15
+              "(if (< x 6) 3)", "(ret x)",
+              "L1:", "(if (> x 12) 3)",     // 10 >= x
+              "(if (!= y 0) 4)", "(if (u< z 4u) 5)",
+              "(if (u>= z 4u) 6)", "(ret 7)",  // z u< 4 did not hold: z is 4..7 here
+              "L6:", "(if (u< z 3u) 3)", "(ret 8)",
+              "L5:", "(if (u> z 5u) 3)", "(ret 9)",
+              "L4:", "(if (== y 0) 3)", "(ret y)",  // y != 0: y is 1
+              "L3:", "(ret -1)"};
+    optimize(f, {"-o2"});
+    for (const std::string& s : statements()) EXPECT_EQ(s.find("-1"), std::string::npos) << output;
+    same_meaning(samples);
+}
+
 TEST_F(ScalarOpt, LongLoopsKeepTheirBoundsAndStrides) {
     // i takes 500 values, many more than a value set holds or propagation
     // follows one by one: it is widened, and the loop's test brings its
