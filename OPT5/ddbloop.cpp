@@ -197,6 +197,8 @@ namespace {
 INT65 ceil_div(INT65 a, INT65 b) { return (a + b - INT65(1)) / b; }
 
 void dump_loops() {
+    // The hierarchy's dump belongs to the flow graph's module.
+    const char* const THIS_MODULE = "OPT5/bbutils";
     if (!print_debug || !FDEBUG) return;
     DBG_CHECK(std::fprintf(FDEBUG, "\n\n\t\t\t---------- ENTERING 'build_loop_hierarchy' -------\n"));
     for (struct LOOP* l : currfuninfo->loops) {

@@ -196,8 +196,8 @@ BBLK* Dominator::DFSblock(int dfn) {
     refresh();
     if (dfn < 1 || dfn > count_) {
         if (print_debug && FDEBUG)
-            std::fprintf(FDEBUG, " Error attempting to find BB with dfn=%d (currfuninfo->bb_count=%d)\n", dfn,
-                         currfuninfo->bb_count);
+            DBG_CHECK(std::fprintf(FDEBUG, " Error attempting to find BB with dfn=%d (currfuninfo->bb_count=%d)\n",
+                                   dfn, currfuninfo->bb_count));
         abort_optimizer();
     }
     return blocks_[dfn];
