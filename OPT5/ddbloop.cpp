@@ -10,6 +10,7 @@
 #include "OPT5/dominator.h"
 #include "OPT5/globals.h"
 #include "OPT5/node.h"
+#include "OPT5/simp.h"
 #include "OPT5/symtab.h"
 
 namespace {
@@ -76,9 +77,23 @@ bool normalise_loops(bool only_if_loops) {
                 if (e->bb != p && (e->bb->dfn < h->dfn || e->bb == lmax)) movers.push_back(e->bb);
             for (BBLK* m : movers) move_edge(m, h, p);
         } else {
-            // One shared latch T for every back edge.  T goes right after
-            // Lmax, unless Lmax falls into its next block: then at the end.
-            BBLK* after = falls_through(lmax) && lmax->next ? currfuninfo->bb_list->prev : lmax;
+            // One shared latch T for every back edge, right after Lmax.  When
+            // Lmax goes on into its next block N if its test fails, the test
+            // is turned round: Lmax jumps to N and falls into T.  (A latch
+            // ending otherwise gets T at the end of the layout.)
+            BBLK* after = lmax;
+            if (falls_through(lmax) && lmax->next) {
+                NODE* jump = lmax->statements.empty() ? nullptr : lmax->statements.back().tree;
+                BBLK* n = lmax->next;
+                if (jump && jump->opcode == CBRANCH && jump->right && jump->right->opcode == LABEL &&
+                    jump->right->value == INT65(h->label) && n != h) {
+                    if (!n->label) n->label = new_label_number();
+                    jump->left = invert_boolean_tree(jump->left);
+                    jump->right->value = INT65(n->label);
+                } else {
+                    after = currfuninfo->bb_list->prev;
+                }
+            }
             BBLK* t = new_jump_block(after, h);
             for (BBLK* l : latches) move_edge(l, h, t);
         }

@@ -4,6 +4,7 @@
 #include "OPT5/bbutils.h"
 #include "OPT5/ddbloop.h"
 #include "OPT5/dominator.h"
+#include "OPT5/opt_client.h"
 #include "OPT5/globals.h"
 #include "OPT5/node.h"
 #include "OPT5/opcodes.h"
@@ -16,6 +17,7 @@ class Cfg : public ::testing::Test {
 protected:
     void SetUp() override {
         init_opcode_tables();
+        init_types();  // the run's package, for the types the passes make
         currfuninfo = &fi;
         i.name = "i";
         c.name = "c";
@@ -316,6 +318,15 @@ TEST_F(Cfg, ThreeBackEdgesShareOneLatch) {
     EXPECT_EQ(edge_length(l->head->predecessors), 2);  // the entry and the shared latch
     EXPECT_EQ(l->tail->statements.size(), 1u);        // the new block: one jump
     EXPECT_EQ(l->tail->last_tree()->opcode, BRANCH);
+    // It stands right after the last latch, whose test is turned round to
+    // go on to the return, which it used to fall into.
+    BBLK* lmax = l->tail->prev;
+    ASSERT_NE(lmax->last_tree(), nullptr);
+    EXPECT_EQ(stmt2infix(lmax->last_tree()), "CBRANCH((c >= 4), L" + std::to_string(l->tail->next->label) + ")");
+    EXPECT_EQ(l->tail->next->last_tree()->opcode, URETURN);
+    EXPECT_TRUE(edge_memberp(l->tail, lmax->successors));
+    EXPECT_TRUE(edge_memberp(l->tail->next, lmax->successors));
+    EXPECT_FALSE(edge_memberp(l->head, lmax->successors));
 }
 
 TEST_F(Cfg, IrreducibleFlowHasNoLoops) {
