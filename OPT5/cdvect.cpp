@@ -450,6 +450,17 @@ DFG* vectorise(DFG* d, CDSTMT* s, int sf, std::map<DFG*, DFG*>& made) {
     return v;
 }
 
+// Reverts the OP and XOP nodes of a graph to generic operations; false when
+// one is left.
+bool generic_form(DFG* d) {
+    if (!d) return true;
+    if (d->op == DFG_TARGET) revert_OP_and_XOP_to_generic_node(d, nullptr);
+    if (d->op == DFG_TARGET) return false;
+    for (int i = 0; i < d->nopd; ++i)
+        if (!generic_form(d->opd[i])) return false;
+    return true;
+}
+
 int64_t scalar_cost(DFG* d, bool space) {
     if (!d || d->op == DFG_RCUSE) return 0;
     int64_t c = d->op == DFG_FETCH || d->op == DFG_STORE ? (space ? std::max(0, space_of_dfg_node(d)) : memory_access_cost(d))
@@ -551,6 +562,13 @@ bool peel_unroll_and_vectorize_loop(CDFG* region, bool completely_allowed) {
         debug("  loop #%d stays scalar\n", loop->uid);
         return false;
     }
+    // Target operations (OP/XOP) go back to the generic operations they
+    // stand for; one that has none can't be written as a tree.
+    for (DFG* root : forms[sf])
+        if (!generic_form(root)) {
+            debug("  loop #%d stays scalar: %s has no generic form\n", loop->uid, dfg_text(root).c_str());
+            return false;
+        }
     if (pass_debug_SIMD)
         for (DFG* root : forms[sf]) debug("  SIMD form (SF=%d): %s\n", sf, dfg_text(root).c_str());
     int factor = sf;
