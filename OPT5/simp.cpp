@@ -1107,6 +1107,22 @@ NODE* expunge_IDENTITY_ops_from_tree(NODE* tree) {
     return tree;
 }
 
+// A part of a complex value made of its parts is that part, when the other
+// part has no effects: REAL(COMPLEX(a, b)) is a, IMAG(COMPLEX(a, b)) is b.
+NODE* simp_complex_part(NODE* n) {
+    NODE* c = n->left;
+    if (!c || c->opcode != COMPLEX || !c->left || !c->right || !c->type || !n->type) return n;
+    TYPE* complex = c->type->stripped();
+    if (complex->kind != TYPE::COMPLEX_T || !complex->base) return n;
+    NODE* part = n->opcode == REAL ? c->left : c->right;
+    NODE* other = n->opcode == REAL ? c->right : c->left;
+    if (has_side_effects(other) || !part->type || part->type->stripped() != complex->part_type()->stripped() ||
+        n->type->stripped() != complex->part_type()->stripped())
+        return n;
+    n->left = keep_operand(c, part);
+    return keep_operand(n, n->left);
+}
+
 NODE* simp_node(NODE* n, struct LOOP* loop) {
     if (!n) return n;
     int op = n->opcode;
@@ -1212,6 +1228,8 @@ NODE* simp_node(NODE* n, struct LOOP* loop) {
     case SCONV: return simp_SCONV(n);
     case PCONV: return simp_PCONV(n);
     case MEMCPY: return simp_MEMCPY(n);
+    case REAL:
+    case IMAG: return simp_complex_part(n);
     case VSCONV:
     case VRCONV:
     case VFIELD:

@@ -51,6 +51,7 @@ NODE* simp_STREF(NODE* n, struct LOOP* loop);
 NODE* simp_SCONV(NODE* n);
 NODE* simp_PCONV(NODE* n);
 NODE* simp_MEMCPY(NODE* n);
+NODE* simp_complex_part(NODE* n);  // REAL and IMAG
 NODE* simp_vector_node(NODE* n);
 NODE* simp_vector_VSCONV(NODE* n);
 NODE* simp_vector_VRCONV(NODE* n);

@@ -120,6 +120,12 @@ TYPE* TYPE::elem_type() {
     return t->base;
 }
 
+TYPE* TYPE::part_type() {
+    TYPE* t = stripped();
+    if (t->kind != COMPLEX_T || !t->base) tp_die("Bad kind:  TYPE::part_type()");
+    return t->base;
+}
+
 TYPE* TYPE::underlying_type() {
     TYPE* t = resolved();
     if (t->kind != ENUM_T && t->kind != TYPEDEF_T && t->kind != QUAL_T) tp_die("Bad kind:  TYPE::underlying_type");

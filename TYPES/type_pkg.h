@@ -119,6 +119,7 @@ public:
 
     TYPE* type_pointed_to();
     TYPE* elem_type();
+    TYPE* part_type();  // a complex type's real (and imaginary) part
     TYPE* underlying_type();
     TYPE* getr(KIND k);   // the type of kind k behind typedefs/qualifiers; fatal otherwise
     TYPE* getd(KIND k);   // the same, or null

@@ -116,6 +116,19 @@ TEST_F(Simp, BooleanInversion) {
     EXPECT_EQ(boolean_inv[FORD], FUNO);
 }
 
+// A part of a complex value made of its parts is that part, unless the
+// other part has effects; only a complex type has a part type.
+TEST_F(Simp, PartsOfComplexValuesMadeOfTheirParts) {
+    TYPE* c16 = type_pkg->mk_complex(i16);
+    EXPECT_EQ(c16->part_type(), i16);
+    EXPECT_EQ(simp(mktree(REAL, i16, mktree(COMPLEX, c16, name(x), name(y)))), "x");
+    EXPECT_EQ(simp(mktree(IMAG, i16, mktree(COMPLEX, c16, name(x), k(3)))), "3");
+    // The part that goes may not change anything: x++ stays.
+    EXPECT_EQ(simp(mktree(IMAG, i16, mktree(COMPLEX, c16, mktree(PLUSPLUS, i16, name(x), k(1)), name(y)))),
+              "IMAG(COMPLEX(PLUSPLUS(x, 1), y))");
+    EXPECT_EXIT(i16->part_type(), ::testing::ExitedWithCode(1), "Bad kind:  TYPE::part_type\\(\\)");
+}
+
 TEST_F(Simp, RewritesKeepValuesExact) {
     EXPECT_EQ(simp(mktree(PLUS, i16, k(32767), k(1))), "-32768");
     EXPECT_EQ(simp(mktree(MINUS, u16, k(0, u16), k(1, u16))), "65535");
