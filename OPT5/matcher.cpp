@@ -285,6 +285,13 @@ int build_rule_tables(RULE_BASE* rb) {
 bool match_less(const CANDIDATE& a, const CANDIDATE& b) {
     const DFG* pa = a.rule->pattern;
     const DFG* pb = b.rule->pattern;
+    // debug:nfa_by_cost: the cheaper replacement first, as the description
+    // prices it.
+    if (pass_debug_nfa_by_cost && md_rule_base) {
+        int ca = md_rule_base->cost_of_dfg_and_children(a.rule->templt, 16);
+        int cb = md_rule_base->cost_of_dfg_and_children(b.rule->templt, 16);
+        if (ca != cb) return ca < cb;
+    }
     if (pa->size() != pb->size()) return pa->size() > pb->size();
     if (a.rule->sf != b.rule->sf) return a.rule->sf > b.rule->sf;
     if (root_element_size(pa) != root_element_size(pb)) return root_element_size(pa) < root_element_size(pb);

@@ -2,6 +2,8 @@
 // compiled into the optimizer and with rule bases parsed in the test.
 #include <gtest/gtest.h>
 
+#include "DEBUG_DISABLE/switches.h"
+
 #include <memory>
 
 #include "OPT5/matcher.h"
@@ -133,6 +135,24 @@ TEST_F(Matcher, CandidatesPreferBiggerPatternsAndWhenClauses) {
     EXPECT_EQ(c[2].rule->line, 5);
     EXPECT_EQ(c[3].rule->line, 4);
     for (size_t i = 0; i + 1 < c.size(); ++i) EXPECT_FALSE(match_less(c[i + 1], c[i]));
+}
+
+// debug:nfa_by_cost puts the candidate whose replacement the description
+// prices lowest first, before the size of the pattern.
+TEST_F(Matcher, CandidatesByCostWhenAsked) {
+    use_rules("( ICODE (MINUS : I16 a b) COST 5 )\n"
+              "( SIMPLIFY (PLUS : I16 (MULT : I16 a b) c) AS (MINUS : I16 a c) )\n"
+              "( SIMPLIFY (PLUS : I16 a b) AS a )\n");
+    DFG* n = node(PLUS, node(MULT, reg("a"), reg("b")), reg("c"));
+    std::deque<CANDIDATE> c = find_candidates(simplify_only_rules, n, 0);
+    ASSERT_GE(c.size(), 2u);
+    EXPECT_EQ(c[0].rule->line, 5);  // the bigger pattern
+    pass_debug_nfa_by_cost = 1;
+    c = find_candidates(simplify_only_rules, n, 0);
+    for (size_t i = 0; i + 1 < c.size(); ++i) EXPECT_FALSE(match_less(c[i + 1], c[i]));
+    pass_debug_nfa_by_cost = 0;
+    ASSERT_GE(c.size(), 2u);
+    EXPECT_EQ(c[0].rule->line, 6);  // the replacement that costs nothing
 }
 
 TEST_F(Matcher, RunawaySimplificationKeepsTheNode) {
