@@ -69,19 +69,26 @@ TEST(SimdConfiguration, VectorTypeRepresentations) {
     EXPECT_EXIT(vector_TREP_for_SF(i16, 0), ::testing::ExitedWithCode(1), "");
 }
 
+// A rule base parsed from description text after the header; null (with
+// the test failed) on an error.
+std::unique_ptr<RULE_BASE> description(const std::string& body) {
+    std::string text = "OPTIMIZER MACHINE DESCRIPTION : \"T\"\nTARGETS : BRV\nENDIAN : LITTLE\n" + body;
+    std::vector<MD_LEXED> lexed;
+    std::string error;
+    EXPECT_TRUE(md_lex(text, lexed, error)) << error;
+    std::vector<MD_TOKEN> toks = md_token_array(lexed);
+    std::unique_ptr<RULE_BASE> rb(parse_md_tokens(toks.data(), true, &error));
+    EXPECT_TRUE(rb) << error;
+    return rb;
+}
+
 class MemoryCost : public ::testing::Test {
 protected:
     void SetUp() override {
         init_opcode_tables();
-        std::string text = "OPTIMIZER MACHINE DESCRIPTION : \"T\"\nTARGETS : BRV\nENDIAN : LITTLE\n"
-                           "( ICODE (FETCH : I16 [16] a) COST 3 )\n( ICODE (STORE : I16 [4] a b) COST 2 )\n"
-                           "( ICODE (STORE : I16 [2] a b) COST 1 )\n( ICODE (STORE : I16 a b) COST 1 )\n";
-        std::vector<MD_LEXED> lexed;
-        std::string error;
-        ASSERT_TRUE(md_lex(text, lexed, error)) << error;
-        std::vector<MD_TOKEN> toks = md_token_array(lexed);
-        rb.reset(parse_md_tokens(toks.data(), true, &error));
-        ASSERT_TRUE(rb) << error;
+        rb = description("( ICODE (FETCH : I16 [16] a) COST 3 )\n( ICODE (STORE : I16 [4] a b) COST 2 )\n"
+                         "( ICODE (STORE : I16 [2] a b) COST 1 )\n( ICODE (STORE : I16 a b) COST 1 )\n");
+        ASSERT_TRUE(rb);
         saved = md_rule_base;
         md_rule_base = rb.get();
     }
@@ -141,15 +148,10 @@ TEST_F(MemoryCost, LoopOverheadIsPricedByTheDescription) {
     i.name = "i";
     i.type = type_pkg->mk_int(TYPE::IK_INT, true);
     EXPECT_EQ(cd_loop_overhead(&i, false), 0);  // this description declares neither
-    std::string text = "OPTIMIZER MACHINE DESCRIPTION : \"T\"\nTARGETS : BRV\nENDIAN : LITTLE\n"
-                       "DEFAULT COST : 1\nDEFAULT LATENCY : 1\nDEFAULT SPACE : 2\n"
-                       "( ICODE (PLUS : I16 a b) COST 3 SPACE 1 )\n( ICODE (LT : I16 a b) COST 4 )\n";
-    std::vector<MD_LEXED> lexed;
-    std::string error;
-    ASSERT_TRUE(md_lex(text, lexed, error)) << error;
-    std::vector<MD_TOKEN> toks = md_token_array(lexed);
-    std::unique_ptr<RULE_BASE> priced(parse_md_tokens(toks.data(), true, &error));
-    ASSERT_TRUE(priced) << error;
+    std::unique_ptr<RULE_BASE> priced = description(
+        "DEFAULT COST : 1\nDEFAULT LATENCY : 1\nDEFAULT SPACE : 2\n"
+        "( ICODE (PLUS : I16 a b) COST 3 SPACE 1 )\n( ICODE (LT : I16 a b) COST 4 )\n");
+    ASSERT_TRUE(priced);
     md_rule_base = priced.get();
     EXPECT_EQ(cd_loop_overhead(&i, false), 7);
     EXPECT_EQ(cd_loop_overhead(&i, true), 3);  // the comparison takes the default space
