@@ -417,29 +417,44 @@ void mvpIntegers::widen(const mvpIntegers& before, TYPE* type) {
 }
 
 void mvpIntegers::refine(const NODE* test, bool holds, const NODE* var_use) {
-    if (state_ != VALUE || !test || !var_use) return;
+    if (!test || !var_use) return;
+    const NODE* bound = test->left == var_use ? test->right : test->right == var_use ? test->left : nullptr;
+    if (!bound || bound->opcode != ICON) return;
+    mvpIntegers c;
+    c.merge_constant_integer_value(bound->value);
+    refine(test, holds, var_use, c);
+}
+
+void mvpIntegers::refine(const NODE* test, bool holds, const NODE* var_use, const mvpIntegers& other) {
+    if (state_ != VALUE || other.state_ != VALUE || !test || !var_use) return;
     int op = test->opcode;
     if (op < EQ || op > UGT) return;
     // The variable on the right: c < x is x > c.
-    const NODE* bound = test->left == var_use ? test->right : test->right == var_use ? test->left : nullptr;
-    if (!bound || bound->opcode != ICON) return;
-    if (bound == test->left) op = commute_inv[op];
+    if (test->left != var_use && test->right != var_use) return;
+    if (test->right == var_use) op = commute_inv[op];
     if (!holds) op = boolean_inv[op];
-    INT65 c = bound->value;
+    INT65 olo = other.minimum(), ohi = other.maximum();
     INT65 lo = minimum(), hi = maximum();
-    // An unsigned variable's values are held as they compare unsigned.
+    if (!var_use->type) return;
+    // An unsigned variable's values are held as they compare unsigned; a
+    // signed comparison reads them so only below the sign bit.
     if (op >= ULE && op <= UGT) {
-        if (!var_use->type || !var_use->type->is_unsigned() || lo.is_negative() || c.is_negative()) return;
+        if (!var_use->type->is_unsigned() || lo.is_negative() || olo.is_negative()) return;
         op = op == ULE ? LE : op == ULT ? LT : op == UGE ? GE : GT;
+    } else if (var_use->type->is_unsigned()) {
+        unsigned w = int_width(var_use->type);
+        if (w == 0 || w > 64 || hi >= (INT65(1) << INT65(static_cast<long long>(w - 1)))) return;
     }
+    INT65 c = olo;  // the other side, when it is one value
     switch (op) {
-    case EQ: lo = max65(lo, c); hi = min65(hi, c); break;
-    case LT: hi = min65(hi, c - INT65(1)); break;
-    case LE: hi = min65(hi, c); break;
-    case GT: lo = max65(lo, c + INT65(1)); break;
-    case GE: lo = max65(lo, c); break;
+    case EQ: lo = max65(lo, olo); hi = min65(hi, ohi); break;
+    case LT: hi = min65(hi, ohi - INT65(1)); break;
+    case LE: hi = min65(hi, ohi); break;
+    case GT: lo = max65(lo, olo + INT65(1)); break;
+    case GE: lo = max65(lo, olo); break;
     case NEQ:
         // x != c takes c out of a set, or off either end of a range.
+        if (olo != ohi) return;
         if (exact_) break;
         if (c == lo) lo = lo + stride_;
         else if (c == hi) hi = hi - stride_;
@@ -755,7 +770,21 @@ mvpIntegers ssa_integers_mvp::eval_reaching_definition(const NODE* use) {
         mvpIntegers mv = value_of(path.def);
         for (const USE_PATH::TEST& t : path.tests) {
             if (!mv.is_exact() && !mv.is_inexact()) break;
-            mv.refine(t.test, t.holds, t.var);
+            const NODE* other = t.test->left == t.var ? t.test->right : t.test->left;
+            if (!other || other->opcode == ICON) {
+                mv.refine(t.test, t.holds, t.var);
+                continue;
+            }
+            // Against another value: what it may be bounds this one.  The
+            // values of the other side read here become inputs of the
+            // definition evaluated, so it is evaluated again when they grow.
+            bool unsigned_test = t.test->opcode >= ULE && t.test->opcode <= UGT;
+            if (other_depth_ >= 2 || !is_integer_type(other->type) || other->type->is_unsigned() != unsigned_test)
+                continue;
+            ++other_depth_;
+            mvpIntegers o = eval_expr(other);
+            --other_depth_;
+            mv.refine(t.test, t.holds, t.var, o);
         }
         return mv;
     };

@@ -61,6 +61,8 @@ public:
     // variable `var_use` with a constant, on either side, or its inversion)
     // holds.  Unsigned comparisons narrow an unsigned variable.
     void refine(const NODE* test, bool holds, const NODE* var_use);
+    // The same against what the other side of the test may be.
+    void refine(const NODE* test, bool holds, const NODE* var_use, const mvpIntegers& other);
 
     // Evaluation of one operation on the operands' metavalues; the result
     // replaces this value.
@@ -129,6 +131,7 @@ private:
     std::vector<int> changes_;  // per definition, to widen ranges that keep growing
     std::vector<std::vector<int>> users_;  // per definition, those whose evaluation read it
     std::vector<char> evaluated_;          // per definition, evaluated at least once
+    int other_depth_ = 0;                  // nesting of tests read against other values
     int evaluating_ = -1;                  // the definition being evaluated
 
     // A definition's value, read while evaluating another (the edge is kept).

@@ -230,10 +230,11 @@ struct jump_targets {
 };
 
 // The labels a function's jumps and its exception table name.
-jump_targets named_labels(const std::vector<BODY_ENTRY>& statements) {
+jump_targets named_labels(const std::vector<std::vector<BODY_ENTRY>*>& lists) {
     jump_targets targets;
-    for (const BODY_ENTRY& e : statements)
-        if (e.kind == BODY_ENTRY::STMT) targets.add(e.tree);
+    for (const std::vector<BODY_ENTRY>* list : lists)
+        for (const BODY_ENTRY& e : *list)
+            if (e.kind == BODY_ENTRY::STMT) targets.add(e.tree);
     for (const EHT_ENTRY& e : currfuninfo->eht) targets.labels.push_back(static_cast<int>(e.label));
     targets.seal();
     return targets;
@@ -293,9 +294,9 @@ void write_loop_icode(struct LOOP* loop) {
 // loop's record.
 void wrbblocks() {
     build_loop_hierarchy(false, false, false, 0);
-    std::vector<BODY_ENTRY> all;
-    for (BBLK* b : layout_blocks()) all.insert(all.end(), b->statements.begin(), b->statements.end());
-    jump_targets targets = named_labels(all);
+    std::vector<std::vector<BODY_ENTRY>*> lists;
+    for (BBLK* b : layout_blocks()) lists.push_back(&b->statements);
+    jump_targets targets = named_labels(lists);
     for (BBLK* b : layout_blocks()) {
         if (print_debug && FDEBUG) {
             DBG_CHECK(std::fprintf(FDEBUG, "\n++++(WRBBLOCKS): START NEXT BB, UON=%d, DFN=%d\n", b->label, b->dfn));
@@ -315,7 +316,7 @@ void wrbblocks() {
 // reading order, a label written where some jump names it.  The blocks
 // buildcfg would make begin at the same labels, so the output is the same.
 void wrstatements() {
-    jump_targets targets = named_labels(currfuninfo->body);
+    jump_targets targets = named_labels({&currfuninfo->body});
     for (BODY_ENTRY& e : currfuninfo->body) {
         if (e.kind != BODY_ENTRY::STMT) continue;
         if (e.tree->opcode == LABELDEF && !targets.contains(e.tree->value.as<int32_t>())) continue;

@@ -211,6 +211,23 @@ TEST_F(ScalarOpt, TestsNarrowValuesWithTheConstantOnEitherSide) {
     same_meaning(samples);
 }
 
+// A test against another variable bounds a value by what that variable may
+// be: below i < n, with n at most 15, i is at most 14 and i > 20 never
+// holds.  A test against an argument, which may be anything, decides
+// nothing: i > b stays.
+TEST_F(ScalarOpt, TestsAgainstOtherVariablesBoundValues) {
+    MiniFunction f{"f", {"a", "b"}, {"s", "i", "n"}};
+    f.body = {"(= n (& a 15))", "(= s 0)", "(= i 0)", "L1:", "(if (>= i n) 2)", "(if (> i 20) 3)", "(if (> i b) 4)",
+              "(+= s i)", "(+= i 1)", "(goto 1)", "L2:", "(ret s)", "L3:", "(ret -1)", "L4:", "(ret -2)"};
+    optimize(f, {"-o2", "--debug=skip_pass=37"});  // the loop stays a loop
+    std::vector<std::string> st = statements();
+    for (const std::string& s : st) EXPECT_EQ(s.find("-1"), std::string::npos) << output;
+    EXPECT_NE(std::find_if(st.begin(), st.end(), [](const std::string& s) { return s.find("-2") != std::string::npos; }),
+              st.end())
+        << output;
+    same_meaning(samples);
+}
+
 TEST_F(ScalarOpt, LongLoopsKeepTheirBoundsAndStrides) {
     // i takes 500 values, many more than a value set holds or propagation
     // follows one by one: it is widened, and the loop's test brings its
