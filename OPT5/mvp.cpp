@@ -768,23 +768,28 @@ mvpIntegers ssa_integers_mvp::eval_reaching_definition(const NODE* use) {
     // Once the value is neither exact nor a range, no test narrows it.
     auto narrowed = [&](const USE_PATH& path) {
         mvpIntegers mv = value_of(path.def);
+        // A test against another value bounds this one by what that may be.
+        // The other sides are read first, whatever the values are now: the
+        // edges of the definition evaluated are recorded on its first
+        // evaluation, and it must be evaluated again when they grow.
+        std::vector<mvpIntegers> others;
         for (const USE_PATH::TEST& t : path.tests) {
-            if (!mv.is_exact() && !mv.is_inexact()) break;
             const NODE* other = t.test->left == t.var ? t.test->right : t.test->left;
-            if (!other || other->opcode == ICON) {
-                mv.refine(t.test, t.holds, t.var);
-                continue;
-            }
-            // Against another value: what it may be bounds this one.  The
-            // values of the other side read here become inputs of the
-            // definition evaluated, so it is evaluated again when they grow.
             bool unsigned_test = t.test->opcode >= ULE && t.test->opcode <= UGT;
-            if (other_depth_ >= 2 || !is_integer_type(other->type) || other->type->is_unsigned() != unsigned_test)
+            others.emplace_back();
+            if (!other || other->opcode == ICON || other_depth_ >= 2 || !is_integer_type(other->type) ||
+                other->type->is_unsigned() != unsigned_test)
                 continue;
             ++other_depth_;
-            mvpIntegers o = eval_expr(other);
+            others.back() = eval_expr(other);
             --other_depth_;
-            mv.refine(t.test, t.holds, t.var, o);
+        }
+        for (size_t k = 0; k < path.tests.size(); ++k) {
+            const USE_PATH::TEST& t = path.tests[k];
+            if (!mv.is_exact() && !mv.is_inexact()) break;
+            const NODE* other = t.test->left == t.var ? t.test->right : t.test->left;
+            if (!other || other->opcode == ICON) mv.refine(t.test, t.holds, t.var);
+            else mv.refine(t.test, t.holds, t.var, others[k]);  // top when not read: no narrowing
         }
         return mv;
     };

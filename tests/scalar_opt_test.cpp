@@ -226,6 +226,14 @@ TEST_F(ScalarOpt, TestsAgainstOtherVariablesBoundValues) {
               st.end())
         << output;
     same_meaning(samples);
+    // The bound grows as the outer loop goes on: the inner loop's values,
+    // first seen against hi = 3 alone, are evaluated again as hi grows
+    // (they once stayed {3}, and the sum read i as 3).
+    MiniFunction g{"g", {"a", "b"}, {"s", "n", "hi", "i"}};
+    g.body = {"(= s 0)", "(= n 0)", "L1:", "(if (>= n 12) 4)", "(= hi (+ n 3))", "(= i 3)", "L2:", "(if (>= i hi) 3)",
+              "(+= s (* i a))", "(+= i 1)", "(goto 2)", "L3:", "(+= n 1)", "(goto 1)", "L4:", "(ret s)"};
+    optimize(g, {"-o2"});
+    same_meaning(samples);
 }
 
 TEST_F(ScalarOpt, LongLoopsKeepTheirBoundsAndStrides) {
