@@ -244,12 +244,20 @@ struct Generator {
         --depth;
     }
 
-    // for (i = 0; i < bound; i++) body
+    // for (i = start; i < bound; i++) body
     void counted_loop(int budget) {
         std::string iv = "i" + std::to_string(depth);
         int head = ++labels, exit = ++labels;
         std::string bound = chance(50) ? int_const(0, 12) : "(& (conv-int " + leaf(scalar(minic::T_INT)) + ") 15)";
-        add("(= " + iv + " 0)");
+        // Inside another loop the bound may follow that loop's counter, from
+        // a start that the first bound equals: the first inner loop runs no
+        // iteration, the later ones more and more.
+        std::string start = "0";
+        if (!ivs.empty() && chance(30)) {
+            start = int_const(1, 4);
+            bound = "(+ " + ivs.back() + " " + start + ")";
+        }
+        add("(= " + iv + " " + start + ")");
         add("L" + std::to_string(head) + ":");
         add("(if (>= " + iv + " " + bound + ") " + std::to_string(exit) + ")");
         ivs.push_back(iv);
