@@ -218,10 +218,17 @@ bool is_iv(const NODE* n, const SYMTAB* iv) { return n && n->opcode == NAME && n
 
 // base + iv with an invariant base: a global array's address, or a NAME
 // the loop does not assign (a pointer that may alias anything).
+// A global array's address, as the front end may write it: `&a`, or
+// `(int*)&a`.
+bool is_array_address(const NODE* b) {
+    if (b && b->opcode == PCONV) b = b->left;
+    return b && b->opcode == UAND && b->left && b->left->opcode == NAME;
+}
+
 bool is_unit_stride_address(const NODE* a, const SYMTAB* iv, const std::set<const SYMTAB*>& assigned) {
     if (!a || a->opcode != PLUS || !is_iv(a->right, iv)) return false;
     const NODE* b = a->left;
-    if (b->opcode == UAND && b->left && b->left->opcode == NAME) return true;
+    if (is_array_address(b)) return true;
     return b->opcode == NAME && b->symbol != iv && !assigned.count(b->symbol);
 }
 
@@ -251,8 +258,8 @@ bool find_shape(struct LOOP* loop, CD_LOOP_SHAPE& s, std::string& why) {
     NODE* br = st.back().tree;
     NODE* step = st[st.size() - 2].tree;
     if (br->opcode != BRANCH || !br->left || br->left->value != INT65(s.head->label)) return why = "no back branch", false;
-    if (step->opcode != PLUSASG || !is_iv(step->left, s.iv) || !step->right || step->right->opcode != ICON ||
-        step->right->value != INT65(1))
+    if ((step->opcode != PLUSASG && step->opcode != PLUSPLUS) || !is_iv(step->left, s.iv) || !step->right ||
+        step->right->opcode != ICON || step->right->value != INT65(1))
         return why = "loop variable does not step by 1", false;
     // The block that enters the loop.
     for (EDGE* e = s.head->predecessors; e; e = e->rest)
@@ -360,8 +367,14 @@ struct CONVERTER {
 };
 
 // The base a unit-stride address starts from ("&a" or "p").
-std::string base_of(const NODE* address) { return stmt2infix(address->left); }
-bool base_is_array(const NODE* address) { return address->left->opcode == UAND; }
+// The array or pointer an address steps through, the same text for `&a`
+// and `(int*)&a`.
+std::string base_of(const NODE* address) {
+    const NODE* b = address->left;
+    if (b->opcode == PCONV && is_array_address(b)) b = b->left;
+    return stmt2infix(b);
+}
+bool base_is_array(const NODE* address) { return is_array_address(address->left); }
 
 
 }  // namespace
@@ -683,6 +696,9 @@ void do_cd_vectorization() {
     debug("\n\n\t\t\t---------- ENTERING 'do_cd_vectorization' ----------\n");
     if (pass_debug_conservative_vec) debug(" simd-peeling DISABLED\n");
     if (!md_rule_base) matcher_init();
+    // A body the front end left in pieces (the `continue` label before the
+    // step) becomes one block where nothing jumps in between.
+    simpcfg(true, false);
     build_loop_hierarchy(false, false, false, 0);
     std::vector<struct LOOP*> inner;
     for (struct LOOP* l : fi->loops)
