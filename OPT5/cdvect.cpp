@@ -216,8 +216,6 @@ namespace {
 
 bool is_iv(const NODE* n, const SYMTAB* iv) { return n && n->opcode == NAME && n->symbol == iv; }
 
-// base + iv with an invariant base: a global array's address, or a NAME
-// the loop does not assign (a pointer that may alias anything).
 // A global array's address, as the front end may write it: `&a`, or
 // `(int*)&a`.
 bool is_array_address(const NODE* b) {
@@ -225,6 +223,8 @@ bool is_array_address(const NODE* b) {
     return b && b->opcode == UAND && b->left && b->left->opcode == NAME;
 }
 
+// base + iv with an invariant base: a global array's address, or a NAME
+// the loop does not assign (a pointer that may alias anything).
 bool is_unit_stride_address(const NODE* a, const SYMTAB* iv, const std::set<const SYMTAB*>& assigned) {
     if (!a || a->opcode != PLUS || !is_iv(a->right, iv)) return false;
     const NODE* b = a->left;
@@ -366,9 +366,8 @@ struct CONVERTER {
     }
 };
 
-// The base a unit-stride address starts from ("&a" or "p").
-// The array or pointer an address steps through, the same text for `&a`
-// and `(int*)&a`.
+// The base a unit-stride address starts from ("&a" or "p"), the same text
+// for `&a` and `(int*)&a`.
 std::string base_of(const NODE* address) {
     const NODE* b = address->left;
     if (b->opcode == PCONV && is_array_address(b)) b = b->left;
