@@ -374,24 +374,30 @@ NODE* latch_jump(const struct LOOP* loop) {
 }
 
 namespace {
-// Whether every change of `var` in the loop, at a statement's root or
-// inside it, adds a constant of one sign (`v++`, `*PLUSPLUS(v, 2)`,
-// `v -= 1`, `v = v + 4`); and at least one does.
+// Calls f on every assignment to `var` in the loop, at a statement's root or
+// inside it.
+template <class F>
+void for_each_assignment_in_loop(const struct LOOP* loop, const void* var, F&& f) {
+    for (EDGE* e = loop->contents; e; e = e->rest)
+        for (const BODY_ENTRY& s : e->bb->statements)
+            for_each_node(s.tree, [&](const NODE* n) {
+                if (is_assignment(n->opcode) && n->left && n->left->opcode == NAME && n->left->symbol == var) f(n);
+            });
+}
+
+// Whether every change of `var` in the loop adds a constant of one sign
+// (`v++`, `*PLUSPLUS(v, 2)`, `v -= 1`, `v = v + 4`); and at least one does.
 bool stepped_one_way(const struct LOOP* loop, const SYMTAB* var) {
     int sign = 0;
     bool ok = true;
-    for (EDGE* e = loop->contents; e && ok; e = e->rest)
-        for (const BODY_ENTRY& s : e->bb->statements)
-            for_each_node(s.tree, [&](const NODE* n) {
-                if (!ok || !is_assignment(n->opcode) || !n->left || n->left->opcode != NAME || n->left->symbol != var)
-                    return;
-                bool is_step = false;
-                INT65 step;
-                assigned_var(n, is_step, step);
-                int now = !is_step || step.is_zero() ? 0 : step.is_negative() ? -1 : 1;
-                if (now == 0 || (sign != 0 && now != sign)) ok = false;
-                sign = now;
-            });
+    for_each_assignment_in_loop(loop, var, [&](const NODE* n) {
+        bool is_step = false;
+        INT65 step;
+        assigned_var(n, is_step, step);
+        int now = !is_step || step.is_zero() ? 0 : step.is_negative() ? -1 : 1;
+        if (now == 0 || (sign != 0 && now != sign)) ok = false;
+        sign = now;
+    });
     return ok && sign != 0;
 }
 
@@ -401,12 +407,7 @@ bool invariant_operand(const struct LOOP* loop, const NODE* n) {
     if (n->opcode == ICON) return true;
     if (n->opcode != NAME || !is_private_variable(n->symbol, currfuninfo->address_taken)) return false;
     bool assigned = false;
-    for (EDGE* e = loop->contents; e && !assigned; e = e->rest)
-        for (const BODY_ENTRY& s : e->bb->statements)
-            for_each_node(s.tree, [&](const NODE* m) {
-                if (is_assignment(m->opcode) && m->left && m->left->opcode == NAME && m->left->symbol == n->symbol)
-                    assigned = true;
-            });
+    for_each_assignment_in_loop(loop, n->symbol, [&](const NODE*) { assigned = true; });
     return !assigned;
 }
 

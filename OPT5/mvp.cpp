@@ -768,28 +768,29 @@ mvpIntegers ssa_integers_mvp::eval_reaching_definition(const NODE* use) {
     // Once the value is neither exact nor a range, no test narrows it.
     auto narrowed = [&](const USE_PATH& path) {
         mvpIntegers mv = value_of(path.def);
-        // A test against another value bounds this one by what that may be.
-        // The other sides are read first, whatever the values are now: the
-        // edges of the definition evaluated are recorded on its first
-        // evaluation, and it must be evaluated again when they grow.
-        std::vector<mvpIntegers> others;
-        for (const USE_PATH::TEST& t : path.tests) {
-            const NODE* other = t.test->left == t.var ? t.test->right : t.test->left;
-            bool unsigned_test = t.test->opcode >= ULE && t.test->opcode <= UGT;
-            others.emplace_back();
-            if (!other || other->opcode == ICON || other_depth_ >= 2 || !is_integer_type(other->type) ||
-                other->type->is_unsigned() != unsigned_test)
-                continue;
-            ++other_depth_;
-            others.back() = eval_expr(other);
-            --other_depth_;
-        }
+        // What the other side of each test may be: a constant, or another
+        // value, which bounds this one by what that may be.  The other sides
+        // are read first, whatever the values are now: the edges of the
+        // definition evaluated are recorded on its first evaluation, and it
+        // must be evaluated again when they grow.  One left at top (not
+        // read) narrows nothing.
+        std::vector<mvpIntegers> others(path.tests.size());
         for (size_t k = 0; k < path.tests.size(); ++k) {
             const USE_PATH::TEST& t = path.tests[k];
-            if (!mv.is_exact() && !mv.is_inexact()) break;
             const NODE* other = t.test->left == t.var ? t.test->right : t.test->left;
-            if (!other || other->opcode == ICON) mv.refine(t.test, t.holds, t.var);
-            else mv.refine(t.test, t.holds, t.var, others[k]);  // top when not read: no narrowing
+            bool unsigned_test = t.test->opcode >= ULE && t.test->opcode <= UGT;
+            if (other && other->opcode == ICON) {
+                others[k].merge_constant_integer_value(other->value);
+            } else if (other && other_depth_ < 2 && is_integer_type(other->type) &&
+                       other->type->is_unsigned() == unsigned_test) {
+                ++other_depth_;
+                others[k] = eval_expr(other);
+                --other_depth_;
+            }
+        }
+        for (size_t k = 0; k < path.tests.size(); ++k) {
+            if (!mv.is_exact() && !mv.is_inexact()) break;
+            mv.refine(path.tests[k].test, path.tests[k].holds, path.tests[k].var, others[k]);
         }
         return mv;
     };

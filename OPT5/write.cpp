@@ -230,11 +230,10 @@ struct jump_targets {
 };
 
 // The labels a function's jumps and its exception table name.
-jump_targets named_labels(const std::vector<std::vector<BODY_ENTRY>*>& lists) {
+jump_targets named_labels(const std::vector<BBLK*>& blocks) {
     jump_targets targets;
-    for (const std::vector<BODY_ENTRY>* list : lists)
-        for (const BODY_ENTRY& e : *list)
-            if (e.kind == BODY_ENTRY::STMT) targets.add(e.tree);
+    for (BBLK* b : blocks)
+        for (const BODY_ENTRY& e : b->statements) targets.add(e.tree);
     for (const EHT_ENTRY& e : currfuninfo->eht) targets.labels.push_back(static_cast<int>(e.label));
     targets.seal();
     return targets;
@@ -294,10 +293,9 @@ void write_loop_icode(struct LOOP* loop) {
 // loop's record.
 void wrbblocks() {
     build_loop_hierarchy(false, false, false, 0);
-    std::vector<std::vector<BODY_ENTRY>*> lists;
-    for (BBLK* b : layout_blocks()) lists.push_back(&b->statements);
-    jump_targets targets = named_labels(lists);
-    for (BBLK* b : layout_blocks()) {
+    std::vector<BBLK*> blocks = layout_blocks();
+    jump_targets targets = named_labels(blocks);
+    for (BBLK* b : blocks) {
         if (print_debug && FDEBUG) {
             DBG_CHECK(std::fprintf(FDEBUG, "\n++++(WRBBLOCKS): START NEXT BB, UON=%d, DFN=%d\n", b->label, b->dfn));
             DBG_CHECK(std::fprintf(FDEBUG, "\tPREDS:"));
@@ -312,18 +310,6 @@ void wrbblocks() {
     }
 }
 
-// The same for a function that no step gave a flow graph: its statements in
-// reading order, a label written where some jump names it.  The blocks
-// buildcfg would make begin at the same labels, so the output is the same.
-void wrstatements() {
-    jump_targets targets = named_labels({&currfuninfo->body});
-    for (BODY_ENTRY& e : currfuninfo->body) {
-        if (e.kind != BODY_ENTRY::STMT) continue;
-        if (e.tree->opcode == LABELDEF && !targets.contains(e.tree->value.as<int32_t>())) continue;
-        wrexpr(e);
-    }
-}
-
 // The scope records and local symbols as they were read (the leaf mark after
 // the end of the locals), then the blocks, then the end of the function.
 void write_func_body() {
@@ -334,7 +320,8 @@ void write_func_body() {
     if (!fi->bb_list && std::any_of(fi->body.begin(), fi->body.end(),
                                     [](const BODY_ENTRY& e) { return e.kind == BODY_ENTRY::STMT; }))
         buildcfg();
-    // Without statements the records are still in the body.
+    // Without statements there are no blocks: the records are still in the
+    // body.
     bool flat = !fi->bb_list;
     const BODY_ENTRY* end = nullptr;
     for (BODY_ENTRY& e : flat ? fi->body : fi->scopes) {
@@ -354,18 +341,11 @@ void write_func_body() {
                 DBG_CHECK(std::fprintf(FDEBUG, "\n%c\t'L':\t%s is a leaf function.\n", '^', currfunc->name.c_str()));
         }
     }
-    if (flat)
-        wrstatements();
-    else
-        wrbblocks();
+    if (!flat) wrbblocks();
     if (!fi->eht.empty()) {
         std::set<int> labels;
-        if (flat) {
-            for (const BODY_ENTRY& e : fi->body)
-                if (e.kind == BODY_ENTRY::STMT && e.tree->opcode == LABELDEF) labels.insert(e.tree->value.as<int32_t>());
-        } else {
+        if (!flat)
             for (BBLK* b : layout_blocks()) labels.insert(b->label);
-        }
         std::vector<EHT_ENTRY> kept = kept_eht_entries(fi->eht, labels);
         if (!kept.empty()) o_file->if_write_func_eht(kept);
     }
