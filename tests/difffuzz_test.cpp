@@ -64,7 +64,7 @@ TEST(DiffFuzz, DebugListingLeavesTheOutputAlone) {
         }
         ASSERT_EQ(assemble(minic::unit_text(fns), dir.path / "in.if"), "") << seed;
         // The last order leaves the functions without flow graphs after the
-        // barrier, to be written from statements that blocks were made of.
+        // barrier: the writer builds them again from the statements.
         for (std::string order : {"", "--forced_passes=1,3"})
             for (int level : every_level) {
                 std::vector<std::string> args = {"-o" + std::to_string(level), "in.if"};
