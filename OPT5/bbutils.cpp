@@ -33,6 +33,8 @@ const NODE* BBLK::last_tree() const {
     return nullptr;
 }
 
+std::string BBLK::str() const { return "BB " + std::to_string(dfn) + " (L" + std::to_string(label) + ")"; }
+
 // ---------------------------------------------------------------------------
 // Edge lists
 
@@ -47,18 +49,19 @@ EDGE* mkedge(BBLK* bb, EDGE* list) {
     return new EDGE{bb, -1.0, list};
 }
 
+EDGE* erase_edge(EDGE* cell) {
+    EDGE* rest = cell->rest;
+    delete cell;
+    mark_dominators_dirty();
+    return rest;
+}
+
 EDGE* remove_edge(BBLK* bb, EDGE* list) {
-    EDGE** link = &list;
-    while (*link) {
+    for (EDGE** link = &list; *link; link = &(*link)->rest)
         if ((*link)->bb == bb) {
-            EDGE* dead = *link;
-            *link = dead->rest;
-            delete dead;
-            mark_dominators_dirty();
+            *link = erase_edge(*link);
             break;
         }
-        link = &(*link)->rest;
-    }
     return list;
 }
 
@@ -121,6 +124,23 @@ void sort_edge_list(EDGE* list) {
     }
 }
 
+void fast_sort_edge_list(EDGE* list) {
+    std::vector<std::pair<BBLK*, double>> cells;
+    for (EDGE* e = list; e; e = e->rest) cells.emplace_back(e->bb, e->weight);
+    std::stable_sort(cells.begin(), cells.end(), [](const auto& a, const auto& b) { return a.first->dfn < b.first->dfn; });
+    for (auto& [bb, weight] : cells) {
+        list->bb = bb;
+        list->weight = weight;
+        list = list->rest;
+    }
+}
+
+void erase_tree_list(std::vector<BODY_ENTRY>& list) {
+    for (BODY_ENTRY& e : list)
+        if (e.tree) erase_tree(e.tree);
+    list.clear();
+}
+
 // ---------------------------------------------------------------------------
 // Blocks
 
@@ -166,8 +186,15 @@ BBLK* mkbblock(std::vector<BODY_ENTRY> statements, BBLK* next, FUNINFO* fi) {
     return b;
 }
 
-BBLK* insert_new_bb_with_branch(int dfn, BBLK* after, BBLK* target, const PSN* position) {
+int mklabel(int number, BBLK* bb) {
+    if (number) bb->label = number;
+    else if (!bb->label) bb->label = new_label_number();
+    return bb->label;
+}
+
+BBLK* insert_new_bb(int dfn, BBLK* after, std::vector<BODY_ENTRY> statements) {
     BBLK* n = new BBLK;
+    n->statements = std::move(statements);
     n->dfn = dfn;
     n->trace = -1;
     n->next = after->next;
@@ -175,15 +202,29 @@ BBLK* insert_new_bb_with_branch(int dfn, BBLK* after, BBLK* target, const PSN* p
     after->next = n;
     if (n->next) n->next->prev = n;
     else currfuninfo->bb_list->prev = n;
-    n->chain = after->chain;
-    after->chain = n;
-    n->label = new_label_number();
-    BODY_ENTRY jump;
-    jump.tree = mk_BRANCH(target->label);
-    if (position) jump.pos = *position;
-    n->statements.push_back(jump);
     mark_dominators_dirty();
     return n;
+}
+
+BBLK* insert_new_bb_with_branch(int dfn, BBLK* after, BBLK* target, const PSN* position) {
+    BODY_ENTRY jump;
+    jump.tree = mk_BRANCH(mklabel(0, target));
+    if (position) jump.pos = *position;
+    BBLK* n = insert_new_bb(dfn, after, {jump});
+    n->chain = after->chain;
+    after->chain = n;
+    mklabel(0, n);
+    return n;
+}
+
+void delink_old_bb(BBLK* bb) {
+    FUNINFO* fi = currfuninfo;
+    OPT_REQUIRE(bb != fi->bb_list);
+    bb->prev->next = bb->next;
+    if (bb->next) bb->next->prev = bb->prev;
+    else fi->bb_list->prev = bb->prev;
+    bb->next = bb->prev = nullptr;
+    mark_dominators_dirty();
 }
 
 void renumber_bblocks() {
@@ -206,14 +247,43 @@ void renumber_bblocks() {
         });
 }
 
+bool remap_labelrefs(NODE* jump, int old_label, int new_label) {
+    if (!jump || !(jump->opcode == BRANCH || jump->opcode == CBRANCH || jump->opcode == SWITCH)) return false;
+    bool changed = false;
+    walk_and_modify_tree(jump, [&](NODE*& slot) {
+        if (slot->opcode == LABEL && slot->value == INT65(old_label)) {
+            slot->value = INT65(new_label);
+            changed = true;
+        }
+    });
+    return changed;
+}
+
+void subst_bb_for_bb_in_stmts(BBLK* replacement, BBLK* old, std::vector<BODY_ENTRY>& stmts) {
+    for (BODY_ENTRY& e : stmts) remap_labelrefs(e.tree, old->label, replacement->label);
+}
+
 void subst_bb_for_bb_in_bb(BBLK* replacement, BBLK* old, BBLK* bb) {
-    for (BODY_ENTRY& e : bb->statements) {
-        if (!e.tree || !(e.tree->opcode == BRANCH || e.tree->opcode == CBRANCH || e.tree->opcode == SWITCH)) continue;
-        auto remap = [&](NODE*& slot) {
-            if (slot->opcode == LABEL && slot->value == INT65(old->label)) slot->value = INT65(replacement->label);
-        };
-        walk_and_modify_tree(e.tree, remap);
-    }
+    subst_bb_for_bb_in_stmts(replacement, old, bb->statements);
+}
+
+void fixup_edge_lists(BBLK* bb, const NODE* stmt) {
+    std::vector<int> labels;
+    bool falls = true;
+    list_branch_targets(stmt, labels, falls);
+    for (EDGE* e = bb->successors; e; e = e->rest) e->bb->predecessors = remove_edge(bb, e->bb->predecessors);
+    free_edge_list(bb->successors);
+    bb->successors = nullptr;
+    if (falls && bb->next) bb->successors = add_edge(bb->next, bb->successors);
+    for (int l : labels)
+        for (BBLK* b = currfuninfo->bb_list; b; b = b->next)
+            if (b->label == l) {
+                bb->successors = add_edge(b, bb->successors);
+                break;
+            }
+    bb->successors = rev_edge_list(bb->successors);
+    for (EDGE* e = bb->successors; e; e = e->rest) e->bb->predecessors = add_edge(bb, e->bb->predecessors);
+    mark_dominators_dirty();
 }
 
 static void replace_edge(EDGE* list, BBLK* from, BBLK* to) {
@@ -239,9 +309,8 @@ static BBLK* place_for_edge_block(BBLK* from, BBLK* to) {
     if (before_to && !falls_through(before_to)) return before_to;
     if (!falls_through(fi->bb_list->prev)) return fi->bb_list->prev;
     BBLK* was_next = from->next;
-    if (!was_next->label) was_next->label = new_label_number();
     BODY_ENTRY jump;
-    jump.tree = mk_BRANCH(was_next->label);
+    jump.tree = mk_BRANCH(mklabel(0, was_next));
     if (!from->statements.empty()) jump.pos = from->statements.back().pos;
     from->statements.push_back(jump);
     return from;
@@ -288,7 +357,7 @@ void split_critical_edges(bool all) {
                 n->loop = l;
                 l->contents = add_edge(n, l->contents);
                 mark_dominators_dirty();
-                sort_edge_list(l->contents);
+                fast_sort_edge_list(l->contents);
                 if (s->loop && s->loop->preheader == b) s->loop->preheader = n;
             }
         }
@@ -418,8 +487,7 @@ void free_cfg(FUNINFO* fi) {
     BBLK* b = fi->bb_list;
     while (b) {
         BBLK* next = b->next;
-        for (BODY_ENTRY& e : b->statements)
-            if (e.tree) erase_tree(e.tree);
+        erase_tree_list(b->statements);
         free_edge_list(b->predecessors);
         free_edge_list(b->successors);
         delete b->live_in;
@@ -507,9 +575,7 @@ void rebuildcfg() {
 // Takes a block out of the layout and frees it (its statements are gone
 // already); the edges that named it are rebuilt by rebuild_after_unlinking.
 static void unlink_block(BBLK* b) {
-    b->prev->next = b->next;
-    if (b->next) b->next->prev = b->prev;
-    else currfuninfo->bb_list->prev = b->prev;
+    delink_old_bb(b);
     free_edge_list(b->predecessors);
     free_edge_list(b->successors);
     delete b->live_in;
@@ -576,13 +642,14 @@ static bool falls_to_label(const BBLK* b, const INT65& label) {
 bool simpcfg(bool merge_blocks, bool keep_empty) {
     (void)keep_empty;
     FUNINFO* fi = currfuninfo;
-    bool changed = false;
+    OPT_REQUIRE(fi->loops.empty());
+    std::vector<BBLK*> rejumped;  // blocks whose last jump changed
     for (BBLK* b : layout_blocks()) {
         if (b->statements.empty()) continue;
         NODE* t = b->statements.back().tree;
         if (t->opcode == CBRANCH && t->left && t->left->opcode == ICON) {
             // A test that always goes one way.
-            changed = true;
+            rejumped.push_back(b);
             if (t->left->value.is_zero()) {
                 erase_tree(t);
                 b->statements.pop_back();
@@ -600,7 +667,7 @@ bool simpcfg(bool merge_blocks, bool keep_empty) {
             t->left->value == INT65(b->next->label)) {
             erase_tree(t);
             b->statements.pop_back();
-            changed = true;
+            rejumped.push_back(b);
         } else if (t && t->opcode == CBRANCH && t->right && t->right->opcode == LABEL &&
                    falls_to_label(b, t->right->value)) {
             // A test that goes to the same place either way: what it does
@@ -610,10 +677,13 @@ bool simpcfg(bool merge_blocks, bool keep_empty) {
             erase_tree(t);
             if (rest) b->statements.back().tree = rest;
             else b->statements.pop_back();
-            changed = true;
+            rejumped.push_back(b);
         }
     }
-    if (changed) rebuildcfg();
+    // Only the edges out of the blocks whose jumps changed need redoing.
+    for (BBLK* b : rejumped) fixup_edge_lists(b, b->last_tree());
+    bool changed = !rejumped.empty();
+    if (changed) free_liveness(fi);
     // Blocks that can't be reached from the entry, nor from a label of the
     // exception table (a handler is entered by no jump).
     std::vector<BBLK*> work{fi->bb_list};
@@ -642,7 +712,7 @@ bool simpcfg(bool merge_blocks, bool keep_empty) {
     bool removed = false;
     for (BBLK* b : layout_blocks()) {
         if (b->visited) continue;
-        for (BODY_ENTRY& e : b->statements) erase_tree(e.tree);
+        erase_tree_list(b->statements);
         unlink_block(b);
         removed = true;
     }

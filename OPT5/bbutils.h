@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "OPT5/funinfo.h"
@@ -38,6 +39,8 @@ struct BBLK {
     BITVEC* live_in = nullptr;           // variables live on entry (owned), after liveness
 
     const NODE* last_tree() const;
+    // How dumps name the block: "BB 3 (L12)".
+    std::string str() const;
 };
 
 // An induction variable: assigned once per iteration by a constant step.
@@ -78,19 +81,40 @@ struct LOOP {
 EDGE* add_edge(BBLK* bb, EDGE* list, double weight = -1.0);
 EDGE* mkedge(BBLK* bb, EDGE* list);
 EDGE* remove_edge(BBLK* bb, EDGE* list);
+EDGE* erase_edge(EDGE* cell);  // frees the cell, returns the rest
 bool edge_memberp(const BBLK* bb, const EDGE* list);
 int edge_length(const EDGE* list);
 EDGE* copy_edge_list(const EDGE* list);
 EDGE* rev_edge_list(EDGE* list);
 void free_edge_list(EDGE* list);
 void sort_edge_list(EDGE* list);  // ascending dfn, stable, the head cell stays the head
+void fast_sort_edge_list(EDGE* list);  // the same order, for long lists
+
+// Erases every tree of a statement list and empties it.
+void erase_tree_list(std::vector<BODY_ENTRY>& list);
 
 // Blocks.
 BBLK* mkbblock(std::vector<BODY_ENTRY> statements, BBLK* next, FUNINFO* fi);
+// A new block laid out after `after`, numbered `dfn` until the blocks are
+// renumbered; edges are the caller's.
+BBLK* insert_new_bb(int dfn, BBLK* after, std::vector<BODY_ENTRY> statements);
+// The same, with a label of its own and ending in a jump to `target`.
 BBLK* insert_new_bb_with_branch(int dfn, BBLK* after, BBLK* target, const PSN* position);
+// Binds label `number` to the block; with 0 the block keeps its label or
+// gets a new one.  Returns the block's label.
+int mklabel(int number, BBLK* bb);
+// Takes a block (not the entry) out of the layout; its edges stay.
+void delink_old_bb(BBLK* bb);
 void renumber_bblocks();
 // In the jumps of bb, references to old become references to replacement.
 void subst_bb_for_bb_in_bb(BBLK* replacement, BBLK* old, BBLK* bb);
+void subst_bb_for_bb_in_stmts(BBLK* replacement, BBLK* old, std::vector<BODY_ENTRY>& stmts);
+// In a jump statement, the references to one label become another; whether
+// any did.
+bool remap_labelrefs(NODE* jump, int old_label, int new_label);
+// Makes bb's successors the places `stmt` (its last statement) may go,
+// fall-through included, and the predecessor lists agree.
+void fixup_edge_lists(BBLK* bb, const NODE* stmt);
 // A new block on the edge from -> to, jumping to `to` unless it falls into it.
 BBLK* split_cfg_edge(BBLK* from, BBLK* to);
 // Whether control can leave b by falling into the next block.
@@ -129,7 +153,8 @@ struct block_masks {
 block_masks solve_block_masks(const std::vector<BBLK*>& blocks, bool forward, bool all, uint64_t boundary,
                               const std::vector<uint64_t>& keep, const std::vector<uint64_t>& gen);
 // Folds conditional jumps on constants, drops jumps to the next block and
-// removes blocks that can't be reached; with `merge_blocks`, a block whose
+// removes blocks that can't be reached (the function must have no loop
+// hierarchy: loops would keep blocks that are gone); with `merge_blocks`, a block whose
 // label nothing names joins the block that falls into it.  Rebuilds the
 // graph when anything changed, which is what it returns.
 bool simpcfg(bool merge_blocks, bool keep_empty);

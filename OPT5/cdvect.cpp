@@ -625,11 +625,10 @@ bool peel_unroll_and_vectorize_loop(CDFG* region, bool completely_allowed) {
         for (int i = 0; i < d->nopd; ++i) relink(d->opd[i]);
     };
     FUNINFO* fi = currfuninfo;
-    int vh_label = new_label_number();
     BBLK* vh = mkbblock({}, shape.head, fi);
-    vh->label = vh_label;
+    int vh_label = mklabel(0, vh);
     BBLK* vb = mkbblock({}, shape.head, fi);
-    vb->label = new_label_number();
+    mklabel(0, vb);
     PSN pos = shape.head->statements[0].pos;
     TYPE* ivt = shape.test->left->left->type;
     auto name_iv = [&]() { return copy_tree(shape.test->left->left); };
@@ -735,8 +734,8 @@ void do_cd_vectorization() {
         }
         debug("\n------- EXITING 'vectorize_CFG_regions' -----------\n");
     }
-    if (changed) simpcfg(false, false);
     unbuild_loop_hierarchy();
+    if (changed) simpcfg(false, false);
     debug("\n\n\t\t\t---------- EXITING 'do_cd_vectorization' ----------\n");
 }
 

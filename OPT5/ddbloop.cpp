@@ -59,7 +59,7 @@ bool normalise_loops(bool only_if_loops) {
     if (fi->bb_list && !latches_of(fi->bb_list).empty()) {
         BBLK* old_entry = fi->bb_list;
         BBLK* entry = mkbblock({}, old_entry, fi);
-        entry->label = new_label_number();
+        mklabel(0, entry);
         entry->successors = add_edge(old_entry, entry->successors);
         old_entry->predecessors = add_edge(entry, old_entry->predecessors);
         renumber_bblocks();
@@ -87,9 +87,8 @@ bool normalise_loops(bool only_if_loops) {
                 BBLK* n = lmax->next;
                 if (jump && jump->opcode == CBRANCH && jump->right && jump->right->opcode == LABEL &&
                     jump->right->value == INT65(h->label) && n != h) {
-                    if (!n->label) n->label = new_label_number();
                     jump->left = invert_boolean_tree(jump->left);
-                    jump->right->value = INT65(n->label);
+                    remap_labelrefs(jump, h->label, mklabel(0, n));
                 } else {
                     after = currfuninfo->bb_list->prev;
                 }
@@ -241,9 +240,9 @@ BBLK* block_in_front_of(struct LOOP* loop, const std::vector<BBLK*>& outside, bo
     BBLK* head = loop->head;
     BBLK* before = head == currfuninfo->bb_list ? nullptr : head->prev;
     if (before && loop_contains(loop, before) && falls_through(before)) return nullptr;
-    if (!head->label) head->label = new_label_number();
+    mklabel(0, head);
     BBLK* pre = mkbblock({}, head, currfuninfo);
-    pre->label = new_label_number();
+    mklabel(0, pre);
     for (BBLK* o : outside) move_edge(o, head, pre);
     pre->successors = add_edge(head, pre->successors);
     head->predecessors = add_edge(pre, head->predecessors);
@@ -321,7 +320,7 @@ void assign_loop_levels(struct LOOP* loop, int level) {
     }
     loop->level = static_cast<int16_t>(level);
     for (struct LOOP* inner : loop->inner) assign_loop_levels(inner, level + 1);
-    if (loop->contents && loop->contents->bb->dfn > loop->head->dfn) sort_edge_list(loop->contents);
+    if (loop->contents && loop->contents->bb->dfn > loop->head->dfn) fast_sort_edge_list(loop->contents);
 }
 
 bool loop_is_innermost(const struct LOOP* loop) { return loop->inner.empty(); }
@@ -483,16 +482,14 @@ void find_loop_LCV(struct LOOP* loop) {
     loop->trips = mk_ICON(trips, type);
 }
 
-void build_loop_hierarchy(bool value_ranges, bool, bool, int normalise) {
+bool build_minimal_loop_hierarchy(bool normalise) {
     OPT_REQUIRE(currfuninfo && currfuninfo->bb_list);
     unbuild_loop_hierarchy();
-    bool do_normalise = normalise >= 0 ? normalise != 0 : value_ranges;
-    if (do_normalise ? !normalise_loops(true) : false) return;
+    if (normalise && !normalise_loops(true)) return false;
     renumber_bblocks();
     if (!discover_loops()) {
         unbuild_loop_hierarchy();
-        dump_loops();
-        return;
+        return false;
     }
     for (struct LOOP* l : currfuninfo->loops)
         if (l->parent) l->parent->inner.push_back(l);
@@ -517,14 +514,22 @@ void build_loop_hierarchy(bool value_ranges, bool, bool, int normalise) {
                     if (e.tree->x().pragma->kind == PK_PROB_ITERATE) l->trip_count_pragma = e.tree;
                 }
     }
-    // Inner loops first: they were discovered first.  Only variables that
-    // nothing but their own assignments can change count as induction
-    // variables, so that a trip count is never read from one that a store
-    // through a pointer may change.
-    currfuninfo->address_taken = address_taken_symbols();
-    for (struct LOOP* l : currfuninfo->loops) {
-        find_loop_IVs(l, currfuninfo->address_taken);
-        find_loop_LCV(l);
+    return true;
+}
+
+void build_loop_hierarchy(bool value_ranges, bool, bool, int normalise) {
+    bool do_normalise = normalise >= 0 ? normalise != 0 : value_ranges;
+    bool built = build_minimal_loop_hierarchy(do_normalise);
+    if (built) {
+        // Inner loops first: they were discovered first.  Only variables
+        // that nothing but their own assignments can change count as
+        // induction variables, so that a trip count is never read from one
+        // that a store through a pointer may change.
+        currfuninfo->address_taken = address_taken_symbols();
+        for (struct LOOP* l : currfuninfo->loops) {
+            find_loop_IVs(l, currfuninfo->address_taken);
+            find_loop_LCV(l);
+        }
     }
     dump_loops();
 }

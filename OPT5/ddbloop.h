@@ -14,6 +14,9 @@ struct SYMTAB;
 // and trip counts, and lists them on the debug stream.  A function whose
 // flow is irreducible (or has unreachable blocks) is left without loops.
 void build_loop_hierarchy(bool value_ranges, bool scalar_memrefs, bool simplify_loops, int normalise);
+// The nest alone (levels, preheaders, exits, loop pragmas), normalised when
+// asked; false when the function has no loop hierarchy.
+bool build_minimal_loop_hierarchy(bool normalise);
 void unbuild_loop_hierarchy();
 struct LOOP* make_LOOP(BBLK* head, BBLK* tail, int uid, const struct LOOP* model);
 void assign_loop_levels(struct LOOP* loop, int level);

@@ -192,6 +192,18 @@ const std::vector<int>& Dominator::post_dominator_children(int dfn) {
     return dfn >= 1 && dfn <= count_ ? pchildren_[dfn] : none;
 }
 
+std::vector<BBLK*> Dominator::dominator_children(const BBLK* bb) {
+    std::vector<BBLK*> out;
+    for (int d : dominator_children(bb->dfn)) out.push_back(DFSblock(d));
+    return out;
+}
+
+std::vector<BBLK*> Dominator::post_dominator_children(const BBLK* bb) {
+    std::vector<BBLK*> out;
+    for (int d : post_dominator_children(bb->dfn)) out.push_back(DFSblock(d));
+    return out;
+}
+
 BBLK* Dominator::DFSblock(int dfn) {
     refresh();
     if (dfn < 1 || dfn > count_) {

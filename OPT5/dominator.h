@@ -21,6 +21,8 @@ public:
     bool post_dominates(const BBLK* a, const BBLK* b);
     const std::vector<int>& dominator_children(int dfn);
     const std::vector<int>& post_dominator_children(int dfn);
+    std::vector<BBLK*> dominator_children(const BBLK* bb);
+    std::vector<BBLK*> post_dominator_children(const BBLK* bb);
     BBLK* DFSblock(int dfn);
     std::vector<BBLK*> depth_first_doms();
     std::vector<BBLK*> depth_first_postdoms();

@@ -84,7 +84,7 @@ std::string render() {
     }
     for (BBLK* b : layout_blocks()) {
         if (!minimal) {
-            out += "  BB " + std::to_string(b->dfn) + " (L" + std::to_string(b->label) + ")  preds:";
+            out += "  " + b->str() + "  preds:";
             for (EDGE* e = b->predecessors; e; e = e->rest) out += " " + std::to_string(e->bb->dfn);
             out += "  succs:";
             for (EDGE* e = b->successors; e; e = e->rest) out += " " + std::to_string(e->bb->dfn);

@@ -46,7 +46,7 @@ struct callee_copy {
     bool marks_symbol_refs = false;
 
     ~callee_copy() {
-        for (BODY_ENTRY& e : stmts) erase_tree(e.tree);
+        erase_tree_list(stmts);
     }
 };
 

@@ -210,9 +210,9 @@ bool unroll_run_time(struct LOOP* loop, BBLK* b, NODE* jump) {
 
     std::vector<BODY_ENTRY> body(b->statements.begin(), b->statements.end() - 1);
     PSN pos = b->statements.back().pos;
-    if (!exit->label) exit->label = new_label_number();
     BODY_ENTRY guard;
-    guard.tree = mktree(CBRANCH, jump->type, invert_boolean_tree(copy_tree(jump->left)), mk_LABELREF(exit->label));
+    guard.tree =
+        mktree(CBRANCH, jump->type, invert_boolean_tree(copy_tree(jump->left)), mk_LABELREF(mklabel(0, exit)));
     guard.pos = pos;
     std::vector<BODY_ENTRY> guard_block{guard};
     bool pre_falls_into_loop = pre->next == b;
@@ -230,8 +230,8 @@ bool unroll_run_time(struct LOOP* loop, BBLK* b, NODE* jump) {
         std::vector<BODY_ENTRY> copy;
         append_copies(body, 1, copy);
         at = mkbblock(std::move(copy), at, currfuninfo);
-        at->label = new_label_number();
-        cases = mktree(PCOMMA, nullptr, mktree(CASE, nullptr, mk_ICON(INT65(k), u), mk_LABELREF(at->label)), cases);
+        cases = mktree(PCOMMA, nullptr, mktree(CASE, nullptr, mk_ICON(INT65(k), u), mk_LABELREF(mklabel(0, at))),
+                       cases);
     }
     NODE* last = pre->statements.empty() ? nullptr : pre->statements.back().tree;
     if (last && last->opcode == BRANCH) {

@@ -312,8 +312,7 @@ void read_ifile_unit() {
 }
 
 void erase_function_body(FUNINFO* fi) {
-    for (BODY_ENTRY& e : fi->body)
-        if (e.tree) erase_tree(e.tree);
+    erase_tree_list(fi->body);
     spare_body(fi->body);
     fi->eht.clear();
     fi->unparked_without_cfg = false;

@@ -522,7 +522,7 @@ int promote_vars_to_registers(bool benign_loads) {
     for (BBLK* b = fi->bb_list; b; b = b->next)
         for (const BODY_ENTRY& e : b->statements)
             if (e.tree && calls_own_frame_function(e.tree)) return 0;
-    build_loop_hierarchy(false, false, false, 0);
+    build_minimal_loop_hierarchy(false);
     std::vector<struct LOOP*> loops = fi->loops;
     std::stable_sort(loops.begin(), loops.end(),
                      [](const struct LOOP* a, const struct LOOP* b) { return loop_depth(a) > loop_depth(b); });

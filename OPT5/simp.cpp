@@ -933,20 +933,14 @@ NODE* simp_STREF(NODE* n, struct LOOP* loop) {
     if (p->type && p->type->stripped()->kind == TYPE::PTR_T) {
         // A pointer to an array of records names the record type's members.
         TYPE* csu = p->type->stripped()->base;
-        bool through_array = false;
-        while (csu && csu->stripped()->kind == TYPE::ARRAY_T) {
-            csu = csu->stripped()->base;
-            through_array = true;
-        }
-        if (through_array && (!csu || !csu->stripped()->is_aggregate()))
-            optassert("csu_type->is_array()", THIS_MODULE, __LINE__);
+        while (csu && csu->stripped()->kind == TYPE::ARRAY_T) csu = csu->stripped()->base;
+        if (!csu || !csu->stripped()->is_aggregate()) optassert("csu_type->is_array()", THIS_MODULE, __LINE__);
     }
     (void)loop;
     return n;
 }
 
 NODE* simp_UMULT(NODE* n, struct LOOP* loop) {
-    (void)loop;
     NODE* p = n->left;
     if (p->opcode == STREF) return n;  // already put in shape by simp_STREF
     n->left = p = simp_ss_tree(p, false);
@@ -957,6 +951,23 @@ NODE* simp_UMULT(NODE* n, struct LOOP* loop) {
         p->left = nullptr;
         erase_node(p);
         p = n->left;
+    }
+    // *f(&a, &b, c) of a built-in of three arguments: f(a, b, c), in the
+    // indirection's type.
+    if (p->opcode == ICALL && p->left && p->left->opcode == PCOMMA && p->left->left &&
+        p->left->left->opcode == UAND && p->left->right && p->left->right->opcode == PCOMMA &&
+        p->left->right->left && p->left->right->left->opcode == UAND && p->left->right->right &&
+        p->left->right->right->opcode != PCOMMA) {
+        auto indirection = [&](NODE*& arg) {
+            TYPE* t = arg->left && arg->left->type ? arg->left->type : n->type;
+            arg = simp_UMULT(mktree(UMULT, t, arg), loop);
+        };
+        indirection(p->left->left);
+        indirection(p->left->right->left);
+        p->type = n->type;
+        n->left = nullptr;
+        erase_node(n);
+        return p;
     }
     auto qualified = [](TYPE* t) { return (TYPE_qual_kind(t) & 2) != 0; };
     if (!trees_are_normalized && (p->opcode == UAND || p->opcode == ARGREF) && p->left &&

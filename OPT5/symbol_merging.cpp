@@ -93,7 +93,7 @@ private:
     }
 
     bool find_candidates() {
-        build_loop_hierarchy(false, false, false, 0);
+        build_minimal_loop_hierarchy(false);
         for (BBLK* b : blocks_) {
             int depth = 0;
             for (const struct LOOP* l = b->loop; l; l = l->parent) ++depth;

@@ -152,6 +152,104 @@ TEST_F(Cfg, SortKeepsTheHeadCellAndEqualOrder) {
     for (EDGE* e = list; e; e = e->rest) order.push_back(e->bb);
     EXPECT_EQ(order, (std::vector<BBLK*>{&b, &d2, &c2, &a}));
     free_edge_list(list);
+
+    // The sort for long lists gives the same order, weights travelling
+    // with their blocks.
+    std::vector<BBLK> many(200);
+    EDGE* slow = nullptr;
+    for (size_t k = 0; k < many.size(); ++k) {
+        many[k].dfn = static_cast<int>((k * 37) % 23);
+        slow = new EDGE{&many[k], static_cast<double>(k), slow};
+    }
+    EDGE* fast = copy_edge_list(slow);
+    sort_edge_list(slow);
+    fast_sort_edge_list(fast);
+    for (EDGE *x = slow, *y = fast; x || y; x = x->rest, y = y->rest) {
+        ASSERT_TRUE(x && y);
+        EXPECT_EQ(x->bb, y->bb);
+        EXPECT_EQ(x->weight, y->weight);
+    }
+    free_edge_list(slow);
+    free_edge_list(fast);
+}
+
+// A block put on the way from B2 to the join, by hand: B2's jump is
+// remapped to it and B2's edges redone from the jump; the graph is then the
+// one the statements give when rebuilt.
+TEST_F(Cfg, EditedJumpsAndEdgesAgreeWithARebuiltGraph) {
+    cbranch(cmp(LT, i, 1), 1);  // B1 -> B2, B3
+    set(i, 2);
+    branch(2);                  // B2 -> B4
+    label(1);
+    set(i, 3);                  // B3 -> B4
+    label(2);
+    ret();
+    buildcfg();
+    Dominator* d = dominators();
+    BBLK* b2 = d->DFSblock(2);
+    BBLK* b4 = d->DFSblock(4);
+    BBLK* n = insert_new_bb_with_branch(0, b4, b4, nullptr);  // laid out last, jumps back to B4
+    EXPECT_EQ(n->prev, b4);
+    EXPECT_EQ(fi.bb_list->prev, n);
+    EXPECT_NE(n->label, 0);
+    EXPECT_EQ(mklabel(0, n), n->label);  // keeps the label it has
+    NODE* jump = b2->statements.back().tree;
+    EXPECT_FALSE(remap_labelrefs(jump, 99, n->label));
+    EXPECT_TRUE(remap_labelrefs(jump, b4->label, n->label));
+    fixup_edge_lists(b2, jump);
+    n->successors = add_edge(b4, n->successors);
+    b4->predecessors = add_edge(n, b4->predecessors);
+    renumber_bblocks();
+    auto preds = [](BBLK* b) {
+        std::vector<int> out;
+        for (EDGE* e = b->predecessors; e; e = e->rest) out.push_back(e->bb->dfn);
+        std::sort(out.begin(), out.end());
+        return out;
+    };
+    EXPECT_EQ(succs(2), (std::vector<int>{5}));
+    EXPECT_EQ(preds(b4), (std::vector<int>{3, 5}));
+    EXPECT_EQ(dominators()->immediate_dominator(b4), dominators()->DFSblock(1));
+    EXPECT_EQ(dominators()->dominator_children(dominators()->DFSblock(2)),
+              (std::vector<BBLK*>{dominators()->DFSblock(5)}));
+    std::vector<int> under_b4;  // what B4 is the nearest post-dominator of
+    for (BBLK* b : dominators()->post_dominator_children(b4)) under_b4.push_back(b->dfn);
+    std::sort(under_b4.begin(), under_b4.end());
+    EXPECT_EQ(under_b4, (std::vector<int>{1, 3, 5}));
+    rebuildcfg();
+    EXPECT_EQ(succs(2), (std::vector<int>{5}));
+    EXPECT_EQ(succs(5), (std::vector<int>{4}));
+    EXPECT_EQ(preds(dominators()->DFSblock(4)), (std::vector<int>{3, 5}));
+
+    // Taken out of the layout, the block is gone from the walk.
+    BBLK* last = fi.bb_list->prev;
+    delink_old_bb(last);
+    EXPECT_TRUE(dominators()->dirty);
+    renumber_bblocks();
+    EXPECT_EQ(layout_blocks().size(), 4u);
+    EXPECT_EQ(fi.bb_list->prev, dominators()->DFSblock(4));
+    free_edge_list(last->predecessors);
+    free_edge_list(last->successors);
+    erase_tree_list(last->statements);
+    EXPECT_TRUE(last->statements.empty());
+    delete last;
+}
+
+// A test on a constant folds; the edges out of its block are redone in
+// place, the blocks stay the same objects.
+TEST_F(Cfg, FoldedTestsLeaveTheRestOfTheGraphAlone) {
+    set(i, 0);
+    cbranch(mk_ICON(0, i16), 1);  // never taken: B1 -> B2 only
+    set(i, 2);
+    label(1);
+    ret();
+    buildcfg();
+    std::vector<BBLK*> before = layout_blocks();
+    EXPECT_TRUE(simpcfg(false, false));
+    EXPECT_EQ(layout_blocks(), before);
+    EXPECT_EQ(succs(1), (std::vector<int>{2}));
+    EXPECT_EQ(edge_length(before[2]->predecessors), 1);
+    EXPECT_EQ(before[2]->predecessors->bb, before[1]);
+    EXPECT_EQ(dominators()->immediate_dominator(before[2]), before[1]);
 }
 
 // The block on a jump's edge goes where no block falls into it: B1 falls
@@ -340,6 +438,31 @@ TEST_F(Cfg, IrreducibleFlowHasNoLoops) {
     build_loop_hierarchy(false, false, false, 1);
     EXPECT_TRUE(fi.loops.empty());
     for (BBLK* b : layout_blocks()) EXPECT_EQ(b->loop, nullptr);
+}
+
+// The nest alone: loops, levels and preheaders, but no control variables
+// (those come with the analyses of the full hierarchy).
+TEST_F(Cfg, MinimalHierarchyHasTheNestWithoutTheAnalyses) {
+    set(i, 0);
+    label(1);
+    set(c, 0);
+    label(2);
+    step(c, 1);
+    cbranch(cmp(LT, c, 4), 2);
+    step(i, 1);
+    cbranch(cmp(LT, i, 8), 1);
+    ret();
+    buildcfg();
+    ASSERT_TRUE(build_minimal_loop_hierarchy(true));
+    ASSERT_EQ(fi.loops.size(), 2u);
+    for (struct LOOP* l : fi.loops) {
+        EXPECT_EQ(l->level, l->parent ? 2 : 1);
+        EXPECT_EQ(l->LCV, nullptr);
+        EXPECT_NE(l->preheader, nullptr);
+    }
+    build_loop_hierarchy(false, false, false, 1);
+    ASSERT_EQ(fi.loops.size(), 2u);
+    for (struct LOOP* l : fi.loops) EXPECT_EQ(l->LCV, l->parent ? &c : &i);
 }
 
 TEST_F(Cfg, NewLoopsCarryTheUnassignedLevel) {

@@ -205,6 +205,31 @@ TEST_F(Simp, MemberAccessAndIndirection) {
     trees_are_normalized = true;
     EXPECT_EQ(simp(mktree(UMULT, i16, mktree(UAND, type_pkg->mk_ptr(i16), name(x)))), "*&x");
     trees_are_normalized = false;
+
+    // *sel(&x, &y, c) of a built-in of three arguments reads the objects
+    // themselves: sel(x, y, c) in the type read.
+    TYPE* pi = type_pkg->mk_ptr(i16);
+    auto select = [&](NODE* third) {
+        NODE* args = mktree(PCOMMA, nullptr, mktree(UAND, pi, name(x)),
+                            mktree(PCOMMA, nullptr, mktree(UAND, pi, name(y)), third));
+        NODE* call = mktree(ICALL, pi, args);
+        call->mk_icall("__sel");
+        return mktree(UMULT, i16, call);
+    };
+    NODE* t = simp_tree(select(k(1)), nullptr);
+    EXPECT_EQ(t->opcode, ICALL);
+    EXPECT_EQ(t->type, i16);
+    EXPECT_EQ(t->left->left->opcode, NAME);
+    EXPECT_EQ(t->left->right->left->opcode, NAME);
+    erase_tree(t);
+    // With a fourth argument it is not such a built-in.
+    t = simp_tree(select(mktree(PCOMMA, nullptr, k(1), k(2))), nullptr);
+    EXPECT_EQ(t->opcode, UMULT);
+    erase_tree(t);
+
+    // A member access through a pointer to anything but a record (or an
+    // array of records) is a broken tree.
+    EXPECT_EXIT(simp(mktree(STREF, i16, name(p, pi), field())), ::testing::ExitedWithCode(1), "terminated abnormally");
 }
 
 TEST(BitVec, SetsAndResizes) {
