@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -13,6 +14,7 @@
 
 class NODE;
 class BITVEC;
+struct SYMTAB;
 struct BBLK;
 struct LOOP;
 class Dominator;
@@ -49,6 +51,15 @@ struct LOOPIV {
     INT65 step;
 };
 
+// What a loop changes (find_region_constants): a private variable it does
+// not assign is a constant of the loop, a shared one only when the loop
+// changes no memory either.
+struct loop_effects {
+    std::set<const SYMTAB*> assigned;  // variables assigned by name
+    bool memory = false;               // stores, calls, shared or volatile variables
+    bool assembly = false;
+};
+
 struct LOOP {
     struct LOOP* parent = nullptr;
     std::vector<struct LOOP*> inner;  // the loops directly inside, in order of discovery
@@ -63,6 +74,7 @@ struct LOOP {
     NODE* trips = nullptr;      // trip count, when the loop is counted (owned)
     int tripFactor = 0;
     std::vector<LOOPIV> ivs;
+    loop_effects effects;       // as find_region_constants last found them
     uint32_t flags = 0;
     uint16_t uid = 0;
     uint16_t counter = 1;

@@ -404,10 +404,8 @@ bool stepped_one_way(const struct LOOP* loop, const SYMTAB* var) {
 // variable the loop never assigns.
 bool invariant_operand(const struct LOOP* loop, const NODE* n) {
     if (n->opcode == ICON) return true;
-    if (n->opcode != NAME || !is_private_variable(n->symbol, currfuninfo->address_taken)) return false;
-    bool assigned = false;
-    for_each_assignment_in_loop(loop, n->symbol, [&](const NODE*) { assigned = true; });
-    return !assigned;
+    return n->opcode == NAME && is_private_variable(n->symbol, currfuninfo->address_taken) &&
+           !loop->effects.assigned.count(n->symbol);
 }
 
 // The variable of an exit test `v op bound` (either side) that the loop
@@ -423,6 +421,31 @@ const void* stepped_against_invariant(const struct LOOP* loop, const NODE* test)
     return nullptr;
 }
 }  // namespace
+
+const loop_effects& find_region_constants(struct LOOP* loop, const std::set<const SYMTAB*>& taken) {
+    loop_effects& fx = loop->effects;
+    fx = loop_effects();
+    for (EDGE* c = loop->contents; c; c = c->rest)
+        for (const BODY_ENTRY& e : c->bb->statements)
+            for_each_node(e.tree, [&](const NODE* n) {
+                int op = n->opcode;
+                if (op == LABEL || op == FIELD) return;
+                if (op == ASM) fx.assembly = true;
+                if (is_volatile_access(n)) fx.memory = true;
+                if (side_effects[op] == 1) {
+                    const NODE* place = n->left;
+                    if (place && place->opcode == NAME && place->symbol) {
+                        fx.assigned.insert(place->symbol);
+                        if (!is_private_variable(place->symbol, taken)) fx.memory = true;
+                    } else {
+                        fx.memory = true;
+                    }
+                } else if (side_effects[op] == 255 && op != PCOMMA && op != COMMAOP) {
+                    fx.memory = true;
+                }
+            });
+    return fx;
+}
 
 void find_loop_LCV(struct LOOP* loop) {
     // The exit test: a conditional jump at the latch back to the header
@@ -527,6 +550,7 @@ void build_loop_hierarchy(bool value_ranges, bool, bool, int normalise) {
         // that a store through a pointer may change.
         currfuninfo->address_taken = address_taken_symbols();
         for (struct LOOP* l : currfuninfo->loops) {
+            find_region_constants(l, currfuninfo->address_taken);
             find_loop_IVs(l, currfuninfo->address_taken);
             find_loop_LCV(l);
         }

@@ -32,7 +32,12 @@ std::map<const void*, loop_assignments> assignments_in_loop(const struct LOOP* l
 // is_private_variable; `taken` holds the function's address-taken symbols)
 // assigned once in the loop, by a constant step.
 void find_loop_IVs(struct LOOP* loop, const std::set<const SYMTAB*>& taken);
+// The loop's control variable (after find_region_constants, which says
+// what a bound compared with it may be).
 void find_loop_LCV(struct LOOP* loop);
+// Finds again what the loop changes (`taken`: the function's address-taken
+// symbols, which count as shared) and keeps it in loop->effects.
+const loop_effects& find_region_constants(struct LOOP* loop, const std::set<const SYMTAB*>& taken);
 // The latch's conditional jump back to the head, the test at the bottom
 // that keeps the loop going while it holds; null when the latch ends
 // otherwise.

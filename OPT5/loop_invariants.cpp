@@ -24,13 +24,6 @@ namespace {
 
 bool plain_scalar(TYPE* t) { return t && t->stripped()->is_scalar(); }
 
-// What a loop changes.
-struct loop_effects {
-    std::set<const SYMTAB*> assigned;  // variables assigned by name
-    bool memory = false;               // stores, calls, volatile accesses
-    bool assembly = false;
-};
-
 // How a tree's value relates to the loop.
 enum : char { VARIES, FIXED, INVARIANT };  // FIXED: a constant or an address; INVARIANT: reads what the loop keeps
 
@@ -42,8 +35,8 @@ public:
     int run(struct LOOP* loop, const std::vector<BBLK*>& blocks) {
         loop_ = loop;
         preheader_ = nullptr;
-        effects_ = effects_of(loop);
-        if (effects_.assembly) return 0;
+        const loop_effects& effects = find_region_constants(loop, taken_);
+        if (effects.assembly) return 0;
         kind_.clear();
         moved_.clear();
         int moved = 0;
@@ -60,42 +53,11 @@ public:
 private:
     const std::set<const SYMTAB*>& taken_;
     struct LOOP* loop_ = nullptr;
-    loop_effects effects_;
     ptr_map<const NODE*, char> kind_;
     std::vector<std::pair<NODE*, SYMTAB*>> moved_;  // the trees computed before the loop, and their temporaries
     BBLK* preheader_ = nullptr;
     std::vector<NODE*> dropped_;  // trees the temporaries replaced
     int temporaries_ = 0;
-
-    loop_effects effects_of(struct LOOP* loop) const {
-        loop_effects fx;
-        for (EDGE* c = loop->contents; c; c = c->rest)
-            for (const BODY_ENTRY& e : c->bb->statements) {
-                std::vector<const NODE*> work{e.tree};
-                while (!work.empty()) {
-                    const NODE* n = work.back();
-                    work.pop_back();
-                    if (!n || n->opcode == LABEL || n->opcode == FIELD) continue;
-                    int op = n->opcode;
-                    if (op == ASM) fx.assembly = true;
-                    if (is_volatile_access(n)) fx.memory = true;
-                    if (side_effects[op] == 1) {
-                        const NODE* place = n->left;
-                        if (place && place->opcode == NAME && place->symbol) {
-                            fx.assigned.insert(place->symbol);
-                            if (!is_private_variable(place->symbol, taken_)) fx.memory = true;
-                        } else {
-                            fx.memory = true;
-                        }
-                    } else if (side_effects[op] == 255 && op != PCOMMA && op != COMMAOP) {
-                        fx.memory = true;
-                    }
-                    work.push_back(n->left);
-                    work.push_back(n->right);
-                }
-            }
-        return fx;
-    }
 
     // The kind of a tree read as a value; every node of it gets its kind.
     char kind_of(const NODE* root) {
@@ -123,11 +85,11 @@ private:
         case NAME: {
             const SYMTAB* s = n->symbol;
             if (!s || !plain_scalar(n->type) || !plain_scalar(s->type) || is_volatile_access(n)) return VARIES;
-            if (is_private_variable(s, taken_)) return effects_.assigned.count(s) ? VARIES : INVARIANT;
-            return effects_.memory || effects_.assigned.count(s) ? VARIES : INVARIANT;
+            if (is_private_variable(s, taken_)) return loop_->effects.assigned.count(s) ? VARIES : INVARIANT;
+            return loop_->effects.memory || loop_->effects.assigned.count(s) ? VARIES : INVARIANT;
         }
         case UMULT:
-            if (effects_.memory || is_volatile_access(n) || !plain_scalar(n->type) || !n->left) return VARIES;
+            if (loop_->effects.memory || is_volatile_access(n) || !plain_scalar(n->type) || !n->left) return VARIES;
             if (const char* k = kind_.find(n->left)) return *k != VARIES ? INVARIANT : VARIES;
             return VARIES;
         default: break;

@@ -403,6 +403,12 @@ bool mvpIntegers::meet_and_note_change(const mvpIntegers& other) {
     return !(before == *this);
 }
 
+mvpIntegers mvpIntegers::type_range(TYPE* type) {
+    mvpIntegers mv;
+    mv.merge_constant_type_range(type, false);
+    return mv;
+}
+
 void mvpIntegers::widen(const mvpIntegers& before, TYPE* type) {
     INT65 tlo, thi;
     if (state_ != VALUE || before.state_ != VALUE || !type_bounds(type, tlo, thi)) return;
@@ -466,27 +472,25 @@ void mvpIntegers::refine(const NODE* test, bool holds, const NODE* var_use, cons
         set_top();
         return;
     }
-    if (exact_) {
-        std::vector<INT65> kept;
-        for (const INT65& v : values_)
-            if (v >= lo && v <= hi && !(op == NEQ && v == c)) kept.push_back(v);
-        if (kept.empty()) {  // the test can't come out this way
-            set_top();
-            return;
-        }
-        set_top();
-        for (const INT65& v : kept) merge_constant_integer_value(v);
-        return;
-    }
+    if (exact_) eval_exact_integer_assertion(lo, hi, op == NEQ ? &c : nullptr);
+    else eval_inexact_integer_assertion(lo, hi);
+}
+
+void mvpIntegers::eval_exact_integer_assertion(INT65 lo, INT65 hi, const INT65* excluded) {
+    std::vector<INT65> kept;
+    for (const INT65& v : values_)
+        if (v >= lo && v <= hi && !(excluded && v == *excluded)) kept.push_back(v);
+    set_top();  // when nothing is kept, the assertion can't hold: no value flows
+    for (const INT65& v : kept) merge_constant_integer_value(v);
+}
+
+void mvpIntegers::eval_inexact_integer_assertion(INT65 lo, INT65 hi) {
     INT65 s = stride_;
     INT65 first = lo_;
     if (lo > lo_) first = lo_ + ((lo - lo_ + s - INT65(1)) / s) * s;
-    if (first > hi) {
-        set_top();
-        return;
-    }
+    hi = min65(hi, hi_);
     set_top();
-    merge_constant_integer_range(first, hi, s);
+    if (first <= hi) merge_constant_integer_range(first, hi, s);
 }
 
 // Evaluation
@@ -701,21 +705,22 @@ void mvpIntegers::print(FILE* out) const {
 // ---------------------------------------------------------------------------
 // Propagation
 
-ssa_integers_mvp::ssa_integers_mvp(SSA_FORM& ssa) : ssa_(ssa) {}
-
-void ssa_integers_mvp::initialize_ssa_integer_mvp() {
-    mvs_.assign(ssa_.defs.size(), mvpIntegers());
+template <class MV>
+void ssa_mv_propagator<MV>::initialize() {
+    mvs_.assign(ssa_.defs.size(), MV());
     changes_.assign(ssa_.defs.size(), 0);
     users_.assign(ssa_.defs.size(), {});
     evaluated_.assign(ssa_.defs.size(), 0);
 }
 
-const mvpIntegers& ssa_integers_mvp::get_mv_for_definition(const SSA_DEFINITION* def) const {
-    static const mvpIntegers top{};
+template <class MV>
+const MV& ssa_mv_propagator<MV>::get_mv_for_definition(const SSA_DEFINITION* def) const {
+    static const MV top{};
     return def ? mvs_.at(static_cast<size_t>(def->id)) : top;
 }
 
-const mvpIntegers& ssa_integers_mvp::value_of(const SSA_DEFINITION* def) {
+template <class MV>
+const MV& ssa_mv_propagator<MV>::value_of(const SSA_DEFINITION* def) {
     // What an evaluation reads depends on the trees and the form alone, so
     // the first evaluation of each definition finds all its edges.
     if (def && evaluating_ >= 0 && !evaluated_[static_cast<size_t>(evaluating_)]) {
@@ -725,11 +730,166 @@ const mvpIntegers& ssa_integers_mvp::value_of(const SSA_DEFINITION* def) {
     return get_mv_for_definition(def);
 }
 
-void ssa_integers_mvp::set_mv_for_definition(const SSA_DEFINITION* def, const mvpIntegers& mv) {
-    mvpIntegers* pMetavalue = &mvs_.at(static_cast<size_t>(def->id));
+template <class MV>
+void ssa_mv_propagator<MV>::set_mv_for_definition(const SSA_DEFINITION* def, const MV& mv) {
+    MV* pMetavalue = &mvs_.at(static_cast<size_t>(def->id));
     if (!pMetavalue->is_at_top()) optassert("pMetavalue->is_at_top()", THIS_MODULE, __LINE__);
     *pMetavalue = mv;
 }
+
+template <class MV>
+int ssa_mv_propagator<MV>::propagate() {
+    initialize();
+    propagating_ = true;
+    struct DONE {
+        ssa_mv_propagator& m;
+        ~DONE() {
+            m.propagating_ = false;
+            m.propagation_done();
+        }
+    } done{*this};
+    // Every cycle of the form passes through a phi: one that keeps growing
+    // after a few changes is widened (its moving bounds go to the ends of
+    // its type), and the narrowing below finds the loop's bounds again.  Any
+    // other value that still grows takes its type's whole range after many
+    // changes, and one that changes after that goes to bottom, where nothing
+    // changes any more: every definition changes a bounded number of times,
+    // so every loop settles.
+    const int widen_phi_after = 6, widen_after = 40, give_up_after = 2 * widen_after;
+    // A worklist over the def-use edges: a definition is evaluated again only
+    // when one that it reads has changed.  The edges are recorded as the
+    // evaluations read the definitions.
+    std::deque<int> work;
+    std::vector<char> queued(ssa_.defs.size(), 1);
+    auto queue_users = [&](int id) {
+        for (int user : users_[static_cast<size_t>(id)])
+            if (!queued[static_cast<size_t>(user)]) {
+                queued[static_cast<size_t>(user)] = 1;
+                work.push_back(user);
+            }
+    };
+    std::vector<int> widened;
+    for (auto& d : ssa_.defs) work.push_back(d.id);
+    while (!work.empty()) {
+        int id = work.front();
+        work.pop_front();
+        queued[static_cast<size_t>(id)] = 0;
+        const SSA_DEFINITION* d = &ssa_.defs[static_cast<size_t>(id)];
+        evaluating_ = id;
+        MV mv = eval_SSA_operation(d);
+        evaluating_ = -1;
+        evaluated_[static_cast<size_t>(id)] = 1;
+        if (mv.is_at_top()) continue;
+        MV& cur = mvs_[static_cast<size_t>(id)];
+        int& n = changes_[static_cast<size_t>(id)];
+        if (cur.is_at_top()) {
+            set_mv_for_definition(d, mv);
+        } else if (d->kind == SSA_DEFINITION::PHI && n + 1 >= widen_phi_after && n < widen_after) {
+            MV before = cur;
+            if (!cur.meet_and_note_change(mv)) continue;
+            ++n;
+            cur.widen(before, d->var->type);
+            if (widened.empty() || widened.back() != id) widened.push_back(id);
+        } else {
+            if (!cur.meet_and_note_change(mv)) continue;
+            if (++n > give_up_after) cur.set_bottom();
+            else if (n > widen_after) cur.meet_and_note_change(MV::type_range(d->var->type));
+        }
+        queue_users(id);
+    }
+    // Narrowing: evaluated on values that hold, a definition gets values
+    // that hold, so a widened value may be replaced by what its evaluation
+    // gives now, as long as that is smaller.  A loop's tests narrow the uses
+    // in it, and so the values its phi receives.  Each definition shrinks a
+    // bounded number of times.
+    const int narrow_at_most = 4;
+    std::fill(changes_.begin(), changes_.end(), 0);
+    for (int id : widened) {
+        if (!queued[static_cast<size_t>(id)]) {
+            queued[static_cast<size_t>(id)] = 1;
+            work.push_back(id);
+        }
+        queue_users(id);
+    }
+    while (!work.empty()) {
+        int id = work.front();
+        work.pop_front();
+        queued[static_cast<size_t>(id)] = 0;
+        MV mv = eval_SSA_operation(&ssa_.defs[static_cast<size_t>(id)]);
+        MV& cur = mvs_[static_cast<size_t>(id)];
+        if (mv.is_at_top() || mv == cur || !mv.is_subset_of(cur)) continue;
+        if (++changes_[static_cast<size_t>(id)] > narrow_at_most) continue;
+        cur = std::move(mv);
+        queue_users(id);
+    }
+    int bound = 0;
+    for (auto& d : ssa_.defs) {
+        const MV& mv = mvs_[static_cast<size_t>(d.id)];
+        if (mv.is_at_top()) continue;
+        ++bound;
+        if (print_debug && FDEBUG) {
+            DBG_CHECK(std::fprintf(FDEBUG, "\t%s#%d = ", d.var->name.c_str(), d.id));
+            mv.print(FDEBUG);
+            DBG_CHECK(std::fputc('\n', FDEBUG));
+        }
+    }
+    return bound;
+}
+
+template <class MV>
+MV mvpValues<MV>::eval_expr(const NODE* tree) {
+    if (!tree) return MV();
+    switch (tree->opcode) {
+    case NAME: return this->ssa_.reaching_definition(tree) ? eval_USE_operation(tree) : eval_leaf_operation(tree);
+    case ASG: case PLUSASG: case MINUSASG: case MULTASG: case DIVASG: case MODASG: case ANDBASG: case ORBASG:
+    case XORBASG: case SLLASG: case SRLASG: return eval_DEF_operation(tree);
+    case CALL: case UCALL: return eval_call_operation(tree);
+    case ICALL: case UICALL: return eval_BIF_operation(tree);
+    case COMMA: return eval_expr(tree->right);
+    case ICON: case FCON: case SCON: return eval_leaf_operation(tree);
+    default: return eval_rvalue_operation(tree);
+    }
+}
+
+template <class MV>
+MV mvpValues<MV>::eval_USE_operation(const NODE* use) {
+    return eval_reaching_definition(use);
+}
+
+template <class MV>
+MV mvpValues<MV>::eval_DEF_operation(const NODE* asg) {
+    // An assignment the form knows is read as its definition's value; any
+    // other (to memory) as what it stores.
+    if (SSA_DEFINITION* const* d = this->ssa_.node_def.find(asg)) return this->value_of(*d);
+    return asg->opcode == ASG ? eval_rvalue_operation(asg) : eval_leaf_operation(asg);
+}
+
+template <class MV>
+MV mvpValues<MV>::eval_SSA_operation(const SSA_DEFINITION* def) {
+    MV mv;
+    switch (def->kind) {
+    case SSA_DEFINITION::ENTRY: mv = MV::type_range(def->var->type); break;
+    case SSA_DEFINITION::ASSIGN: mv = eval_assignment(def); break;
+    case SSA_DEFINITION::COND_ASSIGN:
+        mv = eval_assignment(def);
+        mv.meet_and_note_change(this->value_of(def->prior));
+        break;
+    case SSA_DEFINITION::PHI:
+        for (const SSA_DEFINITION* o : def->operands) {
+            if (!o) continue;  // from a block that is never reached
+            const MV& m = this->value_of(o);
+            if (mv.is_at_top()) mv = m;
+            else mv.meet_and_note_change(m);
+        }
+        break;
+    }
+    return mv;
+}
+
+template class ssa_mv_propagator<mvpIntegers>;
+template class mvpValues<mvpIntegers>;
+
+// The integer instance
 
 ssa_integers_mvp::USE_PATH ssa_integers_mvp::find_use_path(const NODE* use) const {
     USE_PATH path;
@@ -800,27 +960,19 @@ mvpIntegers ssa_integers_mvp::eval_reaching_definition(const NODE* use) {
     return narrowed(*path);
 }
 
-mvpIntegers ssa_integers_mvp::eval_expression(const NODE* tree) { return eval_expr(tree); }
-
-mvpIntegers ssa_integers_mvp::eval_expr(const NODE* tree) {
+mvpIntegers ssa_integers_mvp::eval_leaf_operation(const NODE* leaf) {
     mvpIntegers mv;
-    if (!tree) return mv;
+    mv.eval_leaf_operation(leaf);
+    return mv;
+}
+
+mvpIntegers ssa_integers_mvp::eval_rvalue_operation(const NODE* tree) {
+    mvpIntegers mv;
     int op = tree->opcode;
     switch (op) {
-    case ICON: mv.eval_leaf_operation(tree); return mv;
-    case NAME:
-        if (ssa_.reaching_definition(tree)) return eval_reaching_definition(tree);
-        mv.eval_leaf_operation(tree);
-        return mv;
-    case ASG: case PLUSASG: case MINUSASG: case MULTASG: case DIVASG: case MODASG: case ANDBASG: case ORBASG:
-    case XORBASG: case SLLASG: case SRLASG: {
-        if (SSA_DEFINITION* const* d = ssa_.node_def.find(tree)) return value_of(*d);
-        if (op == ASG) {
-            mvpIntegers r = eval_expr(tree->right);
-            mv.eval_cast_operation(tree->type, r);
-            return mv;
-        }
-        mv.eval_leaf_operation(tree);
+    case ASG: {  // a store, read as the value stored
+        mvpIntegers r = eval_expr(tree->right);
+        mv.eval_cast_operation(tree->type, r);
         return mv;
     }
     case PLUS: case MINUS: case MULT: case DIV: case MOD: case ANDB: case ORB: case XORB: case SLL: case SRL:
@@ -850,11 +1002,9 @@ mvpIntegers ssa_integers_mvp::eval_expr(const NODE* tree) {
             return mv;
         }
         break;
-    case COMMA: return eval_expr(tree->right);
     default: break;
     }
-    mv.eval_leaf_operation(tree);
-    return mv;
+    return eval_leaf_operation(tree);
 }
 
 mvpIntegers ssa_integers_mvp::eval_assignment(const SSA_DEFINITION* def) {
@@ -877,129 +1027,10 @@ mvpIntegers ssa_integers_mvp::eval_assignment(const SSA_DEFINITION* def) {
     return value;
 }
 
-mvpIntegers ssa_integers_mvp::eval_SSA_operation(const SSA_DEFINITION* def) {
-    mvpIntegers mv;
-    switch (def->kind) {
-    case SSA_DEFINITION::ENTRY: mv.merge_constant_type_range(def->var->type, false); break;
-    case SSA_DEFINITION::ASSIGN: mv = eval_assignment(def); break;
-    case SSA_DEFINITION::COND_ASSIGN:
-        mv = eval_assignment(def);
-        mv.meet_mvpIntegers_metavalues(value_of(def->prior));
-        break;
-    case SSA_DEFINITION::PHI:
-        for (const SSA_DEFINITION* o : def->operands) {
-            if (!o) continue;  // from a block that is never reached
-            const mvpIntegers& m = value_of(o);
-            if (mv.is_at_top()) mv = m;
-            else mv.meet_mvpIntegers_metavalues(m);
-        }
-        break;
-    }
-    return mv;
-}
-
 int ssa_integers_mvp::do_integer_value_propagation() {
     if (print_debug && FDEBUG)
         DBG_CHECK(std::fputs("\n\n\t\t\t-------- ENTERING 'ssa_integers_mvp' ---------------\n", FDEBUG));
-    initialize_ssa_integer_mvp();
-    propagating_ = true;
-    struct DONE {
-        ssa_integers_mvp& m;
-        ~DONE() {
-            m.propagating_ = false;
-            m.use_paths_.clear();
-        }
-    } done{*this};
-    // Every cycle of the form passes through a phi: one that keeps growing
-    // after a few changes is widened (its moving bounds go to the ends of
-    // its type), and the narrowing below finds the loop's bounds again.  Any
-    // other value that still grows takes its type's whole range after many
-    // changes, and one that changes after that goes to bottom, where nothing
-    // changes any more: every definition changes a bounded number of times,
-    // so every loop settles.
-    const int widen_phi_after = 6, widen_after = 40, give_up_after = 2 * widen_after;
-    // A worklist over the def-use edges: a definition is evaluated again only
-    // when one that it reads has changed.  The edges are recorded as the
-    // evaluations read the definitions.
-    std::deque<int> work;
-    std::vector<char> queued(ssa_.defs.size(), 1);
-    auto queue_users = [&](int id) {
-        for (int user : users_[static_cast<size_t>(id)])
-            if (!queued[static_cast<size_t>(user)]) {
-                queued[static_cast<size_t>(user)] = 1;
-                work.push_back(user);
-            }
-    };
-    std::vector<int> widened;
-    for (auto& d : ssa_.defs) work.push_back(d.id);
-    while (!work.empty()) {
-        int id = work.front();
-        work.pop_front();
-        queued[static_cast<size_t>(id)] = 0;
-        const SSA_DEFINITION* d = &ssa_.defs[static_cast<size_t>(id)];
-        evaluating_ = id;
-        mvpIntegers mv = eval_SSA_operation(d);
-        evaluating_ = -1;
-        evaluated_[static_cast<size_t>(id)] = 1;
-        if (mv.is_at_top()) continue;
-        mvpIntegers& cur = mvs_[static_cast<size_t>(id)];
-        int& n = changes_[static_cast<size_t>(id)];
-        if (cur.is_at_top()) {
-            set_mv_for_definition(d, mv);
-        } else if (d->kind == SSA_DEFINITION::PHI && n + 1 >= widen_phi_after && n < widen_after) {
-            mvpIntegers before = cur;
-            if (!cur.meet_and_note_change(mv)) continue;
-            ++n;
-            cur.widen(before, d->var->type);
-            if (widened.empty() || widened.back() != id) widened.push_back(id);
-        } else {
-            if (!cur.meet_and_note_change(mv)) continue;
-            if (++n > give_up_after) {
-                cur.set_bottom();
-            } else if (n > widen_after) {
-                mvpIntegers whole;
-                whole.merge_constant_type_range(d->var->type, false);
-                cur.meet_mvpIntegers_metavalues(whole);
-            }
-        }
-        queue_users(id);
-    }
-    // Narrowing: evaluated on values that hold, a definition gets values
-    // that hold, so a widened value may be replaced by what its evaluation
-    // gives now, as long as that is smaller.  A loop's tests narrow the uses
-    // in it, and so the values its phi receives.  Each definition shrinks a
-    // bounded number of times.
-    const int narrow_at_most = 4;
-    std::fill(changes_.begin(), changes_.end(), 0);
-    for (int id : widened) {
-        if (!queued[static_cast<size_t>(id)]) {
-            queued[static_cast<size_t>(id)] = 1;
-            work.push_back(id);
-        }
-        queue_users(id);
-    }
-    while (!work.empty()) {
-        int id = work.front();
-        work.pop_front();
-        queued[static_cast<size_t>(id)] = 0;
-        mvpIntegers mv = eval_SSA_operation(&ssa_.defs[static_cast<size_t>(id)]);
-        mvpIntegers& cur = mvs_[static_cast<size_t>(id)];
-        if (mv.is_at_top() || mv == cur || !mv.is_subset_of(cur)) continue;
-        if (++changes_[static_cast<size_t>(id)] > narrow_at_most) continue;
-        cur = std::move(mv);
-        queue_users(id);
-    }
-    int bound = 0;
-    for (auto& d : ssa_.defs) {
-        const mvpIntegers& mv = mvs_[static_cast<size_t>(d.id)];
-        if (mv.is_at_top()) continue;
-        ++bound;
-        if (print_debug && FDEBUG) {
-            DBG_CHECK(std::fprintf(FDEBUG, "\t%s#%d = ", d.var->name.c_str(), d.id));
-            mv.print(FDEBUG);
-            DBG_CHECK(std::fputc('\n', FDEBUG));
-        }
-    }
+    int bound = propagate();
     if (print_debug && FDEBUG)
         DBG_CHECK(std::fprintf(FDEBUG, "\nMVP bindings for integer analysis: %d\tin %s()\n", bound,
                                currfunc ? currfunc->name.c_str() : ""));

@@ -465,6 +465,40 @@ TEST_F(Cfg, MinimalHierarchyHasTheNestWithoutTheAnalyses) {
     for (struct LOOP* l : fi.loops) EXPECT_EQ(l->LCV, l->parent ? &c : &i);
 }
 
+// What each loop of a nest changes: the inner loop assigns c only; the
+// outer one also i and stores through a pointer.  A variable whose address
+// is taken is shared: assigning it changes memory.
+TEST_F(Cfg, RegionConstantsAreWhatALoopLeavesAlone) {
+    SYMTAB p, t;
+    p.name = "p";
+    t.name = "t";
+    TYPE* pi = pkg.mk_ptr(i16);
+    set(i, 0);
+    label(1);
+    set(c, 0);
+    label(2);
+    step(c, 1);
+    cbranch(mktree(LT, i16, name(c), name(t)), 2);
+    NODE* ptr = name(p);
+    ptr->type = pi;
+    stmt(mktree(ASG, i16, mktree(UMULT, i16, ptr), k(0)));  // *p = 0
+    step(i, 1);
+    cbranch(cmp(LT, i, 8), 1);
+    ret();
+    buildcfg();
+    build_loop_hierarchy(false, false, false, 1);
+    ASSERT_EQ(fi.loops.size(), 2u);
+    struct LOOP* inner = fi.loops[0]->parent ? fi.loops[0] : fi.loops[1];
+    struct LOOP* outer = inner->parent;
+    EXPECT_EQ(inner->effects.assigned, (std::set<const SYMTAB*>{&c}));
+    EXPECT_FALSE(inner->effects.memory);
+    EXPECT_EQ(inner->LCV, &c);  // stepped against t, which the loop leaves alone
+    EXPECT_EQ(outer->effects.assigned, (std::set<const SYMTAB*>{&c, &i}));
+    EXPECT_TRUE(outer->effects.memory);
+    std::set<const SYMTAB*> taken{&c};
+    EXPECT_TRUE(find_region_constants(inner, taken).memory);
+}
+
 TEST_F(Cfg, NewLoopsCarryTheUnassignedLevel) {
     struct LOOP* l = make_LOOP(nullptr, nullptr, 3, nullptr);
     EXPECT_EQ(l->level, 42);

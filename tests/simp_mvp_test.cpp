@@ -343,6 +343,38 @@ TEST(Metavalues, EvaluationWrapsAndRefines) {
     EXPECT_EQ(n, 2);
 }
 
+// An assertion keeps what lies within its bounds: values of a set, the
+// part of a range on its stride; nothing left means it can't hold (top).
+TEST(Metavalues, AssertionsKeepWhatLiesWithinTheirBounds) {
+    mvpIntegers set;
+    for (int v : {1, 4, 7, 9}) set.merge_constant_integer_value(INT65(v));
+    INT65 seven(7);
+    set.eval_exact_integer_assertion(INT65(2), INT65(9), &seven);
+    ASSERT_TRUE(set.is_exact());
+    EXPECT_EQ(set.size(), 2u);
+    EXPECT_EQ(set.minimum(), INT65(4));
+    EXPECT_EQ(set.maximum(), INT65(9));
+    EXPECT_EQ(set.known_1_bits(), INT65(0));
+    set.eval_exact_integer_assertion(INT65(5), INT65(8), nullptr);
+    EXPECT_TRUE(set.is_at_top());
+
+    mvpIntegers range;
+    range.merge_constant_integer_range(INT65(0), INT65(300), INT65(3));
+    range.eval_inexact_integer_assertion(INT65(10), INT65(200));
+    ASSERT_TRUE(range.is_inexact());
+    EXPECT_EQ(range.minimum(), INT65(12));  // the first on the stride
+    EXPECT_EQ(range.maximum(), INT65(198));
+    EXPECT_EQ(range.stride(), INT65(3));
+    range.eval_inexact_integer_assertion(INT65(100), INT65(101));
+    EXPECT_TRUE(range.is_at_top());
+    // Few enough values left make an exact set.
+    range.merge_constant_integer_range(INT65(0), INT65(300), INT65(3));
+    range.eval_inexact_integer_assertion(INT65(10), INT65(100));
+    EXPECT_TRUE(range.is_exact());
+    EXPECT_EQ(range.size(), 30u);
+    EXPECT_EQ(range.maximum(), INT65(99));
+}
+
 TEST(Metavalues, WideningMovesOnlyTheBoundsThatGrew) {
     init_opcode_tables();
     if (!type_pkg) init_types();
