@@ -25,6 +25,7 @@
 #include "OPT5/interprocedural_propagation.h"
 #include "OPT5/inlining.h"
 #include "OPT5/loop_rotation.h"
+#include "OPT5/loop_fusion.h"
 #include "OPT5/loop_invariants.h"
 #include "OPT5/loop_unrolling.h"
 #include "OPT5/local_symbols.h"
@@ -89,9 +90,11 @@ void lcse() {
     substitute_single_uses();
 }
 void rotate_loops_step() { rotate_loops(); }
-// Invariants leave their loops before the loops are copied; the arrays
+// Adjacent loops become one, then invariants leave their loops before the
+// loops are copied; the arrays
 // whose indices complete unrolling made constants become variables.
 void DD_restructuring() {
+    fuse_loops();
     hoist_loop_invariants();
     if (unroll_loops() > 0) explode_auto_aggregates();
 }

@@ -288,21 +288,39 @@ struct Generator {
         add("L" + std::to_string(exit) + ":");
         u.f.locals.push_back(std::string(s.prefix) + k);  // not read elsewhere: it may be unset there
     }
-    // c[i] = a[i] op b[i] over arrays, as the vectorizer likes them.
+    // c[i] = a[i] op b[i] over arrays, as the vectorizer likes them; now and
+    // then followed by loops over as many elements, with a counter of their
+    // own or the same, each reading what the one before wrote a little
+    // before or after (as fusion likes them, and not).
     void array_loop() {
-        std::string iv = "i" + std::to_string(depth);
+        std::string bound = chance(50) ? int_const(0, 96) : "nb";
+        std::string dest = array_loop_over(bound, "i" + std::to_string(depth), "");
+        for (int more = chance(40) ? 1 + pick(2) : 0; more > 0; --more) {
+            int counter = depth < 2 && chance(50) ? depth + 1 : depth;
+            dest = array_loop_over(bound, "i" + std::to_string(counter), dest);
+        }
+    }
+    // One such loop; it reads `from` (when given) at the counter plus 0 to
+    // 2, or minus 1 to 2 from 2 on.  Returns the array it writes.
+    std::string array_loop_over(const std::string& bound, const std::string& iv, const std::string& from) {
         int head = ++labels, exit = ++labels;
-        std::string bound = chance(50) ? int_const(0, 100) : "nb";
         std::string dest = array(true), op = chance(50) ? "+" : chance(50) ? "-" : "*";
-        auto at = [&](const std::string& a) { return "(deref (+ (addr " + a + ") " + iv + "))"; };
-        add("(= " + iv + " 0)");
+        auto at = [&](const std::string& a, int offset) {
+            std::string index = offset == 0 ? iv : "(" + std::string(offset > 0 ? "+ " : "- ") + iv + " " + std::to_string(std::abs(offset)) + ")";
+            return "(deref (+ (addr " + a + ") " + index + "))";
+        };
+        int offset = pick(3);
+        bool back = chance(30);
+        add("(= " + iv + " " + (back ? "2" : "0") + ")");
         if (!pointer.empty() && chance(30)) add("(= p (addr " + iv + "))");
         add("L" + std::to_string(head) + ":");
         add("(if (>= " + iv + " " + bound + ") " + std::to_string(exit) + ")");
-        add("(= " + at(dest) + " (" + op + " " + at(array(false)) + " " + at(array(false)) + "))");
+        std::string first = from.empty() ? at(array(false), 0) : at(from, back ? -offset : offset);
+        add("(= " + at(dest, 0) + " (" + op + " " + first + " " + at(array(false), 0) + "))");
         add("(+= " + iv + " 1)");
         add("(goto " + std::to_string(head) + ")");
         add("L" + std::to_string(exit) + ":");
+        return dest;
     }
 };
 

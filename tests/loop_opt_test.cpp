@@ -424,4 +424,71 @@ int main(void) {
     EXPECT_LT(vectorized.operations, scalar.operations);
 }
 
+// Four loops over the same 64 elements, each reading what the one before
+// wrote at the same index, the third with a counter of its own that is read
+// after it: one loop does all four, and does less work for it.
+TEST_F(LoopOpt, AdjacentLoopsOverTheSameElementsBecomeOne) {
+    compile(R"(#include <stdio.h>
+int a[64], b[64], c[65];
+int main(void) {
+    int i, j, s = 0;
+    for (i = 0; i < 64; i++) b[i] = i * 3 - 7;
+    for (i = 0; i < 64; i++) a[i] = b[i] + c[i + 1];
+    for (j = 0; j < 64; j++) c[j] = a[j] << 1;
+    for (i = 0; i < 64; i++) s += c[i] ^ i;
+    printf("%d %d %d\n", s, j, c[64]);
+    return 0;
+})");
+    IFRUN_RESULT reference = expect_same_at_every_level();
+    ASSERT_TRUE(reference.ok);
+    IFRUN_RESULT fused = run(std::vector<std::string>{"-o2", "--info_file=info.txt"});
+    std::string info = slurp(dir.path / "info.txt");
+    // c[i + 1] is read (by the second loop) an iteration before the third
+    // writes it, as it was read before the third loop began.
+    EXPECT_NE(info.find("Loops at lines 5 and 6 fused.\n"), std::string::npos) << info;
+    EXPECT_NE(info.find("Loops at lines 7 and 8 fused.\n"), std::string::npos) << info;
+    EXPECT_NE(info.find("Loops at lines 5 and 7 fused.\n"), std::string::npos) << info;
+    IFRUN_RESULT apart = run_without_step(37, reference);
+    EXPECT_LT(fused.operations, apart.operations);
+}
+
+// Loops that fused would do something else stay apart, and every program
+// still computes what it did.
+TEST_F(LoopOpt, LoopsThatMustStayApartStayApart) {
+    const char* programs[] = {
+        // The second reads an element the first writes only later.
+        "int a[65], b[64];\n"
+        "int main(void) { int i;\n"
+        "  for (i = 0; i < 64; i++) a[i] = i;\n"
+        "  for (i = 0; i < 64; i++) b[i] = a[i + 1];\n"
+        "  return b[3] + b[63]; }\n",
+        // A value the first computes is read by the second.
+        "int a[64];\n"
+        "int main(void) { int i, s = 0;\n"
+        "  for (i = 0; i < 64; i++) s += i;\n"
+        "  for (i = 0; i < 64; i++) a[i] = s;\n"
+        "  return a[5] & 255; }\n",
+        // Trip counts differ.
+        "int a[64], b[64];\n"
+        "int main(void) { int i;\n"
+        "  for (i = 0; i < 64; i++) a[i] = i;\n"
+        "  for (i = 0; i < 32; i++) b[i] = a[i];\n"
+        "  return b[31]; }\n",
+        // The second reaches memory through a pointer.
+        "int a[64], b[64];\n"
+        "int main(void) { int i; int *p = a + 1;\n"
+        "  for (i = 0; i < 64; i++) a[i] = i;\n"
+        "  for (i = 0; i < 63; i++) b[i] = p[i];\n"
+        "  return b[0] + b[62]; }\n",
+    };
+    for (const char* program : programs) {
+        compile(program);
+        IFRUN_RESULT reference = expect_same_at_every_level();
+        ASSERT_TRUE(reference.ok) << program;
+        run(std::vector<std::string>{"-o2", "--info_file=info.txt"});
+        std::string info = slurp(dir.path / "info.txt");
+        EXPECT_EQ(info.find("fused"), std::string::npos) << program << info;
+    }
+}
+
 }  // namespace
