@@ -478,6 +478,7 @@ void free_loops(FUNINFO* fi) {
         if (l->trips) erase_tree(l->trips);
         if (l->max_trips) erase_tree(l->max_trips);
         if (l->max_trips_bound) erase_tree(l->max_trips_bound);
+        delete l->live_out;
         delete l;
     }
     fi->loops.clear();
@@ -506,6 +507,10 @@ void free_liveness(FUNINFO* fi) {
     for (BBLK* b = fi->bb_list; b; b = b->next) {
         delete b->live_in;
         b->live_in = nullptr;
+    }
+    for (struct LOOP* l : fi->loops) {
+        delete l->live_out;
+        l->live_out = nullptr;
     }
 }
 

@@ -75,6 +75,7 @@ struct LOOP {
     int tripFactor = 0;
     std::vector<LOOPIV> ivs;
     loop_effects effects;       // as find_region_constants last found them
+    BITVEC* live_out = nullptr; // live where the loop may be left (owned), after liveness with loops
     uint32_t flags = 0;
     uint16_t uid = 0;
     uint16_t counter = 1;

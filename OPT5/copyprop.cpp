@@ -271,7 +271,7 @@ bool sym_appears_in_bb(const SYMTAB* sym, const BBLK* bb) {
 }
 
 void find_live_variables(bool record, bool loops) {
-    (void)record;
+    (void)record;  // the numbering is always kept
     FUNINFO* fi = currfuninfo;
     number_tracked_symbols();
     size_t n = fi->lva_syms.size();
@@ -323,7 +323,16 @@ void find_live_variables(bool record, bool loops) {
             }
         }
     }
-    (void)loops;  // the loop records are read from the exits' live-in sets
+    // Each loop records what is live where it may be left: its exits'
+    // live-in sets (an exit without one, everything).
+    if (loops)
+        for (struct LOOP* l : fi->loops) {
+            l->live_out = new BITVEC(n);
+            for (EDGE* x = l->exits; x; x = x->rest) {
+                if (x->bb->live_in) l->live_out->union_with(*x->bb->live_in);
+                else l->live_out->set_all();
+            }
+        }
 }
 
 namespace {
@@ -616,20 +625,19 @@ void elim_dead_assigns(bool delay, bool promote) {
         live->clear_all();
         // What is live where control may go next; at a loop's head also
         // what is live where it may leave the loop.
-        auto merge = [&](const BBLK* to) {
-            if (!to->live_in) {
+        auto merge = [&](const BITVEC* set) {
+            if (!set) {
                 live->set_all();
                 return;
             }
-            if (to->live_in->size() > live->size()) {
+            if (set->size() > live->size()) {
                 if (debugging()) DBG_CHECK(std::fputs("Vector size mismatch:merge\n", FDEBUG));
-                live->resize(to->live_in->size());
+                live->resize(set->size());
             }
-            live->union_with(*to->live_in);
+            live->union_with(*set);
         };
-        for (EDGE* e = b->successors; e; e = e->rest) merge(e->bb);
-        if (b->loop && b->loop->head == b)
-            for (EDGE* x = b->loop->exits; x; x = x->rest) merge(x->bb);
+        for (EDGE* e = b->successors; e; e = e->rest) merge(e->bb->live_in);
+        if (b->loop && b->loop->head == b && b->loop->live_out) merge(b->loop->live_out);
         for (size_t k = b->statements.size(); k-- > 0;) {
             NODE* t = b->statements[k].tree;
             int x = t && t->opcode == ASG ? tracked(t->left) : -1;

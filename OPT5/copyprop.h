@@ -29,7 +29,8 @@ void remove_unneeded_stores_from_destructor();
 // Computes the live-in set of every block over the function's tracked
 // variables (lva_sym_count of them).  Each flag asks for one more thing:
 // `record` keeps the variables' numbering in the function record (it is
-// always kept), `loops` records the live sets at loop exits too.
+// always kept), `loops` gives each loop of the hierarchy the set live where
+// it may be left (LOOP::live_out).
 void find_live_variables(bool record, bool loops);
 
 // x op= e, ++ and --: assignments that also read the variable.

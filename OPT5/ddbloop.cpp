@@ -299,6 +299,7 @@ struct LOOP* make_LOOP(BBLK* head, BBLK* tail, int uid, const struct LOOP* model
         l->max_trips = model->max_trips ? copy_tree(model->max_trips) : nullptr;
         l->max_trips_bound = model->max_trips_bound ? copy_tree(model->max_trips_bound) : nullptr;
         l->link = l->counterpart = nullptr;
+        l->live_out = nullptr;  // the model's liveness is not this loop's
     }
     if (head || !model) l->head = head;
     if (tail || !model) l->tail = tail;

@@ -2,6 +2,7 @@
 
 #include "BITVEC/bitvec.h"
 #include "OPT5/bbutils.h"
+#include "OPT5/copyprop.h"
 #include "OPT5/ddbloop.h"
 #include "OPT5/dominator.h"
 #include "OPT5/opt_client.h"
@@ -135,6 +136,35 @@ TEST_F(Cfg, DominatorsWithLivenessKnowWhatIsLiveOnEntry) {
     EXPECT_FALSE(live(2));  // sets i first
     EXPECT_TRUE(live(3));
     free_liveness(&fi);
+}
+
+// Liveness with loops gives each loop what is live where it may be left:
+// c, read after the loop, and not the counter, which is set again there.
+TEST_F(Cfg, LoopsKnowWhatIsLiveWhereTheyAreLeft) {
+    for (SYMTAB* s : {&i, &c}) {
+        BODY_ENTRY decl;
+        decl.kind = BODY_ENTRY::SYMBOL;
+        decl.sym = s;
+        s->type = i16;
+        fi.body.push_back(decl);
+    }
+    set(i, 0);
+    set(c, 5);
+    label(1);
+    step(i, 1);
+    cbranch(cmp(LT, i, 4), 1);
+    set(i, 0);
+    stmt(mktree(URETURN, i16, name(c)));
+    buildcfg();
+    build_loop_hierarchy(false, false, false, 1);
+    ASSERT_EQ(fi.loops.size(), 1u);
+    find_live_variables(true, true);
+    const BITVEC* out = fi.loops[0]->live_out;
+    ASSERT_NE(out, nullptr);
+    EXPECT_TRUE(out->test(static_cast<size_t>(lva_index(&c))));
+    EXPECT_FALSE(out->test(static_cast<size_t>(lva_index(&i))));
+    free_liveness(&fi);
+    EXPECT_EQ(fi.loops[0]->live_out, nullptr);
 }
 
 TEST_F(Cfg, SortKeepsTheHeadCellAndEqualOrder) {
