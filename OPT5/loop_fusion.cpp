@@ -14,6 +14,7 @@
 #include "OPT5/funinfo.h"
 #include "OPT5/globals.h"
 #include "OPT5/node.h"
+#include "OPT5/simp.h"
 #include "OPT5/symtab.h"
 
 namespace {
@@ -63,23 +64,30 @@ bool stepped_once_at_the_bottom(shape& s) {
     return assignments == 1;
 }
 
-// One memory access: an element of an array, at the counter plus `offset`.
+// One memory access: an element of an array, at the counter plus `offset`
+// from `base` (the array's address, or a row of it the loop does not move).
 struct access {
     const SYMTAB* array;
+    const NODE* base;
     INT65 offset;
     TYPE* type;
     bool store;
 };
 
-// The accesses of a loop's statements, and the variables they name; false
-// when one reaches memory any other way (or makes a call).
+// The accesses of a loop's statements, the variables they name, and those
+// their bases name; false when one reaches memory any other way (or makes a
+// call).
 struct loop_use {
     std::vector<access> accesses;
-    std::set<const SYMTAB*> named, assigned;
+    std::set<const SYMTAB*> named, assigned, in_bases;
 };
 
+// The array whose address a base is: &a, or &a plus an offset, converted.
 const SYMTAB* array_of(const NODE* base) {
-    if (base && base->opcode == PCONV) base = base->left;
+    while (base && (base->opcode == PCONV || base->opcode == PLUS)) {
+        if (base->opcode == PLUS && base->right && is_pointer_type(base->right->type)) base = base->right;
+        else base = base->left;
+    }
     if (!base || base->opcode != UAND || !base->left || base->left->opcode != NAME || !base->left->symbol)
         return nullptr;
     const SYMTAB* a = base->left->symbol;
@@ -121,19 +129,24 @@ bool uses_of(const std::vector<BODY_ENTRY>& stmts, const SYMTAB* lcv, const std:
                 const NODE* a = n->left;
                 INT65 c;
                 const SYMTAB* array = nullptr;
+                const NODE* base = nullptr;
                 if (a && a->opcode == PLUS) {
-                    if ((array = array_of(a->left)) && counter_offset(a->right, lcv, c)) {
-                    } else if ((array = array_of(a->right)) && counter_offset(a->left, lcv, c)) {
-                    } else {
-                        array = nullptr;
-                    }
+                    if ((array = array_of(a->left)) && counter_offset(a->right, lcv, c)) base = a->left;
+                    else if ((array = array_of(a->right)) && counter_offset(a->left, lcv, c)) base = a->right;
+                    else array = nullptr;
                 }
                 if (!array || is_volatile_access(n)) {
                     ok = false;
                     continue;
                 }
-                u.accesses.push_back({array, c, n->type, place});
+                u.accesses.push_back({array, base, c, n->type, place});
                 u.named.insert(lcv);
+                for_each_node(base, [&](const NODE* x) {
+                    if (x->opcode == NAME && x->symbol && x->symbol != array) {
+                        u.named.insert(x->symbol);
+                        u.in_bases.insert(x->symbol);
+                    }
+                });
                 continue;
             }
             if (is_assignment(op)) {
@@ -228,6 +241,13 @@ bool try_fusion(shape& a, shape& b, BBLK* between) {
         trace("defined in 1st loop lives in 2nd loop\n");
         return false;
     }
+    // The rows the accesses start from stay where they are in both loops.
+    for (const loop_use* u : {&ua, &ub})
+        for (const SYMTAB* v : u->in_bases)
+            if (ua.assigned.count(v) || ub.assigned.count(v)) {
+                trace("fusion not legal!\n");
+                return false;
+            }
     // Memory: an element the first body reaches in iteration k1 and the
     // second in k2 was reached by the first before the second; fused it
     // still is when k1 <= k2, that is when the second's offset is not past
@@ -235,7 +255,7 @@ bool try_fusion(shape& a, shape& b, BBLK* between) {
     for (const access& x : ua.accesses)
         for (const access& y : ub.accesses) {
             if (x.array != y.array || (!x.store && !y.store)) continue;
-            bool comparable = x.type && y.type && x.type->stripped() == y.type->stripped();
+            bool comparable = x.type && y.type && x.type->stripped() == y.type->stripped() && same_tree(x.base, y.base);
             bool in_order = !a.step.is_negative() ? y.offset <= x.offset : y.offset >= x.offset;
             if (!comparable || !in_order) {
                 trace("fusion not legal!\n");
@@ -287,17 +307,27 @@ bool try_fusion(shape& a, shape& b, BBLK* between) {
     return true;
 }
 
-// One fusion in the current hierarchy, the first pair found in layout order.
-bool fuse_one_pair() {
-    for (BBLK* b = currfuninfo->bb_list; b; b = b->next) {
+// The first pair of neighbouring loops directly inside `parent` (null: the
+// outermost loops), in layout order, fused; false when none could be.
+bool fuse_loops_at_loop_level(struct LOOP* parent) {
+    std::vector<BBLK*> heads;
+    auto consider = [&](BBLK* b) {
+        if (b->loop && b->loop->head == b && b->loop->parent == parent) heads.push_back(b);
+    };
+    if (parent) {
+        for (EDGE* e = parent->contents; e; e = e->rest) consider(e->bb);
+    } else {
+        for (BBLK* b = currfuninfo->bb_list; b; b = b->next) consider(b);
+    }
+    for (BBLK* b : heads) {
         shape first, second;
-        if (!b->loop || b->loop->head != b || !one_block_loop(b->loop, first)) continue;
+        if (!one_block_loop(b->loop, first)) continue;
         BBLK* between = b->next;
-        if (!between || between->loop != b->loop->parent || edge_length(between->predecessors) != 1 ||
+        if (!between || between->loop != parent || edge_length(between->predecessors) != 1 ||
             edge_length(between->successors) != 1 || !falls_through(between) || !between->next)
             continue;
         BBLK* h = between->next;
-        if (!h->loop || h->loop->head != h || h->loop->parent != b->loop->parent || !one_block_loop(h->loop, second))
+        if (!h->loop || h->loop->head != h || h->loop->parent != parent || !one_block_loop(h->loop, second))
             continue;
         // Each loop is entered only from the block before it.
         if (edge_length(h->predecessors) != 2 || !edge_memberp(between, h->predecessors)) continue;
@@ -306,6 +336,14 @@ bool fuse_one_pair() {
             continue;
         if (try_fusion(first, second, between)) return true;
     }
+    return false;
+}
+
+// One fusion at any level of the current hierarchy.
+bool fuse_one_pair() {
+    if (fuse_loops_at_loop_level(nullptr)) return true;
+    for (struct LOOP* l : currfuninfo->loops)
+        if (!loop_is_innermost(l) && fuse_loops_at_loop_level(l)) return true;
     return false;
 }
 

@@ -10,14 +10,16 @@
 //     the first loop never names), and goes in front of the first loop;
 //   - no variable one loop assigns is named by the other, counters aside;
 //   - every memory access of either is an element of an array named by its
-//     address, at the loop's counter plus a constant; where both loops reach
-//     one array and one of them stores, each element is reached by the first
-//     body no later in the fused loop than by the second, as before;
+//     address (or of a row of one that neither loop moves), at the loop's
+//     counter plus a constant; where both loops reach one array and one of
+//     them stores, both start from the same row and each element is reached
+//     by the first body no later in the fused loop than by the second, as
+//     before;
 //   - both carry the same loop pragmas, and the fused body stays small.
 //  Each try is traced on the debug stream; each fusion gives a line of
 //  optimisation information.
 #pragma once
 
 // From -o2, on the current function's flow graph (which it rebuilds when it
-// fuses).  Returns the number of fusions.
+// fuses), at every level of the loop nest.  Returns the number of fusions.
 int fuse_loops();

@@ -450,6 +450,24 @@ int main(void) {
     EXPECT_NE(info.find("Loops at lines 5 and 7 fused.\n"), std::string::npos) << info;
     IFRUN_RESULT apart = run_without_step(37, reference);
     EXPECT_LT(fused.operations, apart.operations);
+
+    // Inside another loop, over a row of a two-dimensional array.
+    compile(R"(#include <stdio.h>
+int a[8][16], b[8][16];
+int main(void) {
+    int k, i, s = 0;
+    for (k = 0; k < 8; k++) {
+        for (i = 0; i < 16; i++) a[k][i] = i + k;
+        for (i = 0; i < 16; i++) b[k][i] = a[k][i] * 3;
+    }
+    for (k = 0; k < 8; k++) for (i = 0; i < 16; i++) s += b[k][i];
+    printf("%d\n", s);
+    return 0;
+})");
+    ASSERT_TRUE(expect_same_at_every_level().ok);
+    run(std::vector<std::string>{"-o2", "--info_file=info.txt"});
+    info = slurp(dir.path / "info.txt");
+    EXPECT_NE(info.find("Loops at lines 6 and 7 fused.\n"), std::string::npos) << info;
 }
 
 // Loops that fused would do something else stay apart, and every program
@@ -462,6 +480,15 @@ TEST_F(LoopOpt, LoopsThatMustStayApartStayApart) {
         "  for (i = 0; i < 64; i++) a[i] = i;\n"
         "  for (i = 0; i < 64; i++) b[i] = a[i + 1];\n"
         "  return b[3] + b[63]; }\n",
+        // The same in a row of a two-dimensional array.
+        "int a[8][17], b[8][16];\n"
+        "int main(void) { int k, i, s = 0;\n"
+        "  for (k = 0; k < 8; k++) {\n"
+        "    for (i = 0; i < 16; i++) a[k][i] = i + k;\n"
+        "    for (i = 0; i < 16; i++) b[k][i] = a[k][i + 1];\n"
+        "  }\n"
+        "  for (k = 0; k < 8; k++) s += b[k][15];\n"
+        "  return s & 255; }\n",
         // A value the first computes is read by the second.
         "int a[64];\n"
         "int main(void) { int i, s = 0;\n"
