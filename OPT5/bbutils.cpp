@@ -271,16 +271,22 @@ void fixup_edge_lists(BBLK* bb, const NODE* stmt) {
     std::vector<int> labels;
     bool falls = true;
     list_branch_targets(stmt, labels, falls);
-    for (EDGE* e = bb->successors; e; e = e->rest) e->bb->predecessors = remove_edge(bb, e->bb->predecessors);
-    free_edge_list(bb->successors);
+    EDGE* old = bb->successors;
+    for (EDGE* e = old; e; e = e->rest) e->bb->predecessors = remove_edge(bb, e->bb->predecessors);
     bb->successors = nullptr;
     if (falls && bb->next) bb->successors = add_edge(bb->next, bb->successors);
-    for (int l : labels)
+    // A jump made simpler goes where it went before: the old successors
+    // are looked at first, the whole layout only for a new target.
+    auto block_of = [&](int l) -> BBLK* {
+        for (EDGE* e = old; e; e = e->rest)
+            if (e->bb->label == l) return e->bb;
         for (BBLK* b = currfuninfo->bb_list; b; b = b->next)
-            if (b->label == l) {
-                bb->successors = add_edge(b, bb->successors);
-                break;
-            }
+            if (b->label == l) return b;
+        return nullptr;
+    };
+    for (int l : labels)
+        if (BBLK* b = block_of(l)) bb->successors = add_edge(b, bb->successors);
+    free_edge_list(old);
     bb->successors = rev_edge_list(bb->successors);
     for (EDGE* e = bb->successors; e; e = e->rest) e->bb->predecessors = add_edge(bb, e->bb->predecessors);
     mark_dominators_dirty();
