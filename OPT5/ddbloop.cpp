@@ -385,6 +385,15 @@ void for_each_assignment_in_loop(const struct LOOP* loop, const void* var, F&& f
             });
 }
 
+}  // namespace
+
+int count_assignments_in_loop(const struct LOOP* loop, const void* var) {
+    int n = 0;
+    for_each_assignment_in_loop(loop, var, [&](const NODE*) { ++n; });
+    return n;
+}
+
+namespace {
 // Whether every change of `var` in the loop adds a constant of one sign
 // (`v++`, `*PLUSPLUS(v, 2)`, `v -= 1`, `v = v + 4`); and at least one does.
 bool stepped_one_way(const struct LOOP* loop, const SYMTAB* var) {

@@ -46,6 +46,9 @@ NODE* latch_jump(const struct LOOP* loop);
 // is_step set and the constant step when it is "v += c", "v -= c", "v++",
 // "v--", "v = v + c" or "v = v - c".
 const void* assigned_var(const NODE* t, bool& is_step, INT65& step);
+// How many assignments to `var` the loop makes, at statements' roots or
+// inside them.
+int count_assignments_in_loop(const struct LOOP* loop, const void* var);
 // The constant a variable holds on entry to the loop: the last assignment
 // of a constant to it in the blocks that lead to the header from outside,
 // walking back through single predecessors.

@@ -55,13 +55,7 @@ bool stepped_once_at_the_bottom(shape& s) {
     std::vector<BODY_ENTRY>& st = s.block->statements;
     bool is_step = false;
     if (assigned_var(st[st.size() - 2].tree, is_step, s.step) != s.lcv || !is_step) return false;
-    int assignments = 0;
-    for (const BODY_ENTRY& e : st)
-        for_each_node(e.tree, [&](const NODE* n) {
-            if (is_assignment(n->opcode) && n->left && n->left->opcode == NAME && n->left->symbol == s.lcv)
-                ++assignments;
-        });
-    return assignments == 1;
+    return count_assignments_in_loop(s.loop, s.lcv) == 1;
 }
 
 // One memory access: an element of an array, at the counter plus `offset`
@@ -79,7 +73,7 @@ struct access {
 // call).
 struct loop_use {
     std::vector<access> accesses;
-    std::set<const SYMTAB*> named, assigned, in_bases;
+    std::set<const SYMTAB*> named, in_bases;
 };
 
 // The array whose address a base is: &a, or &a plus an offset, converted.
@@ -150,8 +144,6 @@ bool uses_of(const std::vector<BODY_ENTRY>& stmts, const SYMTAB* lcv, const std:
                 continue;
             }
             if (is_assignment(op)) {
-                const NODE* to = n->left;
-                if (to && to->opcode == NAME && to->symbol) u.assigned.insert(to->symbol);
                 work.push_back({n->left, true});
                 work.push_back({n->right, false});
                 continue;
@@ -209,8 +201,9 @@ bool try_fusion(shape& a, shape& b, BBLK* between) {
     // to variables the first loop never names.
     loop_use ua, ub;
     const std::set<const SYMTAB*>& taken = fi->address_taken;
-    std::vector<BODY_ENTRY> body_a(a.block->statements.begin(), a.block->statements.end() - 1);
-    std::vector<BODY_ENTRY> body_b(b.block->statements.begin(), b.block->statements.end() - 1);
+    // What each loop assigns by name, as find_region_constants found it.
+    const std::set<const SYMTAB*>& assigned_a = a.loop->effects.assigned;
+    const std::set<const SYMTAB*>& assigned_b = b.loop->effects.assigned;
     if (!uses_of(a.block->statements, a.lcv, taken, ua) || !uses_of(b.block->statements, b.lcv, taken, ub)) {
         trace("fusion not legal!\n");
         return false;
@@ -227,13 +220,13 @@ bool try_fusion(shape& a, shape& b, BBLK* between) {
     }
     // Variables: the counters are each other's (or one), anything else
     // assigned in one is not named in the other.
-    for (const SYMTAB* v : ua.assigned)
-        if (v != a.lcv && (ub.named.count(v) || ub.assigned.count(v))) {
+    for (const SYMTAB* v : assigned_a)
+        if (v != a.lcv && (ub.named.count(v) || assigned_b.count(v))) {
             trace("defined in 1st loop lives in 2nd loop\n");
             return false;
         }
-    for (const SYMTAB* v : ub.assigned)
-        if (v != b.lcv && (ua.named.count(v) || ua.assigned.count(v))) {
+    for (const SYMTAB* v : assigned_b)
+        if (v != b.lcv && (ua.named.count(v) || assigned_a.count(v))) {
             trace("defined in 2nd loop lives in 1st loop\n");
             return false;
         }
@@ -244,7 +237,7 @@ bool try_fusion(shape& a, shape& b, BBLK* between) {
     // The rows the accesses start from stay where they are in both loops.
     for (const loop_use* u : {&ua, &ub})
         for (const SYMTAB* v : u->in_bases)
-            if (ua.assigned.count(v) || ub.assigned.count(v)) {
+            if (assigned_a.count(v) || assigned_b.count(v)) {
                 trace("fusion not legal!\n");
                 return false;
             }
@@ -262,7 +255,8 @@ bool try_fusion(shape& a, shape& b, BBLK* between) {
                 return false;
             }
         }
-    if (body_a.size() + body_b.size() > MAX_FUSED_STATEMENTS) {
+    // Each body less its jump back.
+    if (a.block->statements.size() - 1 + b.block->statements.size() - 1 > MAX_FUSED_STATEMENTS) {
         trace("fusion not profitable\n");
         return false;
     }
@@ -276,6 +270,7 @@ bool try_fusion(shape& a, shape& b, BBLK* between) {
     bool renamed = a.lcv != b.lcv && a.lcv->type && b.lcv->type && a.lcv->type->stripped() == b.lcv->type->stripped();
     std::vector<BODY_ENTRY>& sa = a.block->statements;
     std::vector<BODY_ENTRY>& sb = b.block->statements;
+    unsigned long long first_line = sa.front().pos.line, second_line = sb.front().pos.line;
     size_t keep_b = sb.size() - 1 - (a.lcv == b.lcv || renamed ? 1 : 0);
     if (renamed)
         for (size_t k = 0; k < keep_b; ++k)
@@ -301,8 +296,7 @@ bool try_fusion(shape& a, shape& b, BBLK* between) {
                                        exit_pos});
     }
     if (write_opt_info && finfo) {
-        unsigned long long la = sa.front().pos.line, lb = body_b.front().pos.line;
-        std::fprintf(finfo, "Loops at lines %llu and %llu fused.\n", la, lb);
+        std::fprintf(finfo, "Loops at lines %llu and %llu fused.\n", first_line, second_line);
     }
     return true;
 }
