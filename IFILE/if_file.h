@@ -7,6 +7,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "IFILE/if_symbol.h"
@@ -268,7 +269,7 @@ private:
     void w_u32(uint32_t v);
     void w_uint(uint64_t v);
     void w_sint(int64_t v);
-    void w_string(const std::string& s);
+    void w_string(std::string_view s);
     void w_raw(const void* p, size_t n);
     void w_psn(const PSN* pos);
     void w_typeref(TYPE* t);

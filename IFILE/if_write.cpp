@@ -1,6 +1,7 @@
 // Writing an I-file.
 #include <cstdlib>
 #include <cstring>
+#include <new>
 
 #include "IFILE/base_node.h"
 #include "IFILE/if_file.h"
@@ -36,7 +37,22 @@ I_FILE* I_FILE::if_create(FILE* f, TYPE_PKG* pkg, const char* src) {
     return file;
 }
 
-void I_FILE::w_u8(unsigned v) { out_.push_back(static_cast<unsigned char>(v)); }
+namespace {
+// Puts bytes into a buffer that may have to grow; when it cannot, the
+// record cannot be written and the run ends.
+template <class F>
+void growing(F&& put) {
+    try {
+        put();
+    } catch (const std::bad_alloc&) {
+        if_fatal(">> ICODE Buffer size exceeded and realloc failed");
+    }
+}
+}  // namespace
+
+void I_FILE::w_u8(unsigned v) {
+    growing([&] { out_.push_back(static_cast<unsigned char>(v)); });
+}
 
 void I_FILE::w_u16(unsigned v) {
     w_u8(v & 0xFF);
@@ -47,15 +63,23 @@ void I_FILE::w_u32(uint32_t v) {
     for (int i = 0; i < 4; ++i) w_u8((v >> (8 * i)) & 0xFF);
 }
 
-void I_FILE::w_uint(uint64_t v) { if_encode_uint(out_, v); }
+void I_FILE::w_uint(uint64_t v) {
+    growing([&] { if_encode_uint(out_, v); });
+}
 
-void I_FILE::w_sint(int64_t v) { if_encode_sint(out_, v); }
+void I_FILE::w_sint(int64_t v) {
+    growing([&] { if_encode_sint(out_, v); });
+}
 
-void I_FILE::w_string(const std::string& s) { w_raw(s.c_str(), s.size() + 1); }
+// The text and its terminating zero, without a copy of the text.
+void I_FILE::w_string(std::string_view s) {
+    w_raw(s.data(), s.size());
+    w_u8(0);
+}
 
 void I_FILE::w_raw(const void* p, size_t n) {
     const unsigned char* b = static_cast<const unsigned char*>(p);
-    out_.insert(out_.end(), b, b + n);
+    growing([&] { out_.insert(out_.end(), b, b + n); });
 }
 
 unsigned I_FILE::i_enter_file_name(const char* name) {
@@ -98,9 +122,11 @@ void I_FILE::i_flush(int id) {
     // The record joins the pending bytes: its id, its size, its body.  They
     // go to the stream a megabyte at a time (the stream is this file's own,
     // so it needs no locking).
-    pending_.push_back(static_cast<unsigned char>(id));
-    if_encode_uint(pending_, out_.size());
-    pending_.insert(pending_.end(), out_.begin(), out_.end());
+    growing([&] {
+        pending_.push_back(static_cast<unsigned char>(id));
+        if_encode_uint(pending_, out_.size());
+        pending_.insert(pending_.end(), out_.begin(), out_.end());
+    });
     out_.clear();
     if (pending_.size() >= PENDING_LIMIT) i_drain();
 }
@@ -112,7 +138,7 @@ void I_FILE::i_drain() {
 }
 
 void I_FILE::i_write_eof() {
-    pending_.push_back(static_cast<unsigned char>(IR_END));
+    growing([&] { pending_.push_back(static_cast<unsigned char>(IR_END)); });
     if (pending_.size() >= PENDING_LIMIT) i_drain();
 }
 

@@ -4,6 +4,7 @@
 #include <map>
 #include <set>
 #include <string>
+#include <unordered_map>
 
 #include "DEBUG_DISABLE/switches.h"
 #include "OPT5/abort.h"
@@ -276,6 +277,14 @@ std::vector<EHT_ENTRY> kept_eht_entries(const std::vector<EHT_ENTRY>& eht, const
     return out;
 }
 
+// Labels as written: 1, 2, ... in the layout order of the blocks they
+// begin; a label no block has (a cleanup end's) gets the next number when
+// it is first asked for.
+struct written_labels {
+    std::unordered_map<int, int> number;
+    int operator[](int label) { return number.try_emplace(label, static_cast<int>(number.size()) + 1).first->second; }
+};
+
 // The loop-header record in front of a loop's first block: its number,
 // its control variable when it has one, and its flags byte.
 void write_loop_icode(struct LOOP* loop) {
@@ -290,11 +299,17 @@ void write_loop_icode(struct LOOP* loop) {
 
 // The statements of every block in layout order, each block that some jump
 // names beginning with its label, each loop's header block preceded by the
-// loop's record.
-void wrbblocks() {
+// loop's record.  The labels are numbered afresh (`labels`), in the jumps
+// too.
+void wrbblocks(written_labels& labels) {
     build_loop_hierarchy(false, false, false, 0);
     std::vector<BBLK*> blocks = layout_blocks();
     jump_targets targets = named_labels(blocks);
+    for (BBLK* b : blocks)
+        if (targets.contains(b->label)) labels[b->label];
+    auto relabel = [&](NODE*& n) {
+        if (n->opcode == LABEL) n->value = INT65(labels[n->value.as<int32_t>()]);
+    };
     for (BBLK* b : blocks) {
         if (print_debug && FDEBUG) {
             DBG_CHECK(std::fprintf(FDEBUG, "\n++++(WRBBLOCKS): START NEXT BB, UON=%d, DFN=%d\n", b->label, b->dfn));
@@ -305,8 +320,11 @@ void wrbblocks() {
             DBG_CHECK(std::fprintf(FDEBUG, "\n\tLOOP DEPTH = %d\n", b->loop ? b->loop->level : 0));
         }
         if (b->loop && b->loop->head == b) write_loop_icode(b->loop);
-        if (targets.contains(b->label)) o_file->if_write_label(static_cast<unsigned>(b->label));
-        for (BODY_ENTRY& e : b->statements) wrexpr(e);
+        if (targets.contains(b->label)) o_file->if_write_label(static_cast<unsigned>(labels[b->label]));
+        for (BODY_ENTRY& e : b->statements) {
+            walk_and_modify_tree(e.tree, relabel);
+            wrexpr(e);
+        }
     }
 }
 
@@ -341,12 +359,14 @@ void write_func_body() {
                 DBG_CHECK(std::fprintf(FDEBUG, "\n%c\t'L':\t%s is a leaf function.\n", '^', currfunc->name.c_str()));
         }
     }
-    if (!flat) wrbblocks();
+    written_labels numbering;
+    if (!flat) wrbblocks(numbering);
     if (!fi->eht.empty()) {
         std::set<int> labels;
         if (!flat)
             for (BBLK* b : layout_blocks()) labels.insert(b->label);
         std::vector<EHT_ENTRY> kept = kept_eht_entries(fi->eht, labels);
+        for (EHT_ENTRY& e : kept) e.label = static_cast<unsigned>(numbering[static_cast<int>(e.label)]);
         if (!kept.empty()) o_file->if_write_func_eht(kept);
     }
     PSN none;

@@ -1,6 +1,10 @@
 // The record layer read and written through its own interface.
 #include <gtest/gtest.h>
 
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <cstdio>
 #include <deque>
 #include <memory>
 
@@ -185,6 +189,28 @@ TEST_F(IFile, MalformedRecordsEndTheRun) {
     EXPECT_EXIT(g->if_read_file(), ::testing::ExitedWithCode(1), "Invalid I-code record");
     std::unique_ptr<I_FILE> h(open(header(-71) + ".section main\neht n:1 b:9 n:0 n:0 n:0 n:0\n.end\n"));
     EXPECT_EXIT(h->if_read_file(), ::testing::ExitedWithCode(1), "INTERNAL ERROR: Invalid EHT record in I-code, aborting");
+}
+
+// A record too large for the memory left: the run ends with the writer's
+// message instead of an out-of-memory abort somewhere else.
+TEST_F(IFile, RecordTooLargeForMemoryEndsTheRun) {
+    FILE* o = std::fopen("/dev/null", "wb");
+    ASSERT_NE(o, nullptr);
+    std::unique_ptr<I_FILE> w(I_FILE::if_create(o, type_pkg, "big.c"));
+    std::string text(size_t{256} << 20, 'x');
+    auto write_with_little_memory = [&] {
+        // The address space allowed: what is mapped now and 64 MiB more.
+        long pages = 0;
+        FILE* statm = std::fopen("/proc/self/statm", "r");
+        if (!statm || std::fscanf(statm, "%ld", &pages) != 1) std::exit(2);
+        std::fclose(statm);
+        rlim_t limit = static_cast<rlim_t>(pages) * static_cast<rlim_t>(sysconf(_SC_PAGESIZE)) + (rlim_t{64} << 20);
+        rlimit r{limit, limit};
+        if (setrlimit(RLIMIT_AS, &r) != 0) std::exit(2);
+        w->if_write_comment(text.c_str());
+        std::exit(0);
+    };
+    EXPECT_EXIT(write_with_little_memory(), ::testing::ExitedWithCode(1), ">> ICODE Buffer size exceeded and realloc failed");
 }
 
 TEST_F(IFile, FunctionsCanBeSkippedReadAndCopied) {

@@ -90,12 +90,13 @@ TEST_F(RoundTrip, WhatReadingNormalizes) {
          "stmt P:0\nnode b:58 n:1\nnode b:2 n:1 R:1:0\nnode b:25 n:1 S:\"-4294967296\"\n"},
         {"a branch to the label right after it is dropped; the label stays",
          "stmt P:0\nnode b:114 n:0\nnode b:1 n:0 n:7\nlabel n:7\nstmt P:0\nnode b:114 n:0\nnode b:1 n:0 n:7\n",
-         "loop_header n:1 s:-1 s:0 b:224\nlabel n:7\nstmt P:0\nnode b:114 n:0\nnode b:1 n:0 n:7\n"},
-        {"branches elsewhere stay (the jump back to L7 makes a loop, marked for the code generator)",
+         "loop_header n:1 s:-1 s:0 b:224\nlabel n:1\nstmt P:0\nnode b:114 n:0\nnode b:1 n:0 n:1\n"},
+        {"branches elsewhere stay (the jump back to L7 makes a loop, marked for the code generator); labels "
+         "are numbered 1, 2, ... in the order of their blocks",
          "stmt P:0\nnode b:114 n:0\nnode b:1 n:0 n:8\nlabel n:7\nstmt P:0\nnode b:114 n:0\nnode b:1 n:0 n:7\n"
          "label n:8\n",
-         "stmt P:0\nnode b:114 n:0\nnode b:1 n:0 n:8\nloop_header n:1 s:-1 s:0 b:224\nlabel n:7\nstmt P:0\n"
-         "node b:114 n:0\nnode b:1 n:0 n:7\nlabel n:8\n"},
+         "stmt P:0\nnode b:114 n:0\nnode b:1 n:0 n:2\nloop_header n:1 s:-1 s:0 b:224\nlabel n:1\nstmt P:0\n"
+         "node b:114 n:0\nnode b:1 n:0 n:1\nlabel n:2\n"},
         {"a label that no jump names is not written", "label n:9\nstmt P:0\nnode b:4 n:1 i:1\n",
          "stmt P:0\nnode b:4 n:1 i:1\n"},
         {"scope records come before the statements",
@@ -122,7 +123,8 @@ TEST_F(RoundTrip, WhatReadingNormalizes) {
 // A handler is entered by no jump: its block stays and its label is
 // written.  An entry whose label the function does not have goes, unless it
 // ends a cleanup or a kept entry is inside it; the kept ones are numbered
-// 1, 2, ... with their parents.
+// 1, 2, ... with their parents.  The labels are numbered 1, 2, ... like
+// every function's, a cleanup end's that no block has after them.
 TEST_F(RoundTrip, ExceptionTablesKeepTheirHandlersAndAreNumberedDensely) {
     const std::string body =
         "stmt P:0\nnode b:118 n:1\nnode b:4 n:1 i:0\nlabel n:5\nstmt P:0\nnode b:118 n:1\nnode b:4 n:1 i:1\n"
@@ -130,10 +132,10 @@ TEST_F(RoundTrip, ExceptionTablesKeepTheirHandlersAndAreNumberedDensely) {
         "eht n:6 b:0 n:4 n:0 n:5 n:0 b:1 n:7 n:4 n:5 n:0 b:1 n:9 n:0 n:99 n:0 b:3 n:12 n:0 n:98 n:0 "
         "b:2 n:15 n:0 n:6 n:0 b:0 n:20 n:0 n:97 n:0\n";
     const std::string expected =
-        "stmt P:0\nnode b:118 n:1\nnode b:4 n:1 i:0\nlabel n:5\n"
-        "stmt P:0\nnode b:118 n:1\nnode b:4 n:1 i:1\nlabel n:6\n"
+        "stmt P:0\nnode b:118 n:1\nnode b:4 n:1 i:0\nlabel n:1\n"
+        "stmt P:0\nnode b:118 n:1\nnode b:4 n:1 i:1\nlabel n:2\n"
         "stmt P:0\nnode b:118 n:1\nnode b:4 n:1 i:2\n"
-        "eht n:4 b:0 n:1 n:0 n:5 n:0 b:1 n:2 n:1 n:5 n:0 b:3 n:3 n:0 n:98 n:0 b:2 n:4 n:0 n:6 n:0\n";
+        "eht n:4 b:0 n:1 n:0 n:1 n:0 b:1 n:2 n:1 n:1 n:0 b:3 n:3 n:0 n:3 n:0 b:2 n:4 n:0 n:2 n:0\n";
     for (const char* level : {"-o0", "-o2"}) {
         std::string out = optimize(unit(body), {level});
         EXPECT_EQ(main_section(out), leaf_prologue + expected + "end_func P:0\n") << level << "\n" << last.err;
