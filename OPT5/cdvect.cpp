@@ -17,6 +17,7 @@
 #include <cstdio>
 #include <functional>
 #include <map>
+#include <optional>
 #include <set>
 #include <unordered_map>
 
@@ -59,6 +60,12 @@ struct CD_LOOP_SHAPE {
     int exit_label = 0;
     std::vector<NODE*> stmts;  // the body's own statements
     std::vector<unsigned long long> lines;  // and their source lines
+};
+
+// What is known of a loop's iteration count when it is not a constant.
+struct trip_count_facts {
+    INT65 multiple{1};
+    std::optional<INT65> at_least, at_most;
 };
 
 CDFG::CDFG() = default;
@@ -272,19 +279,59 @@ bool find_shape(struct LOOP* loop, CD_LOOP_SHAPE& s, std::string& why) {
         s.stmts.push_back(st[i].tree);
         s.lines.push_back(st[i].pos.line);
     }
-    // The bound is a constant or a variable the loop leaves alone.
-    std::set<const SYMTAB*> assigned{s.iv};
-    for (NODE* x : s.stmts)
-        if (x->opcode == ASG && x->left->opcode == NAME) assigned.insert(x->left->symbol);
-    if (!(s.bound->opcode == ICON || (s.bound->opcode == NAME && !assigned.count(s.bound->symbol))))
-        return why = "bound changes in the loop", false;
     // The stores of the body go through pointers: a variable whose address
     // is taken could change under them.
     const std::set<const SYMTAB*>& taken = currfuninfo->address_taken;
     if (!is_private_variable(s.iv, taken)) return why = "loop variable may change through a pointer", false;
-    if (s.bound->opcode == NAME && !is_private_variable(s.bound->symbol, taken))
-        return why = "bound may change through a pointer", false;
+    // The bound is computed from constants and variables the loop leaves
+    // alone, reading no memory: the vector loop's test computes it again.
+    std::set<const SYMTAB*> assigned{s.iv};
+    for (NODE* x : s.stmts)
+        if (x->opcode == ASG && x->left->opcode == NAME) assigned.insert(x->left->symbol);
+    std::vector<const NODE*> work{s.bound};
+    while (!work.empty()) {
+        const NODE* n = work.back();
+        work.pop_back();
+        switch (n->opcode) {
+        case ICON: break;
+        case NAME:
+            if (assigned.count(n->symbol)) return why = "bound changes in the loop", false;
+            if (!is_private_variable(n->symbol, taken)) return why = "bound may change through a pointer", false;
+            break;
+        case PLUS: case MINUS: case MULT: case ANDB: case ORB: case XORB: case SLL: case SRL:
+            work.push_back(n->right);
+            [[fallthrough]];
+        case UMINUS: case NOTB: case SCONV:
+            if (!integer_view(n->type)) return why = "bound is not an integer", false;
+            work.push_back(n->left);
+            break;
+        default: return why = "bound is not computed from variables and constants", false;
+        }
+    }
     return true;
+}
+
+// What the bits of a bound tell of the iteration count of a loop that counts
+// by one from `init` while below `bound`: a power of two that divides it
+// (the bound's low bits known to be zero, as are the start's), and, for a
+// bound that can't be negative, how many iterations it has at least (its
+// bits known to be one) and at most (its bits that may be one).
+trip_count_facts facts_of_bound(const NODE* bound, INT65 init) {
+    trip_count_facts f;
+    TYPE* t = integer_view(bound->type);
+    if (!t) return f;
+    INT65 zeros = find_known_zeros(bound, t), ones = find_known_ones(bound, t);
+    auto bit = [](int k) { return INT65(1) << INT65(k); };
+    int k = 0;
+    while (k < 16 && !(zeros & bit(k)).is_zero() && (init & bit(k)).is_zero()) ++k;
+    f.multiple = bit(k);
+    int width = static_cast<int>(t->size);
+    if (t->signed_flag && (zeros & bit(width - 1)).is_zero()) return f;
+    INT65 mask = bit(width) - INT65(1);
+    INT65 hi = ~zeros & mask, lo = ones & mask;
+    f.at_most = hi > init ? hi - init : INT65(0);
+    if (lo > init) f.at_least = lo - init;
+    return f;
 }
 
 // Why a load (DFG_FETCH) or store (DFG_STORE) of the UMULT `access` can't
@@ -531,6 +578,13 @@ bool peel_unroll_and_vectorize_loop(CDFG* region, bool completely_allowed) {
     scalar_space += overhead_space;
     bool trips_known = loop->trips && loop->trips->opcode == ICON;
     int64_t trips = trips_known ? loop->trips->value.as<int64_t>() : -1;
+    trip_count_facts facts;
+    INT65 init;
+    if (!trips_known && find_expr_init(loop, shape.iv, init)) facts = facts_of_bound(shape.bound, init);
+    // Whether a factor provably divides the iteration count.
+    auto divides_count = [&](int f) {
+        return trips_known ? trips % f == 0 : facts.multiple.as<int64_t>() % f == 0;
+    };
     SIMD_CONFIGURATION scalar;
     scalar.sf = 1;
     scalar.time = scalar_time;
@@ -539,6 +593,10 @@ bool peel_unroll_and_vectorize_loop(CDFG* region, bool completely_allowed) {
     scalar.resII = static_cast<int>(scalar_time);
     configs.push_back(scalar);
     for (int sf : {2, 4}) {
+        if (facts.at_most && *facts.at_most < INT65(sf)) {
+            debug("  SF=%d: at most %s iterations\n", sf, facts.at_most->to_string().c_str());
+            continue;
+        }
         std::vector<DFG*> roots;
         bool ok = true;
         for (CDSTMT* s : region->stmts) {
@@ -560,7 +618,7 @@ bool peel_unroll_and_vectorize_loop(CDFG* region, bool completely_allowed) {
         }
         c.time += overhead_time;
         c.space += overhead_space;
-        bool divides = trips_known && trips % sf == 0;
+        bool divides = divides_count(sf);
         c.ptime = divides ? 0 : scalar_time;
         c.pspace = divides ? 0 : scalar_space;
         c.size = static_cast<int>(c.space);
@@ -591,7 +649,12 @@ bool peel_unroll_and_vectorize_loop(CDFG* region, bool completely_allowed) {
          std::to_string(shape.body->statements.back().pos.line).c_str(), factor);
     if (trips_known) info("  This loop has %s iterations.\n\n", std::to_string(trips).c_str());
     else info("  This loop's iteration count is %s\n", stmt2infix(loop->trips ? loop->trips : shape.bound).c_str());
-    bool divides = trips_known && trips % factor == 0;
+    if (facts.multiple > INT65(1)) info("  It iterates a multiple of %s times.\n", facts.multiple.to_string().c_str());
+    if (facts.at_least && *facts.at_least >= INT65(2))
+        info("  It has at least %s iterations.\n", facts.at_least->to_string().c_str());
+    if (facts.at_most && *facts.at_most >= INT65(2) && *facts.at_most <= INT65(1000000))
+        info("  It has at most %s iterations.\n", facts.at_most->to_string().c_str());
+    bool divides = divides_count(factor);
     if (!divides)
         info("  The unrolling factor %d does not provably divide the\n  iteration count, so we will add a 'peeled' loop for\n"
              "  the last few iterations.  Its iteration count is %s.\n\n",
@@ -674,7 +737,7 @@ bool peel_unroll_and_vectorize_loop(CDFG* region, bool completely_allowed) {
         back.pos = step.pos;
         vb->statements.push_back(back);
     }
-    // When the factor divides the constant trip count, the vector code does
+    // When the factor divides the iteration count, the vector code does
     // every iteration: the original loop is left at once, and goes.
     if (divides) {
         NODE* label = mk_LABELREF(shape.exit_label);
@@ -698,25 +761,24 @@ void do_cd_vectorization() {
     // step) becomes one block where nothing jumps in between.
     simpcfg(true, false);
     build_loop_hierarchy(false, false, false, 0);
-    std::vector<struct LOOP*> inner;
+    // The innermost loops by their headers' labels: a vectorized loop's
+    // blocks are made again and the loops found again, numbered afresh, but
+    // the labels stay.
+    std::vector<int> heads;
     for (struct LOOP* l : fi->loops)
-        if (loop_is_innermost(l)) inner.push_back(l);
-    std::vector<int> uids;
-    for (struct LOOP* l : inner) uids.push_back(l->uid);
+        if (loop_is_innermost(l)) heads.push_back(l->head->label);
     bool changed = false;
-    // The loops by uid (the last of equal ones), found again after each
-    // change of the hierarchy.
-    std::unordered_map<int, struct LOOP*> by_uid;
+    std::unordered_map<int, struct LOOP*> by_head;
     auto index_loops = [&] {
-        by_uid.clear();
-        for (struct LOOP* x : fi->loops) by_uid[x->uid] = x;
+        by_head.clear();
+        for (struct LOOP* x : fi->loops) by_head[x->head->label] = x;
     };
     index_loops();
-    for (int uid : uids) {
-        auto found = by_uid.find(uid);
-        if (found == by_uid.end()) continue;
+    for (int head : heads) {
+        auto found = by_head.find(head);
+        if (found == by_head.end()) continue;
         struct LOOP* l = found->second;
-        debug("\n---------- Preparing inner loop #%d ----------\n", uid);
+        debug("\n---------- Preparing inner loop #%d ----------\n", l->uid);
         debug("\n------- ENTERING 'vectorize_CFG_regions' -----------\n");
         EDGE* entries = copy_edge_list(l->head->predecessors);
         CDFG* region = convert_simple_CFG_region_to_CDFG(entries, l, false);

@@ -293,7 +293,10 @@ struct Generator {
     // own or the same, each reading what the one before wrote a little
     // before or after (as fusion likes them, and not).
     void array_loop() {
-        std::string bound = chance(50) ? int_const(0, 96) : "nb";
+        // The bound a constant, the variable, or computed from it in the
+        // test (a multiple of 4 or of 2, at most 15, one less).
+        static const char* const computed[] = {"nb", "(& nb -4)", "(& nb -2)", "(& nb 15)", "(- nb 1)"};
+        std::string bound = chance(50) ? int_const(0, 96) : computed[chance(50) ? 0 : 1 + pick(4)];
         std::string dest = array_loop_over(bound, "i" + std::to_string(depth), "");
         for (int more = chance(40) ? 1 + pick(2) : 0; more > 0; --more) {
             int counter = depth < 2 && chance(50) ? depth + 1 : depth;

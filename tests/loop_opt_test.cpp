@@ -424,6 +424,56 @@ int main(void) {
     EXPECT_LT(vectorized.operations, scalar.operations);
 }
 
+// Every loop of a function is vectorized, the first ones too (the loops
+// are found again, numbered afresh, after each one).  A bound computed in
+// the test tells what the count is: a multiple of 4 needs no loop for the
+// iterations left over, at most 15 is said, and at most one iteration is
+// left scalar.
+std::string vector_loops(const std::string& info) {
+    std::string found;
+    for (size_t at = info.find("nrolling and vectorizing loop #"); at != std::string::npos;
+         at = info.find("nrolling and vectorizing loop #", at + 1)) {
+        size_t lines = info.find(" at lines ", at);
+        found += info.substr(lines + 1, info.find('\n', at) - lines - 1) + "\n";
+    }
+    return found;
+}
+
+TEST_F(LoopOpt, EveryLoopIsVectorizedAndItsBoundTellsWhatItCan) {
+    compile(R"(#include <stdio.h>
+int a[64], b[64], c[64];
+static volatile int vol = 37;
+int kern(int n) {
+    int i, s = 0;
+    for (i = 0; i < (n & ~3); i++) c[i] = a[i] + b[i];
+    for (i = 0; i < (n & 15); i++) a[i] = c[i] - b[i];
+    for (i = 0; i < n - 1; i++) b[i] = a[i] * c[i];
+    for (i = 0; i < (n & 1); i++) c[i] = a[i] ^ b[i];
+    for (i = 0; i < 64; i++) s += c[i] + a[i] + b[i];
+    return s + i;
+}
+int main(void) {
+    int i, t = 0;
+    for (i = 0; i < 64; i++) { a[i] = i * 3 - 7; b[i] = 11 - i; c[i] = i ^ 5; }
+    t += kern(vol); t += kern(vol + 27); t += kern(vol - 34); t += kern(vol - 42); t += kern(vol - 15);
+    printf("%d\n", t);
+    return 0;
+})");
+    IFRUN_RESULT reference = expect_same_at_every_level();
+    ASSERT_TRUE(reference.ok);
+    IFRUN_RESULT vectorized = run(std::vector<std::string>{"-o2", "--info_file=info.txt"});
+    std::string info = slurp(dir.path / "info.txt");
+    EXPECT_EQ(vector_loops(info), "at lines 8-8 by a factor of 2x.\nat lines 7-7 by a factor of 2x.\n"
+                                  "at lines 6-6 by a factor of 2x.\n")
+        << info;
+    size_t first = info.find("This loop's iteration count is (n & -4)\n  It iterates a multiple of 4 times.\n");
+    EXPECT_NE(first, std::string::npos) << info;
+    EXPECT_EQ(info.find("does not provably divide", first), std::string::npos) << info;
+    EXPECT_NE(info.find("This loop's iteration count is (n & 15)\n  It has at most 15 iterations.\n"), std::string::npos)
+        << info;
+    EXPECT_LT(vectorized.operations, run_without_step(27, reference).operations);
+}
+
 // Four loops over the same 64 elements, each reading what the one before
 // wrote at the same index, the third with a counter of its own that is read
 // after it: one loop does all four, and does less work for it.
