@@ -72,7 +72,8 @@ struct LOOP {
     BBLK* tail = nullptr;       // the latch
     const void* LCV = nullptr;  // the loop-control variable (a SYMTAB), or null
     NODE* trips = nullptr;      // trip count, when the loop is counted (owned)
-    int tripFactor = 0;
+    int tripFactor = 0;         // a power of two the count is a multiple of (find_loop_assertions)
+    int min_trips = 0;          // the fewest iterations, when known (find_loop_assertions)
     std::vector<LOOPIV> ivs;
     loop_effects effects;       // as find_region_constants last found them
     BITVEC* live_out = nullptr; // live where the loop may be left (owned), after liveness with loops

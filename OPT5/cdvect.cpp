@@ -17,7 +17,6 @@
 #include <cstdio>
 #include <functional>
 #include <map>
-#include <optional>
 #include <set>
 #include <unordered_map>
 
@@ -60,12 +59,6 @@ struct CD_LOOP_SHAPE {
     int exit_label = 0;
     std::vector<NODE*> stmts;  // the body's own statements
     std::vector<unsigned long long> lines;  // and their source lines
-};
-
-// What is known of a loop's iteration count when it is not a constant.
-struct trip_count_facts {
-    INT65 multiple{1};
-    std::optional<INT65> at_least, at_most;
 };
 
 CDFG::CDFG() = default;
@@ -309,29 +302,6 @@ bool find_shape(struct LOOP* loop, CD_LOOP_SHAPE& s, std::string& why) {
         }
     }
     return true;
-}
-
-// What the bits of a bound tell of the iteration count of a loop that counts
-// by one from `init` while below `bound`: a power of two that divides it
-// (the bound's low bits known to be zero, as are the start's), and, for a
-// bound that can't be negative, how many iterations it has at least (its
-// bits known to be one) and at most (its bits that may be one).
-trip_count_facts facts_of_bound(const NODE* bound, INT65 init) {
-    trip_count_facts f;
-    TYPE* t = integer_view(bound->type);
-    if (!t) return f;
-    INT65 zeros = find_known_zeros(bound, t), ones = find_known_ones(bound, t);
-    auto bit = [](int k) { return INT65(1) << INT65(k); };
-    int k = 0;
-    while (k < 16 && !(zeros & bit(k)).is_zero() && (init & bit(k)).is_zero()) ++k;
-    f.multiple = bit(k);
-    int width = static_cast<int>(t->size);
-    if (t->signed_flag && (zeros & bit(width - 1)).is_zero()) return f;
-    INT65 mask = bit(width) - INT65(1);
-    INT65 hi = ~zeros & mask, lo = ones & mask;
-    f.at_most = hi > init ? hi - init : INT65(0);
-    if (lo > init) f.at_least = lo - init;
-    return f;
 }
 
 // Why a load (DFG_FETCH) or store (DFG_STORE) of the UMULT `access` can't
@@ -578,13 +548,10 @@ bool peel_unroll_and_vectorize_loop(CDFG* region, bool completely_allowed) {
     scalar_space += overhead_space;
     bool trips_known = loop->trips && loop->trips->opcode == ICON;
     int64_t trips = trips_known ? loop->trips->value.as<int64_t>() : -1;
-    trip_count_facts facts;
-    INT65 init;
-    if (!trips_known && find_expr_init(loop, shape.iv, init)) facts = facts_of_bound(shape.bound, init);
+    // What the loop's test tells of a count that is not a constant.
+    const NODE* at_most = trips_known ? nullptr : loop->max_trips;
     // Whether a factor provably divides the iteration count.
-    auto divides_count = [&](int f) {
-        return trips_known ? trips % f == 0 : facts.multiple.as<int64_t>() % f == 0;
-    };
+    auto divides_count = [&](int f) { return trips_known ? trips % f == 0 : loop->tripFactor % f == 0; };
     SIMD_CONFIGURATION scalar;
     scalar.sf = 1;
     scalar.time = scalar_time;
@@ -593,8 +560,8 @@ bool peel_unroll_and_vectorize_loop(CDFG* region, bool completely_allowed) {
     scalar.resII = static_cast<int>(scalar_time);
     configs.push_back(scalar);
     for (int sf : {2, 4}) {
-        if (facts.at_most && *facts.at_most < INT65(sf)) {
-            debug("  SF=%d: at most %s iterations\n", sf, facts.at_most->to_string().c_str());
+        if (at_most && at_most->value < INT65(sf)) {
+            debug("  SF=%d: at most %s iterations\n", sf, at_most->value.to_string().c_str());
             continue;
         }
         std::vector<DFG*> roots;
@@ -649,11 +616,12 @@ bool peel_unroll_and_vectorize_loop(CDFG* region, bool completely_allowed) {
          std::to_string(shape.body->statements.back().pos.line).c_str(), factor);
     if (trips_known) info("  This loop has %s iterations.\n\n", std::to_string(trips).c_str());
     else info("  This loop's iteration count is %s\n", stmt2infix(loop->trips ? loop->trips : shape.bound).c_str());
-    if (facts.multiple > INT65(1)) info("  It iterates a multiple of %s times.\n", facts.multiple.to_string().c_str());
-    if (facts.at_least && *facts.at_least >= INT65(2))
-        info("  It has at least %s iterations.\n", facts.at_least->to_string().c_str());
-    if (facts.at_most && *facts.at_most >= INT65(2) && *facts.at_most <= INT65(1000000))
-        info("  It has at most %s iterations.\n", facts.at_most->to_string().c_str());
+    if (!trips_known && loop->tripFactor > 1)
+        info("  It iterates a multiple of %s times.\n", std::to_string(loop->tripFactor).c_str());
+    if (!trips_known && loop->min_trips >= 2)
+        info("  It has at least %s iterations.\n", std::to_string(loop->min_trips).c_str());
+    if (at_most && at_most->value >= INT65(2) && at_most->value <= INT65(1000000))
+        info("  It has at most %s iterations.\n", at_most->value.to_string().c_str());
     bool divides = divides_count(factor);
     if (!divides)
         info("  The unrolling factor %d does not provably divide the\n  iteration count, so we will add a 'peeled' loop for\n"

@@ -182,11 +182,11 @@ const void* assigned_var(const NODE* t, bool& is_step, INT65& step) {
     return v;
 }
 
-bool find_expr_init(const struct LOOP* loop, const void* var, INT65& value) {
+const NODE* find_expr_def(const struct LOOP* loop, const void* var) {
     BBLK* b = nullptr;
     for (EDGE* e = loop->head->predecessors; e; e = e->rest)
         if (!loop_contains(loop, e->bb)) {
-            if (b) return false;
+            if (b) return nullptr;
             b = e->bb;
         }
     for (int guard = 0; b && guard < 64; ++guard) {
@@ -194,16 +194,23 @@ bool find_expr_init(const struct LOOP* loop, const void* var, INT65& value) {
             const NODE* t = it->tree;
             bool is_step;
             INT65 step;
-            if (assigned_var(t, is_step, step) != var) continue;
-            if (t->opcode == ASG && t->right && t->right->opcode == ICON) {
-                value = t->right->value;
-                return true;
-            }
-            return false;
+            if (assigned_var(t, is_step, step) == var) return t->opcode == ASG ? t->right : nullptr;
+            bool inside = false;  // an assignment within the statement
+            for_each_node(t, [&](const NODE* n) {
+                inside |= side_effects[n->opcode] == 1 && n->left && n->left->opcode == NAME && n->left->symbol == var;
+            });
+            if (inside) return nullptr;
         }
         b = edge_length(b->predecessors) == 1 ? b->predecessors->bb : nullptr;
     }
-    return false;
+    return nullptr;
+}
+
+bool find_expr_init(const struct LOOP* loop, const void* var, INT65& value) {
+    const NODE* init = find_expr_def(loop, var);
+    if (!init || init->opcode != ICON) return false;
+    value = init->value;
+    return true;
 }
 
 namespace {
@@ -410,12 +417,32 @@ bool stepped_one_way(const struct LOOP* loop, const SYMTAB* var) {
     return ok && sign != 0;
 }
 
-// Whether the loop changes nothing a value reads: a constant, or a private
-// variable the loop never assigns.
+// Whether the loop changes nothing a value reads: constants and private
+// variables the loop never assigns, under integer operators that read no
+// memory.
 bool invariant_operand(const struct LOOP* loop, const NODE* n) {
-    if (n->opcode == ICON) return true;
-    return n->opcode == NAME && is_private_variable(n->symbol, currfuninfo->address_taken) &&
-           !loop->effects.assigned.count(n->symbol);
+    std::vector<const NODE*> work{n};
+    while (!work.empty()) {
+        n = work.back();
+        work.pop_back();
+        switch (n->opcode) {
+        case ICON: break;
+        case NAME:
+            if (!is_private_variable(n->symbol, currfuninfo->address_taken) || loop->effects.assigned.count(n->symbol))
+                return false;
+            break;
+        case PLUS: case MINUS: case MULT: case ANDB: case ORB: case XORB: case SLL: case SRL:
+            if (!n->right) return false;
+            work.push_back(n->right);
+            [[fallthrough]];
+        case UMINUS: case NOTB: case SCONV:
+            if (!integer_view(n->type) || !n->left) return false;
+            work.push_back(n->left);
+            break;
+        default: return false;
+        }
+    }
+    return true;
 }
 
 // The variable of an exit test `v op bound` (either side) that the loop
@@ -457,25 +484,28 @@ const loop_effects& find_region_constants(struct LOOP* loop, const std::set<cons
     return fx;
 }
 
-void find_loop_LCV(struct LOOP* loop) {
-    // The exit test: a conditional jump at the latch back to the header
-    // (the loop goes on while the test holds), or at the header out of the
-    // loop (the loop ends when it holds), comparing an induction variable
-    // with a constant.
-    struct Test {
-        const NODE* cond = nullptr;
-        bool continue_while_true = true;
-    } test;
+namespace {
+// The exit test: a conditional jump at the latch back to the header (the
+// loop goes on while the test holds), or at the header out of the loop (the
+// loop ends when it holds).
+struct exit_test {
+    const NODE* cond = nullptr;
+    bool continue_while_true = true;
+};
+
+exit_test find_exit_test(const struct LOOP* loop) {
     const NODE* latch = latch_jump(loop);
     const NODE* head = loop->head->last_tree();
-    if (latch) {
-        test = {latch->left, true};
-    } else if (head && head->opcode == CBRANCH && head->right && head->right->opcode == LABEL) {
-        bool exits = false;
+    if (latch) return {latch->left, true};
+    if (head && head->opcode == CBRANCH && head->right && head->right->opcode == LABEL)
         for (EDGE* e = loop->head->successors; e; e = e->rest)
-            if (!loop_contains(loop, e->bb) && e->bb->label == head->right->value.as<int32_t>()) exits = true;
-        if (exits) test = {head->left, false};
-    }
+            if (!loop_contains(loop, e->bb) && e->bb->label == head->right->value.as<int32_t>()) return {head->left, false};
+    return {};
+}
+}  // namespace
+
+void find_loop_LCV(struct LOOP* loop) {
+    exit_test test = find_exit_test(loop);
     const NODE* c = test.cond;
     if (!c || !c->left || !c->right) return;
     const LOOPIV* iv = nullptr;
@@ -513,6 +543,58 @@ void find_loop_LCV(struct LOOP* loop) {
     if (test.continue_while_true && trips.is_zero()) trips = INT65(1);
     TYPE* type = c->right->type;
     loop->trips = mk_ICON(trips, type);
+}
+
+void find_loop_assertions(struct LOOP* loop) {
+    loop->tripFactor = 1;
+    loop->min_trips = 0;
+    if (loop->max_trips) erase_tree(loop->max_trips);
+    loop->max_trips = nullptr;
+    const auto* lcv = static_cast<const SYMTAB*>(loop->LCV);
+    if (!lcv || (loop->trips && loop->trips->opcode == ICON)) return;
+    exit_test test = find_exit_test(loop);
+    const NODE* c = test.cond;
+    if (!c || !c->left || !c->right) return;
+    // Normalised to "go on while lcv < bound".
+    int op = c->opcode;
+    const NODE* bound = c->right;
+    if (c->right->opcode == NAME && c->right->symbol == lcv) {
+        bound = c->left;
+        op = commute_inv[op];
+    } else if (c->left->opcode != NAME || c->left->symbol != lcv) {
+        return;
+    }
+    if (!test.continue_while_true) op = boolean_inv[op];
+    if (op != LT && op != ULT) return;
+    bool by_one = false;
+    for (const LOOPIV& v : loop->ivs)
+        if (v.var == lcv) by_one = v.step == INT65(1);
+    INT65 init;
+    if (!by_one || !find_expr_init(loop, lcv, init)) return;
+    // A variable set before the loop is as good as what it was set to.
+    TYPE* type = integer_view(bound->type);
+    if (bound->opcode == NAME) {
+        const NODE* def = find_expr_def(loop, bound->symbol);
+        TYPE* dt = def ? integer_view(def->type) : nullptr;
+        if (dt && type && dt->size == type->size && dt->signed_flag == type->signed_flag) bound = def;
+    }
+    if (!type) return;
+    // The bound's bits: its low ones known to be zero, and the start's, make
+    // the distance a multiple of a power of two; a bound that can't be
+    // negative lies between its bits known to be one and those that may be.
+    INT65 zeros = find_known_zeros(bound, type), ones = find_known_ones(bound, type);
+    auto bit = [](int k) { return INT65(1) << INT65(k); };
+    int k = 0;
+    while (k < 16 && !(zeros & bit(k)).is_zero() && (init & bit(k)).is_zero()) ++k;
+    loop->tripFactor = 1 << k;
+    int width = static_cast<int>(type->size);
+    if (type->signed_flag && (zeros & bit(width - 1)).is_zero()) return;
+    INT65 mask = bit(width) - INT65(1);
+    INT65 hi = ~zeros & mask, lo = ones & mask;
+    // Tested at the bottom, the body runs once before the first test.
+    INT65 least = test.continue_while_true ? INT65(1) : INT65(0);
+    loop->max_trips = mk_ICON(hi > init + least ? hi - init : least, type);
+    if (lo > init && (lo - init).fits_in<int32_t>()) loop->min_trips = (lo - init).as<int32_t>();
 }
 
 bool build_minimal_loop_hierarchy(bool normalise) {
@@ -563,6 +645,7 @@ void build_loop_hierarchy(bool value_ranges, bool, bool, int normalise) {
             find_region_constants(l, currfuninfo->address_taken);
             find_loop_IVs(l, currfuninfo->address_taken);
             find_loop_LCV(l);
+            find_loop_assertions(l);
         }
     }
     dump_loops();

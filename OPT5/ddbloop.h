@@ -35,6 +35,15 @@ void find_loop_IVs(struct LOOP* loop, const std::set<const SYMTAB*>& taken);
 // The loop's control variable (after find_region_constants, which says
 // what a bound compared with it may be).
 void find_loop_LCV(struct LOOP* loop);
+// What the exit test says of the loop's trip count when it is not a
+// constant, for a loop counting by one from a known constant while below a
+// bound the loop leaves alone (the bound, or what a variable bound was set
+// to before the loop): tripFactor, a power of two that divides the distance
+// from the start to the bound; max_trips and min_trips, the most and the
+// fewest iterations, for a bound that can't be negative.  Tested at the
+// bottom, the distance is the trip count when the loop is entered with its
+// test holding.
+void find_loop_assertions(struct LOOP* loop);
 // Finds again what the loop changes (`taken`: the function's address-taken
 // symbols, which count as shared) and keeps it in loop->effects.
 const loop_effects& find_region_constants(struct LOOP* loop, const std::set<const SYMTAB*>& taken);
@@ -53,6 +62,9 @@ int count_assignments_in_loop(const struct LOOP* loop, const void* var);
 // of a constant to it in the blocks that lead to the header from outside,
 // walking back through single predecessors.
 bool find_expr_init(const struct LOOP* loop, const void* var, INT65& value);
+// The value of that last assignment, whatever it is; null when there is
+// none, or the variable is changed otherwise (a step, an operator-assignment).
+const NODE* find_expr_def(const struct LOOP* loop, const void* var);
 void add_exit_blocks(struct LOOP* loop);
 bool loop_is_innermost(const struct LOOP* loop);
 void build_list_of_innermost_loop_headers(const struct LOOP* loop, std::vector<BBLK*>& list);

@@ -146,37 +146,76 @@ bool find_counted_test(struct LOOP* loop, const NODE* test, counted_test& out) {
 
 // Whether the loop's test holds whenever the loop is entered: the blocks
 // that lead to it in a straight line from a jump on the opposite test (a
-// rotated loop's guard) leave the counter and the bound alone.
+// rotated loop's guard) leave the counter and the bound alone, or set the
+// bound to what the guard compares with (an invariant hoisted out of the
+// loop) and leave that alone.
 bool entered_only_when_test_holds(struct LOOP* loop, const NODE* test, const counted_test& c) {
+    const std::set<const SYMTAB*>& taken = currfuninfo->address_taken;
+    // Computed from private variables and constants, reading no memory.
+    auto plain = [&](const NODE* e) {
+        bool ok = true;
+        for_each_node(e, [&](const NODE* n) {
+            if (side_effects[n->opcode] != 0 || n->opcode == UMULT ||
+                (n->opcode == NAME && !is_private_variable(n->symbol, taken)))
+                ok = false;
+        });
+        return ok;
+    };
+    NODE* expected = copy_tree(test);
+    std::set<const SYMTAB*> watched{c.counter};
+    const SYMTAB* bound = c.bound->opcode == NAME ? c.bound->symbol : nullptr;
+    if (bound) watched.insert(bound);
+    bool holds = false;
     BBLK* to = loop->head;
     for (int hops = 0; hops < 8; ++hops) {
         BBLK* from = nullptr;
+        bool several = false;
         for (EDGE* e = to->predecessors; e; e = e->rest) {
             if (loop_contains(loop, e->bb)) continue;
-            if (from) return false;
+            several |= from != nullptr;
             from = e->bb;
         }
-        if (!from) return false;
+        if (!from || several) break;
         const NODE* jump = from->last_tree();
         if (jump && jump->opcode == CBRANCH && edge_length(from->successors) == 2) {
-            if (!jump->right || jump->right->opcode != LABEL) return false;
-            bool taken = to->label != 0 && jump->right->value == INT65(to->label);
+            if (!jump->right || jump->right->opcode != LABEL) break;
+            bool taken_here = to->label != 0 && jump->right->value == INT65(to->label);
             bool falls = from->next == to;
-            if (taken == falls) return false;
+            if (taken_here == falls) break;
             NODE* reached = copy_tree(jump->left);
             if (falls) reached = invert_boolean_tree(reached);
-            bool same = same_tree(reached, test);
+            holds = same_tree(reached, expected);
             erase_tree(reached);
-            return same;
+            break;
         }
-        if (edge_length(from->successors) != 1) return false;
-        for (const BODY_ENTRY& e : from->statements)
-            if (e.tree && (sym_appears_in_tree(c.counter, e.tree) ||
-                           (c.bound->opcode == NAME && sym_appears_in_tree(c.bound->symbol, e.tree))))
-                return false;
+        if (edge_length(from->successors) != 1) break;
+        bool ok = true;
+        for (auto it = from->statements.rbegin(); ok && it != from->statements.rend(); ++it) {
+            NODE* t = it->tree;
+            if (!t) continue;
+            if (bound && watched.count(bound) && t->opcode == ASG && t->left && t->left->opcode == NAME &&
+                t->left->symbol == bound && t->right && plain(t->right) && !sym_appears_in_tree(bound, t->right) &&
+                !sym_appears_in_tree(c.counter, t->right)) {
+                walk_and_modify_tree(expected, [&](NODE*& n) {
+                    if (n->opcode == NAME && n->symbol == bound) {
+                        erase_tree(n);
+                        n = copy_tree(t->right);
+                    }
+                });
+                watched.erase(bound);
+                for_each_node(t->right, [&](const NODE* n) {
+                    if (n->opcode == NAME) watched.insert(n->symbol);
+                });
+                continue;
+            }
+            for (const SYMTAB* w : watched)
+                if (sym_appears_in_tree(w, t)) ok = false;
+        }
+        if (!ok) break;
         to = from;
     }
-    return false;
+    erase_tree(expected);
+    return holds;
 }
 
 // A loop whose trip count is known only when it runs: unrolled by a power
@@ -189,10 +228,29 @@ bool unroll_run_time(struct LOOP* loop, BBLK* b, NODE* jump) {
     counted_test c;
     if (loop->unroll_pragma || !find_counted_test(loop, jump->left, c)) return false;
     int largest = max_unrolling_factor(loop, count_instrs_in_loop(loop));
+    // A trip count known to be a multiple of a power of two leaves no
+    // iterations over for a factor that divides it: as many copies as the
+    // limits allow.  Otherwise the copies are the factor's and factor - 1
+    // in front.
     int factor = 1;
-    while (2 * (2 * factor) - 1 <= largest + 1) factor *= 2;  // copies: factor, and factor - 1 in front
+    while (2 * factor <= largest && loop->tripFactor % (2 * factor) == 0) factor *= 2;
+    bool whole = factor >= 2;
+    if (!whole)
+        while (2 * (2 * factor) - 1 <= largest + 1) factor *= 2;
     if (factor < 2) return false;
     if (!entered_only_when_test_holds(loop, jump->left, c)) return false;
+    PSN pos = b->statements.back().pos;
+    std::vector<BODY_ENTRY> body(b->statements.begin(), b->statements.end() - 1);
+    if (whole) {
+        std::vector<BODY_ENTRY> unrolled(body.begin(), body.end());
+        append_copies(body, factor - 1, unrolled);
+        unrolled.push_back(b->statements.back());
+        b->statements.swap(unrolled);
+        if (write_opt_info && finfo)
+            std::fprintf(finfo, "Loop at line %llu unrolled %d times (a multiple of %d iterations).\n",
+                         static_cast<unsigned long long>(pos.line), factor, loop->tripFactor);
+        return true;
+    }
     BBLK* pre = preheader_of(loop, false);  // the blocks are renumbered once, after every loop
     if (!pre) return false;
     BBLK* exit = b->next;
@@ -208,8 +266,6 @@ bool unroll_run_time(struct LOOP* loop, BBLK* b, NODE* jump) {
         distance = mktree(PLUS, u, distance, mk_ICON(INT65(1), u));
     NODE* selector = simp_tree(mktree(ANDB, u, distance, mk_ICON(INT65(factor - 1), u)), nullptr);
 
-    std::vector<BODY_ENTRY> body(b->statements.begin(), b->statements.end() - 1);
-    PSN pos = b->statements.back().pos;
     BODY_ENTRY guard;
     guard.tree =
         mktree(CBRANCH, jump->type, invert_boolean_tree(copy_tree(jump->left)), mk_LABELREF(mklabel(0, exit)));

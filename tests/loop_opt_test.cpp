@@ -234,6 +234,43 @@ int main(void) {
     EXPECT_LT(unrolled.operations, rolled.operations);
 }
 
+// A bound whose low bits are known to be zero (a mask in the test, or a
+// variable set to one before the loop; the hoisted bound is looked through)
+// makes the trip count a multiple of a power of two: the loop is unrolled
+// with nothing left over, no jump to left-over iterations.  A bound of at
+// most 15 is too small to unroll.
+TEST_F(LoopOpt, TripCountsKnownToBeMultiplesUnrollWithNothingLeftOver) {
+    compile(R"(#include <stdio.h>
+int a[64], b[64];
+static volatile int vol = 37;
+static long dot(int n) { long s = 0; for (int i = 0; i < (n & ~3); i++) s += a[i] * b[i]; return s; }
+static long eights(int n) {
+    long s = 0;
+    int m = n & -8;
+    for (int i = 0; i < m; i++) s += a[i] ^ b[i];
+    return s;
+}
+static long small(int n) { long s = 0; for (int i = 0; i < (n & 15); i++) s += a[i] - b[i]; return s; }
+int main(void) {
+    long t = 0;
+    for (int i = 0; i < 64; i++) { a[i] = i * 3 - 7; b[i] = 11 - i; }
+    for (int k = -9; k < 64; k += 5) t = t * 3 + dot(k) + eights(k) + small(k);
+    printf("%ld\n", t + dot(vol) + small(vol));
+    return 0;
+})");
+    IFRUN_RESULT reference = expect_same_at_every_level();
+    ASSERT_TRUE(reference.ok);
+    IFRUN_RESULT unrolled = run(std::vector<std::string>{"-o2", "--info_file=info.txt", "--debug_file=dbg.txt"});
+    std::string info = slurp(dir.path / "info.txt");
+    EXPECT_NE(info.find("Loop at line 4 unrolled 4 times (a multiple of 4 iterations).\n"), std::string::npos) << info;
+    EXPECT_NE(info.find("Loop at line 8 unrolled 4 times (a multiple of 8 iterations).\n"), std::string::npos) << info;
+    EXPECT_EQ(info.find("Loop at line 11 unrolled"), std::string::npos) << info;
+    EXPECT_NE(slurp(dir.path / "dbg.txt").find("  Maximum trip count is too small for unrolling: 15\n"),
+              std::string::npos);
+    EXPECT_EQ(ops(unrolled, "SWITCH"), 0u);
+    EXPECT_LT(unrolled.operations, run_without_step(37, reference).operations);
+}
+
 // A struct pointer stepped through an array of structs whose fields are
 // all 16 bits is read through one conversion: the pointer takes that type
 // and the conversions go (not so for a struct of mixed fields).  Counters of
