@@ -248,7 +248,9 @@ struct Generator {
     void counted_loop(int budget) {
         std::string iv = "i" + std::to_string(depth);
         int head = ++labels, exit = ++labels;
-        std::string bound = chance(50) ? int_const(0, 12) : "(& (conv-int " + leaf(scalar(minic::T_INT)) + ") 15)";
+        // A mask of 60 makes the count a multiple of 4, up to 60.
+        std::string bound = chance(50) ? int_const(0, 12)
+                                       : "(& (conv-int " + leaf(scalar(minic::T_INT)) + ") " + (chance(70) ? "15)" : "60)");
         // Inside another loop the bound may follow that loop's counter, from
         // a start that the first bound equals: the first inner loop runs no
         // iteration, the later ones more and more.
