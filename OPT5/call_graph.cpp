@@ -177,6 +177,19 @@ call_graph build_call_graph() {
     return g;
 }
 
+int function_opt_level(SYMTAB* fn) {
+    SYMTAB* outer = currfunc;
+    FUNINFO* outer_info = currfuninfo;
+    currfunc = fn;
+    currfuninfo = make_FUNINFO(fn);
+    apply_function_options();
+    int level = opt_level();
+    restore_function_options(false);
+    currfunc = outer;
+    currfuninfo = outer_info;
+    return level;
+}
+
 void detect_recursion() {
     call_graph g = build_call_graph();
     for (const call_graph::node& nd : g.nodes) {

@@ -47,6 +47,10 @@ call_graph build_call_graph();
 // barrier steps, which find every function parked.
 void with_function_statements(SYMTAB* fn, const std::function<void(FUNINFO*)>& f);
 
+// A defined function's optimisation level under its own option set; its
+// statements stay parked.
+int function_opt_level(SYMTAB* fn);
+
 // Calls f(node) for every node of every statement of a body, a node
 // before its operands.
 template <class F>

@@ -426,14 +426,23 @@ int inliner::run(int& unit_allowance) {
 int auto_inline_call_sites() {
     if (pass_disable_newinline) return 0;
     call_graph g = build_call_graph();
+    // Only a function optimised at level 2 or above inlines; a copy is kept
+    // only of what such a function calls.
+    std::vector<char> inlines(g.nodes.size()), copied(g.nodes.size());
+    for (size_t i = 0; i < g.nodes.size(); ++i) inlines[i] = function_opt_level(g.nodes[i].fn) >= 2;
+    for (size_t i = 0; i < g.nodes.size(); ++i)
+        if (inlines[i])
+            for (int c : g.nodes[i].callees) copied[static_cast<size_t>(c)] = 1;
     ptr_map<const SYMTAB*, callee_copy*> copies;
     std::vector<std::unique_ptr<callee_copy>> owned;
     int unit_allowance = pass_debug_inline_n > 0 ? static_cast<int>(pass_debug_inline_n) : -1;
     int replaced = 0;
     for (int v : g.bottom_up) {
         const call_graph::node& nd = g.nodes[v];
+        if (!inlines[static_cast<size_t>(v)] && !copied[static_cast<size_t>(v)]) continue;
         with_function_statements(nd.fn, [&](FUNINFO* fi) {
             replaced += inliner(fi, copies).run(unit_allowance);
+            if (!copied[static_cast<size_t>(v)]) return;
             const char* why = nullptr;
             if (std::unique_ptr<callee_copy> c = keep_for_copying(fi, nd, why)) {
                 copies[nd.fn] = c.get();

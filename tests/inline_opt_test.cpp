@@ -127,4 +127,33 @@ int main(void) {
     check({"-o2", "--debug=inline_n=1"}, 20);                // one call site replaced
 }
 
+// In a unit at level 0, a function whose own option set says level 2
+// inlines what it calls (a copy is kept of what a function at level 2
+// calls); the functions at level 0 keep their calls.
+TEST_F(InlineOpt, OnlyFunctionsOptimizedAtLevelTwoInline) {
+    compile(R"(#include <stdio.h>
+static int scale(int v) { return v * 3 + 1; }
+int at_two(int v) { return scale(v) + scale(v + 1); }
+int at_zero(int v) { return scale(v) - 2; }
+int main(void) { printf("%d %d\n", at_two(4), at_zero(5)); return 0; }
+)");
+    IFRUN_RESULT reference = run("");
+    ASSERT_TRUE(reference.ok);
+    // at_two's own option set: its global symbol's index, plus one.
+    std::string text = disassemble(dir.path / "p.if");
+    size_t globals = text.find(".section globals\n");
+    ASSERT_NE(globals, std::string::npos);
+    int index = 0;
+    for (size_t at = text.find("symbol S:", globals); at < text.find("symbol S:\"at_two\"", globals);
+         at = text.find("symbol S:", at + 1))
+        ++index;
+    text.insert(text.find(".section types"),
+                ".section options\noption_set n:" + std::to_string(index + 1) + " n:1 S:\"--opt_level=2\"\n.end\n");
+    ASSERT_EQ(assemble(text, dir.path / "p.if"), "");
+    IFRUN_RESULT r = run(std::vector<std::string>{"-o0"});
+    EXPECT_EQ(r.output, reference.output);
+    EXPECT_EQ(calls(reference), 6u);  // main's three, at_two's two, at_zero's one
+    EXPECT_EQ(calls(r), 4u);
+}
+
 }  // namespace
