@@ -190,6 +190,14 @@ int function_opt_level(SYMTAB* fn) {
     return level;
 }
 
+bool some_function_at_level(int level) {
+    for (SYMTAB* fn : functions) {
+        FUNINFO* fi = find_FUNINFO(fn);
+        if (fi && fi->defined && function_opt_level(fn) >= level) return true;
+    }
+    return false;
+}
+
 void detect_recursion() {
     call_graph g = build_call_graph();
     for (const call_graph::node& nd : g.nodes) {

@@ -50,6 +50,8 @@ void with_function_statements(SYMTAB* fn, const std::function<void(FUNINFO*)>& f
 // A defined function's optimisation level under its own option set; its
 // statements stay parked.
 int function_opt_level(SYMTAB* fn);
+// Whether some defined function is optimised at `level` or above.
+bool some_function_at_level(int level);
 
 // Calls f(node) for every node of every statement of a body, a node
 // before its operands.

@@ -164,6 +164,9 @@ unit_uses scan_unit_uses() {
 }
 
 int analyze_global_symbols() {
+    // Only functions optimised at level 2 or above read the initial values;
+    // the debug listing shows what is found in any case.
+    if (!print_debug && !some_function_at_level(2)) return 0;
     unit_uses u = scan_unit_uses();
     std::vector<std::unique_ptr<initial_values>> owned;
     ptr_map<const SYMTAB*, initial_values*> fixed;
@@ -191,9 +194,8 @@ int analyze_global_symbols() {
     int total = 0;
     for (SYMTAB* fn : functions) {
         FUNINFO* fi = find_FUNINFO(fn);
-        if (!fi || !fi->defined) continue;
+        if (!fi || !fi->defined || function_opt_level(fn) < 2) continue;
         with_function_statements(fn, [&](FUNINFO* f) {
-            if (opt_level() < 2) return;
             std::vector<std::pair<const SYMTAB*, int>> folded;  // in the order first met
             for (BODY_ENTRY& e : f->body)
                 if (e.kind == BODY_ENTRY::STMT && e.tree) fold_reads(e.tree, fixed, folded);

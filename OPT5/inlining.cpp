@@ -424,7 +424,7 @@ int inliner::run(int& unit_allowance) {
 }  // namespace
 
 int auto_inline_call_sites() {
-    if (pass_disable_newinline) return 0;
+    if (pass_disable_newinline || !some_function_at_level(2)) return 0;
     call_graph g = build_call_graph();
     // Only a function optimised at level 2 or above inlines; a copy is kept
     // only of what such a function calls.

@@ -1,6 +1,5 @@
 #include "OPT5/interprocedural_propagation.h"
 
-#include <algorithm>
 #include <cstdio>
 #include <optional>
 #include <vector>
@@ -60,11 +59,7 @@ NODE** call_slot(NODE* stmt) {
 
 int do_interprocedural_propagation() {
     // Only a function optimised at level 2 or above takes the constants.
-    if (std::none_of(functions.begin(), functions.end(), [](SYMTAB* fn) {
-            FUNINFO* fi = find_FUNINFO(fn);
-            return fi && fi->defined && function_opt_level(fn) >= 2;
-        }))
-        return 0;
+    if (!some_function_at_level(2)) return 0;
     unit_uses u = scan_unit_uses();
     ptr_map<const SYMTAB*, callee> callees;
     std::vector<SYMTAB*> defined;

@@ -81,6 +81,20 @@ protected:
         return it == r.per_opcode.end() ? 0 : it->second;
     }
 
+    // Gives the compiled function `fn` an option set of its own (one option).
+    void give_function_option(const std::string& fn, const std::string& option) {
+        std::string text = disassemble(dir.path / "p.if");
+        size_t globals = text.find(".section globals\n");
+        size_t symbol = text.find("symbol S:\"" + fn + "\"", globals);
+        ASSERT_NE(symbol, std::string::npos) << fn;
+        int index = 0;  // its global symbol's index
+        for (size_t at = text.find("symbol S:", globals); at < symbol; at = text.find("symbol S:", at + 1)) ++index;
+        ASSERT_EQ(text.find(".section options"), std::string::npos);
+        text.insert(text.find(".section types"), ".section options\noption_set n:" + std::to_string(index + 1) +
+                                                     " n:1 S:\"" + option + "\"\n.end\n");
+        ASSERT_EQ(assemble(text, dir.path / "p.if"), "");
+    }
+
     // The unit the last optimizing run wrote.
     fs::path last_optimized() const { return dir.path / ("p" + std::to_string(optimized_) + ".if"); }
 

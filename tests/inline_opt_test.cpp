@@ -139,17 +139,7 @@ int main(void) { printf("%d %d\n", at_two(4), at_zero(5)); return 0; }
 )");
     IFRUN_RESULT reference = run("");
     ASSERT_TRUE(reference.ok);
-    // at_two's own option set: its global symbol's index, plus one.
-    std::string text = disassemble(dir.path / "p.if");
-    size_t globals = text.find(".section globals\n");
-    ASSERT_NE(globals, std::string::npos);
-    int index = 0;
-    for (size_t at = text.find("symbol S:", globals); at < text.find("symbol S:\"at_two\"", globals);
-         at = text.find("symbol S:", at + 1))
-        ++index;
-    text.insert(text.find(".section types"),
-                ".section options\noption_set n:" + std::to_string(index + 1) + " n:1 S:\"--opt_level=2\"\n.end\n");
-    ASSERT_EQ(assemble(text, dir.path / "p.if"), "");
+    give_function_option("at_two", "--opt_level=2");
     IFRUN_RESULT r = run(std::vector<std::string>{"-o0"});
     EXPECT_EQ(r.output, reference.output);
     EXPECT_EQ(calls(reference), 6u);  // main's three, at_two's two, at_zero's one

@@ -59,6 +59,27 @@ int main(void) {
     EXPECT_FALSE(has(slurp(all), "initial value")) << slurp(all);
 }
 
+// In a unit at level 0, the one function whose own option set says level
+// 2 reads the global nothing writes as its initial value and takes the
+// constant it is always passed; the others are left as they are.
+TEST_F(Interprocedural, OnlyFunctionsOptimizedAtLevelTwoTakeTheConstants) {
+    compile(R"(#include <stdio.h>
+static int k = 7;
+static int at_two(int v) { return v * k; }
+static int at_zero(int v) { return v + k; }
+int main(void) { printf("%d %d\n", at_two(3), at_zero(3)); return 0; }
+)");
+    IFRUN_RESULT reference = run("");
+    give_function_option("at_two", "--opt_level=2");
+    fs::path file = dir.path / "o0.info";
+    IFRUN_RESULT r = run(std::vector<std::string>{"-o0", "--info_file=" + file.string()});
+    EXPECT_EQ(r.output, reference.output);
+    std::string text = slurp(file);
+    EXPECT_TRUE(has(text, "Function at_two(): 1 read of 'k', which nothing writes, takes its initial value.")) << text;
+    EXPECT_TRUE(has(text, "Function at_two(): parameter 'v' is 3 at every call.")) << text;
+    EXPECT_FALSE(has(text, "Function at_zero()")) << text;
+}
+
 TEST_F(Interprocedural, ConstantsCrossTheCallsOfFunctionsOnlyThisUnitCalls) {
     compile(R"(#include <stdio.h>
 static int scale(int x, int by) { return x * by; }      /* by is 5 at every call */
