@@ -143,9 +143,17 @@ NODE* converted(NODE* value, TYPE* type) {
 }
 
 std::set<const SYMTAB*> address_taken_symbols() {
+    // Worked out again only when something that may change it happened since.
+    FUNINFO* fi = currfuninfo;
+    if (fi && fi->taken_known_at == fi->address_changes) return fi->taken_known;
     std::set<const SYMTAB*> out;
     std::vector<std::pair<const NODE*, bool>> work;  // node, under a UAND
+    // The statements are in the blocks or, without a flow graph, in the body;
+    // moving them from one to the other changes nothing.
     for_each_statement([&](BBLK*, BODY_ENTRY& e) { work.push_back({e.tree, false}); });
+    if (fi)
+        for (const BODY_ENTRY& e : fi->body)
+            if (e.kind == BODY_ENTRY::STMT && e.tree) work.push_back({e.tree, false});
     while (!work.empty()) {
         auto [n, under] = work.back();
         work.pop_back();
@@ -153,6 +161,10 @@ std::set<const SYMTAB*> address_taken_symbols() {
         bool below = under || n->opcode == UAND;
         if (n->left) work.push_back({n->left, below});
         if (n->right) work.push_back({n->right, below});
+    }
+    if (fi) {
+        fi->taken_known = out;
+        fi->taken_known_at = fi->address_changes;
     }
     return out;
 }

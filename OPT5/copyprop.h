@@ -65,7 +65,11 @@ struct FUNC_SYM {
     bool is_arg;
 };
 std::vector<FUNC_SYM> function_symbols();
-// The symbols whose address the current function takes.
+// The symbols whose address the current function takes, in the statements
+// of its blocks or of its body.  Kept with the function until
+// note_address_change says it may have changed: address-of nodes are only
+// ever made by reading and by copying trees, which note it, as does erasing
+// one.
 std::set<const SYMTAB*> address_taken_symbols();
 // Only assignments that name the variable can change it: a local, not
 // volatile, whose address is not taken (`taken`, as above).

@@ -75,6 +75,12 @@ struct FUNINFO {
     std::vector<struct LOOP*> loops;    // owned, in order of discovery
     // With the loops: the symbols whose address the function takes.
     std::set<const SYMTAB*> address_taken;
+    // The address-taken symbols as last worked out, while `address_changes`
+    // (counting what may change them: address-of nodes made or erased,
+    // symbols renamed, statements unparked) stays what it was then.
+    uint64_t address_changes = 1;
+    uint64_t taken_known_at = 0;
+    std::set<const SYMTAB*> taken_known;
     int max_label = 0;                  // largest label number in use
     std::vector<SYMTAB*> temporaries;   // locals the steps made (make_local_temporary)
 

@@ -191,9 +191,14 @@ void NODE::mk_ucall(unsigned count) {
 }
 
 
+void note_address_change() {
+    if (currfuninfo) ++currfuninfo->address_changes;
+}
+
 NODE* new_node(int opcode, TYPE* type) {
     NODE* n = allocate_node();
     n->opcode = opcode;
+    if (opcode == UAND) note_address_change();
     n->type = type;
     n->creation_type = type;
     switch (opcode) {
@@ -269,6 +274,7 @@ NODE* copy_node_if_changed(NODE* node, NODE* left, NODE* right) {
     NODE* n = allocate_node();
     *n = *node;
     own_copies(n);
+    if (n->opcode == UAND) note_address_change();
     n->left = left;
     n->right = right;
     return n;
@@ -279,6 +285,7 @@ NODE* copy_tree(const NODE* tree) {
     NODE* n = allocate_node();
     *n = *tree;
     own_copies(n);
+    if (n->opcode == UAND) note_address_change();
     n->left = copy_tree(tree->left);
     n->right = copy_tree(tree->right);
     return n;
@@ -292,6 +299,7 @@ void erase_node(NODE* node) {
                          static_cast<void*>(node));
         abort_optimizer();
     }
+    if (node->opcode == UAND) note_address_change();
     if (node->has_extra()) {
         NODE_EXTRA& x = node->mx();
         if (x.side) {

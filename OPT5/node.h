@@ -134,6 +134,10 @@ INT65 truncate_to_type(INT65 v, TYPE* type);
 NODE* copy_node_if_changed(NODE* node, NODE* left, NODE* right);
 NODE* copy_tree(const NODE* tree);
 void erase_node(NODE* node);
+// Tells the current function that the symbols whose address it takes may
+// have changed (see address_taken_symbols): an address-of node is made or
+// erased, a symbol renamed, statements unparked.
+void note_address_change();
 void erase_tree(NODE* tree);
 // A work queue for walks; they nest, so each walk takes its own, and the
 // queues are kept from walk to walk on the thread.

@@ -290,6 +290,7 @@ void unpark_statements() {
     fi->parked.clear();
     fi->is_parked = false;
     fi->unparked_without_cfg = true;
+    note_address_change();
 }
 
 void unpark_function() {

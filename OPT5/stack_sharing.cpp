@@ -204,6 +204,7 @@ private:
                                        host->name.c_str()));
         }
         if (!shared) return 0;
+        note_address_change();  // a shared local's address becomes its host's
         for (BBLK* b : blocks_)
             for (BODY_ENTRY& e : b->statements)
                 for_each_local_access(e.tree, [&](const object_access& a) {

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <set>
+
 #include "BITVEC/bitvec.h"
 #include "OPT5/bbutils.h"
 #include "OPT5/copyprop.h"
@@ -541,3 +543,29 @@ TEST_F(Cfg, NewLoopsCarryTheUnassignedLevel) {
 }
 
 }  // namespace
+
+// The symbols whose address is taken are found again only after something
+// that may change them: here an address erased with its statement, and one
+// copied in from a tree made before the last look.  Moving the statements
+// into the blocks changes nothing.
+TEST_F(Cfg, AddressTakenSymbolsFollowTheTrees) {
+    SYMTAB p;
+    p.name = "p";
+    TYPE* ptr = pkg.mk_ptr(i16);
+    auto take = [&](SYMTAB& s) { return mktree(ASG, ptr, name(p), mktree(UAND, ptr, name(s))); };
+    NODE* kept = take(c);  // made now, copied in later
+    stmt(take(i));
+    set(c, 1);
+    ret();
+    using taken = std::set<const SYMTAB*>;
+    EXPECT_EQ(address_taken_symbols(), taken{&i});  // in the body, without a flow graph
+    buildcfg();
+    EXPECT_EQ(address_taken_symbols(), taken{&i});
+    std::vector<BODY_ENTRY>& st = fi.bb_list->statements;
+    erase_tree(st[0].tree);
+    st[0].tree = mktree(ASG, i16, name(i), k(2));
+    EXPECT_EQ(address_taken_symbols(), taken{});
+    st[1].tree = mktree(COMMA, i16, st[1].tree, copy_tree(kept));
+    EXPECT_EQ(address_taken_symbols(), taken{&c});
+    erase_tree(kept);
+}
