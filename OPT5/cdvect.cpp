@@ -278,29 +278,8 @@ bool find_shape(struct LOOP* loop, CD_LOOP_SHAPE& s, std::string& why) {
     if (!is_private_variable(s.iv, taken)) return why = "loop variable may change through a pointer", false;
     // The bound is computed from constants and variables the loop leaves
     // alone, reading no memory: the vector loop's test computes it again.
-    std::set<const SYMTAB*> assigned{s.iv};
-    for (NODE* x : s.stmts)
-        if (x->opcode == ASG && x->left->opcode == NAME) assigned.insert(x->left->symbol);
-    std::vector<const NODE*> work{s.bound};
-    while (!work.empty()) {
-        const NODE* n = work.back();
-        work.pop_back();
-        switch (n->opcode) {
-        case ICON: break;
-        case NAME:
-            if (assigned.count(n->symbol)) return why = "bound changes in the loop", false;
-            if (!is_private_variable(n->symbol, taken)) return why = "bound may change through a pointer", false;
-            break;
-        case PLUS: case MINUS: case MULT: case ANDB: case ORB: case XORB: case SLL: case SRL:
-            work.push_back(n->right);
-            [[fallthrough]];
-        case UMINUS: case NOTB: case SCONV:
-            if (!integer_view(n->type)) return why = "bound is not an integer", false;
-            work.push_back(n->left);
-            break;
-        default: return why = "bound is not computed from variables and constants", false;
-        }
-    }
+    if (!is_loop_invariant_value(loop, s.bound))
+        return why = "bound is not computed from constants and variables the loop leaves alone", false;
     return true;
 }
 

@@ -417,34 +417,6 @@ bool stepped_one_way(const struct LOOP* loop, const SYMTAB* var) {
     return ok && sign != 0;
 }
 
-// Whether the loop changes nothing a value reads: constants and private
-// variables the loop never assigns, under integer operators that read no
-// memory.
-bool invariant_operand(const struct LOOP* loop, const NODE* n) {
-    std::vector<const NODE*> work{n};
-    while (!work.empty()) {
-        n = work.back();
-        work.pop_back();
-        switch (n->opcode) {
-        case ICON: break;
-        case NAME:
-            if (!is_private_variable(n->symbol, currfuninfo->address_taken) || loop->effects.assigned.count(n->symbol))
-                return false;
-            break;
-        case PLUS: case MINUS: case MULT: case ANDB: case ORB: case XORB: case SLL: case SRL:
-            if (!n->right) return false;
-            work.push_back(n->right);
-            [[fallthrough]];
-        case UMINUS: case NOTB: case SCONV:
-            if (!integer_view(n->type) || !n->left) return false;
-            work.push_back(n->left);
-            break;
-        default: return false;
-        }
-    }
-    return true;
-}
-
 // The variable of an exit test `v op bound` (either side) that the loop
 // steps one way and compares with what the loop does not change.
 const void* stepped_against_invariant(const struct LOOP* loop, const NODE* test) {
@@ -452,7 +424,7 @@ const void* stepped_against_invariant(const struct LOOP* loop, const NODE* test)
     for (const NODE* side : {test->left, test->right}) {
         const NODE* other = side == test->left ? test->right : test->left;
         if (side->opcode == NAME && is_private_variable(side->symbol, currfuninfo->address_taken) &&
-            invariant_operand(loop, other) && stepped_one_way(loop, side->symbol))
+            is_loop_invariant_value(loop, other) && stepped_one_way(loop, side->symbol))
             return side->symbol;
     }
     return nullptr;
@@ -482,6 +454,34 @@ const loop_effects& find_region_constants(struct LOOP* loop, const std::set<cons
                 }
             });
     return fx;
+}
+
+// Whether the loop changes nothing a value reads: constants and private
+// variables the loop never assigns, under integer operators that read no
+// memory.
+bool is_loop_invariant_value(const struct LOOP* loop, const NODE* n) {
+    std::vector<const NODE*> work{n};
+    while (!work.empty()) {
+        n = work.back();
+        work.pop_back();
+        switch (n->opcode) {
+        case ICON: break;
+        case NAME:
+            if (!is_private_variable(n->symbol, currfuninfo->address_taken) || loop->effects.assigned.count(n->symbol))
+                return false;
+            break;
+        case PLUS: case MINUS: case MULT: case ANDB: case ORB: case XORB: case SLL: case SRL:
+            if (!n->right) return false;
+            work.push_back(n->right);
+            [[fallthrough]];
+        case UMINUS: case NOTB: case SCONV:
+            if (!integer_view(n->type) || !n->left) return false;
+            work.push_back(n->left);
+            break;
+        default: return false;
+        }
+    }
+    return true;
 }
 
 namespace {

@@ -44,6 +44,10 @@ void find_loop_LCV(struct LOOP* loop);
 // bottom, the distance is the trip count when the loop is entered with its
 // test holding.
 void find_loop_assertions(struct LOOP* loop);
+// Whether the loop changes nothing a value reads: constants and private
+// variables the loop never assigns (after find_region_constants), under
+// integer operators that read no memory.
+bool is_loop_invariant_value(const struct LOOP* loop, const NODE* n);
 // Finds again what the loop changes (`taken`: the function's address-taken
 // symbols, which count as shared) and keeps it in loop->effects.
 const loop_effects& find_region_constants(struct LOOP* loop, const std::set<const SYMTAB*>& taken);

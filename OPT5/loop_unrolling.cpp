@@ -218,6 +218,15 @@ bool entered_only_when_test_holds(struct LOOP* loop, const NODE* test, const cou
     return holds;
 }
 
+// The loop block's statements but its jump (`body`, the block's own
+// entries), `factor` times, then the jump.
+void repeat_body(BBLK* b, const std::vector<BODY_ENTRY>& body, int factor) {
+    std::vector<BODY_ENTRY> unrolled(body.begin(), body.end());
+    append_copies(body, factor - 1, unrolled);
+    unrolled.push_back(b->statements.back());
+    b->statements.swap(unrolled);
+}
+
 // A loop whose trip count is known only when it runs: unrolled by a power
 // of two, after the iterations left over run once each, straight-line, in
 // front of it (a jump on the remainder of the trip count by the factor to
@@ -242,10 +251,7 @@ bool unroll_run_time(struct LOOP* loop, BBLK* b, NODE* jump) {
     PSN pos = b->statements.back().pos;
     std::vector<BODY_ENTRY> body(b->statements.begin(), b->statements.end() - 1);
     if (whole) {
-        std::vector<BODY_ENTRY> unrolled(body.begin(), body.end());
-        append_copies(body, factor - 1, unrolled);
-        unrolled.push_back(b->statements.back());
-        b->statements.swap(unrolled);
+        repeat_body(b, body, factor);
         if (write_opt_info && finfo)
             std::fprintf(finfo, "Loop at line %llu unrolled %d times (a multiple of %d iterations).\n",
                          static_cast<unsigned long long>(pos.line), factor, loop->tripFactor);
@@ -300,10 +306,7 @@ bool unroll_run_time(struct LOOP* loop, BBLK* b, NODE* jump) {
     sw.pos = pos;
     pre->statements.push_back(sw);
 
-    std::vector<BODY_ENTRY> unrolled(body.begin(), body.end());
-    append_copies(body, factor - 1, unrolled);
-    unrolled.push_back(b->statements.back());
-    b->statements.swap(unrolled);
+    repeat_body(b, body, factor);
     if (write_opt_info && finfo)
         std::fprintf(finfo, "Loop at line %llu unrolled %d times; the iterations left over run first.\n",
                      static_cast<unsigned long long>(pos.line), factor);
