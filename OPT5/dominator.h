@@ -1,6 +1,7 @@
 // Dominator and post-dominator trees of a function, rebuilt on demand.
 #pragma once
 
+#include <span>
 #include <vector>
 
 struct BBLK;
@@ -19,8 +20,8 @@ public:
     bool dominates(const BBLK* a, const BBLK* b);
     bool post_dominates(int a, int b);
     bool post_dominates(const BBLK* a, const BBLK* b);
-    const std::vector<int>& dominator_children(int dfn);
-    const std::vector<int>& post_dominator_children(int dfn);
+    std::span<const int> dominator_children(int dfn);
+    std::span<const int> post_dominator_children(int dfn);
     std::vector<BBLK*> dominator_children(const BBLK* bb);
     std::vector<BBLK*> post_dominator_children(const BBLK* bb);
     BBLK* DFSblock(int dfn);
@@ -33,14 +34,27 @@ public:
     void builder();
 
 private:
+    // One tree (or, for post-dominators, a forest under a virtual root 0),
+    // every vector by dfn.
+    struct TREE {
+        bool built = false;
+        std::vector<int> idom;             // 0: none
+        std::vector<int> order;            // the walk numbers used by intersect
+        std::vector<int> first_kid, kids;  // d's children: kids[first_kid[d] .. first_kid[d + 1])
+        std::vector<int> enter, leave;     // d's interval in a walk of the tree; 0: not in it
+    };
     int count_ = 0;
-    std::vector<BBLK*> blocks_;       // by dfn
-    std::vector<int> idom_, ipdom_;   // by dfn; 0: none
-    std::vector<int> order_, porder_; // the walk numbers used by intersect
-    std::vector<std::vector<int>> children_, pchildren_;
+    std::vector<BBLK*> blocks_;  // by dfn
+    TREE dom_, pdom_;            // post-dominators are worked out when first asked for
+    // Work space kept between rebuilds.
+    std::vector<int> postorder_, roots_;
+    std::vector<char> seen_, done_;
+    std::vector<std::pair<int, struct EDGE*>> stack_;
 
     void refresh();
+    TREE& tree(bool post);
     void build_tree(bool post);
+    static bool within(const TREE& t, int a, int b);
 };
 
 // Makes (or rebuilds) the current function's dominators; with liveness the

@@ -108,7 +108,7 @@ struct BUILDER {
         enter(entry);
         while (!walk.empty()) {
             FRAME& f = walk.back();
-            const std::vector<int>& children = dom->dominator_children(f.bb->dfn);
+            std::span<const int> children = dom->dominator_children(f.bb->dfn);
             if (f.next_child < children.size()) {
                 enter(dom->DFSblock(children[f.next_child++]));
                 continue;

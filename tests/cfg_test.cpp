@@ -86,7 +86,8 @@ TEST_F(Cfg, BlocksEdgesAndDominatorsOfADiamond) {
     EXPECT_FALSE(d->dominates(3, 0));
     EXPECT_FALSE(d->dominates(2, 4));
     EXPECT_TRUE(d->post_dominates(4, 1));
-    EXPECT_EQ(d->dominator_children(1), (std::vector<int>{2, 3, 4}));
+    std::span<const int> kids = d->dominator_children(1);
+    EXPECT_EQ(std::vector<int>(kids.begin(), kids.end()), (std::vector<int>{2, 3, 4}));
     EXPECT_EQ(d->DFSblock(3)->label, 1);
     EXPECT_EXIT(d->DFSblock(9), ::testing::ExitedWithCode(1), "terminated abnormally");
 
@@ -98,6 +99,81 @@ TEST_F(Cfg, BlocksEdgesAndDominatorsOfADiamond) {
     b1->successors = add_edge(d->DFSblock(4), b1->successors);
     EXPECT_TRUE(d->dirty);
     EXPECT_EQ(d->immediate_dominator(4), 1);  // rebuilt on the query
+}
+
+// On random graphs (jumps forward and back, several returns, blocks no one
+// reaches, loops with no way out) every dominance answer agrees with the
+// definition: a dominates b when b can be reached from the entry and no
+// longer once a is taken away; a post-dominates b when b reaches a return
+// and no longer without a.  Children are the blocks whose nearest dominator
+// the block is.
+TEST_F(Cfg, DominanceAgreesWithPathsOnRandomGraphs) {
+    unsigned seed = 12345;
+    auto next = [&](unsigned n) {
+        seed = seed * 1103515245u + 12345u;
+        return (seed >> 16) % n;
+    };
+    for (int round = 0; round < 40; ++round) {
+        free_cfg(&fi);
+        fi.body.clear();
+        const int labels = 3 + static_cast<int>(next(8));
+        std::vector<int> order;
+        for (int l = 1; l <= labels; ++l) order.push_back(l);
+        for (int l = labels - 1; l > 0; --l) std::swap(order[static_cast<size_t>(l)], order[next(l + 1)]);
+        for (int l : order) {
+            set(i, l);
+            switch (next(5)) {
+            case 0: cbranch(cmp(LT, i, l), 1 + static_cast<int>(next(labels))); break;
+            case 1: branch(1 + static_cast<int>(next(labels))); break;
+            case 2: ret(); break;
+            default: break;
+            }
+            label(l);
+        }
+        if (next(2)) ret();
+        buildcfg();
+        Dominator* d = dominators();
+        const int n = fi.bb_count;
+        // Blocks reached from `from` along successors (or predecessors),
+        // never entering `without`.
+        auto reached = [&](int from, int without, bool backwards) {
+            std::vector<char> seen(static_cast<size_t>(n) + 1, 0);
+            std::vector<int> work;
+            if (from != without) work.push_back(from), seen[static_cast<size_t>(from)] = 1;
+            while (!work.empty()) {
+                BBLK* b = d->DFSblock(work.back());
+                work.pop_back();
+                for (EDGE* e = backwards ? b->predecessors : b->successors; e; e = e->rest)
+                    if (e->bb->dfn != without && !seen[static_cast<size_t>(e->bb->dfn)])
+                        seen[static_cast<size_t>(e->bb->dfn)] = 1, work.push_back(e->bb->dfn);
+            }
+            return seen;
+        };
+        std::vector<int> exits;
+        for (int b = 1; b <= n; ++b)
+            if (!d->DFSblock(b)->successors) exits.push_back(b);
+        auto reaches_exit = [&](int b, int without) {
+            std::vector<char> seen = reached(b, without, false);
+            for (int x : exits)
+                if (seen[static_cast<size_t>(x)]) return true;
+            return false;
+        };
+        std::vector<char> from_entry = reached(1, 0, false);
+        for (int a = 1; a <= n; ++a) {
+            std::vector<char> avoiding = reached(1, a, false);
+            for (int b = 1; b <= n; ++b) {
+                SCOPED_TRACE(testing::Message() << "round " << round << ", BB" << a << " and BB" << b);
+                bool dom = a == b || (from_entry[static_cast<size_t>(b)] && !avoiding[static_cast<size_t>(b)]);
+                EXPECT_EQ(d->dominates(a, b), dom);
+                bool pdom = a == b || (reaches_exit(b, 0) && !reaches_exit(b, a));
+                EXPECT_EQ(d->post_dominates(a, b), pdom);
+                const auto& kids = d->dominator_children(a);
+                bool child = std::find(kids.begin(), kids.end(), b) != kids.end();
+                EXPECT_EQ(child, a != b && d->immediate_dominator(b) == a);
+                if (a != b && d->immediate_dominator(b) == a) EXPECT_TRUE(dom);
+            }
+        }
+    }
 }
 
 // Numbering the blocks of a graph whose successor lists are all there
