@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <climits>
 #include <map>
+#include <mutex>
+#include <new>
 #include <set>
 
 #include "BITVEC/bitvec.h"
@@ -37,6 +39,42 @@ std::string BBLK::str() const { return "BB " + std::to_string(dfn) + " (L" + std
 
 // ---------------------------------------------------------------------------
 // Edge lists
+
+namespace {
+// Chunks of cells live until the end of the run: a cell made on one thread
+// may be freed on another, and then serves that thread.
+struct edge_chunks {
+    static constexpr size_t cells = 2048;
+    std::mutex lock;
+    std::vector<std::unique_ptr<EDGE[]>> all;
+    EDGE* take() {
+        std::lock_guard<std::mutex> hold(lock);
+        all.push_back(std::make_unique_for_overwrite<EDGE[]>(cells));
+        return all.back().get();
+    }
+};
+edge_chunks chunks;
+struct free_cell {
+    free_cell* next;
+};
+thread_local free_cell* free_cells = nullptr;
+}  // namespace
+
+void* EDGE::operator new(size_t size) {
+    OPT_REQUIRE(size == sizeof(EDGE));
+    if (!free_cells) {
+        EDGE* chunk = chunks.take();
+        for (size_t i = edge_chunks::cells; i-- > 0;)
+            free_cells = new (static_cast<void*>(&chunk[i])) free_cell{free_cells};
+    }
+    free_cell* c = free_cells;
+    free_cells = c->next;
+    return c;
+}
+
+void EDGE::operator delete(void* cell, size_t) noexcept {
+    if (cell) free_cells = new (cell) free_cell{free_cells};
+}
 
 EDGE* add_edge(BBLK* bb, EDGE* list, double weight) {
     if (edge_memberp(bb, list)) return list;
@@ -147,12 +185,14 @@ void erase_tree_list(std::vector<BODY_ENTRY>& list) {
 std::vector<BBLK*> layout_blocks() {
     std::vector<BBLK*> out;
     if (!currfuninfo) return out;
+    out.reserve(static_cast<size_t>(std::max(currfuninfo->bb_count, 0)) + 1);  // the count may be behind
     for (BBLK* b = currfuninfo->bb_list; b; b = b->next) out.push_back(b);
     return out;
 }
 
 void clear_visited() {
-    for (BBLK* b : layout_blocks()) b->visited = false;
+    if (currfuninfo)
+        for (BBLK* b = currfuninfo->bb_list; b; b = b->next) b->visited = false;
 }
 
 int new_label_number() {
@@ -426,13 +466,30 @@ void buildcfg() {
 
     BBLK* current = nullptr;
     bool current_has_labeldef = false;
-    std::map<int, BBLK*> by_label;
-    auto start_block = [&](int label) {
-        current = mkbblock({}, nullptr, fi);
-        current->label = label;
-        if (label) by_label[label] = current;
+    // The blocks by label; a label made here is new, and nothing jumps to it.
+    std::vector<BBLK*> by_label(static_cast<size_t>(max_label) + 1, nullptr);
+    auto bind = [&](int label, BBLK* b) {
+        if (label > 0 && label <= max_label) by_label[static_cast<size_t>(label)] = b;
     };
-    for (BODY_ENTRY& e : body) {
+    // A block's statements: those up to its jump or the next label.
+    auto block_length = [&](size_t from) {
+        size_t n = 0;
+        for (size_t i = from; i < body.size(); ++i) {
+            if (body[i].kind != BODY_ENTRY::STMT) continue;
+            if (body[i].tree->opcode == LABELDEF) break;
+            ++n;
+            if (ends_block(body[i].tree)) break;
+        }
+        return n;
+    };
+    auto start_block = [&](int label, size_t from) {
+        current = mkbblock({}, nullptr, fi);
+        current->statements.reserve(block_length(from));
+        current->label = label;
+        bind(label, current);
+    };
+    for (size_t at = 0; at < body.size(); ++at) {
+        BODY_ENTRY& e = body[at];
         if (e.kind != BODY_ENTRY::STMT) {
             fi->scopes.push_back(e);
             continue;
@@ -443,15 +500,15 @@ void buildcfg() {
             erase_node(t);
             if (current && current->statements.empty() && !current_has_labeldef) {
                 current->label = label;
-                by_label[label] = current;
+                bind(label, current);
             } else {
-                start_block(label);
+                start_block(label, at + 1);
             }
             current_has_labeldef = true;
             continue;
         }
         if (!current) {
-            start_block(new_label_number());
+            start_block(new_label_number(), at);
             current_has_labeldef = false;
         }
         current->statements.push_back(e);
@@ -460,17 +517,17 @@ void buildcfg() {
             current_has_labeldef = false;
         }
     }
-    if (!fi->bb_list) start_block(new_label_number());  // a function without statements
+    if (!fi->bb_list) start_block(new_label_number(), body.size());  // a function without statements
 
+    std::vector<int> labels;
     for (BBLK* b = fi->bb_list; b; b = b->next) {
-        std::vector<int> labels;
+        labels.clear();
         bool falls = true;
         list_branch_targets(b->last_tree(), labels, falls);
         if (falls && b->next) b->successors = add_edge(b->next, b->successors);
-        for (int l : labels) {
-            auto it = by_label.find(l);
-            if (it != by_label.end()) b->successors = add_edge(it->second, b->successors);
-        }
+        for (int l : labels)
+            if (l > 0 && l <= max_label && by_label[static_cast<size_t>(l)])
+                b->successors = add_edge(by_label[static_cast<size_t>(l)], b->successors);
         b->successors = rev_edge_list(b->successors);
         for (EDGE* e = b->successors; e; e = e->rest) e->bb->predecessors = add_edge(b, e->bb->predecessors);
     }
@@ -606,28 +663,39 @@ static void rebuild_after_unlinking() {
 // label nothing names, to that predecessor.
 static bool merge_fallthrough_blocks() {
     FUNINFO* fi = currfuninfo;
-    std::set<int> named;
-    for (const EHT_ENTRY& e : fi->eht) named.insert(static_cast<int>(e.label));
+    // The labels something names: jumps, tables, the exception table.
+    std::vector<char> named(static_cast<size_t>(std::max(fi->max_label, 0)) + 1, 0);
+    auto name = [&](int label) {
+        if (label < 0) return;
+        if (static_cast<size_t>(label) >= named.size()) named.resize(static_cast<size_t>(label) + 1, 0);
+        named[static_cast<size_t>(label)] = 1;
+    };
+    auto is_named = [&](int label) {
+        return label >= 0 && static_cast<size_t>(label) < named.size() && named[static_cast<size_t>(label)];
+    };
+    for (const EHT_ENTRY& e : fi->eht) name(static_cast<int>(e.label));
     std::vector<BBLK*> blocks = layout_blocks();
+    std::vector<const NODE*> work;
     for (BBLK* b : blocks)
         for (BODY_ENTRY& e : b->statements) {
-            std::vector<const NODE*> work{e.tree};
+            work.assign(1, e.tree);
             while (!work.empty()) {
                 const NODE* n = work.back();
                 work.pop_back();
                 if (!n) continue;
-                if (n->opcode == LABEL) named.insert(n->value.as<int32_t>());
+                if (n->opcode == LABEL) name(n->value.as<int32_t>());
                 work.push_back(n->left);
                 work.push_back(n->right);
             }
         }
     bool merged = false;
+    std::vector<int> targets;
     for (BBLK* b : blocks) {
         BBLK* prev = b->prev;
-        if (b == fi->bb_list || named.count(b->label) || edge_length(prev->successors) != 1 ||
+        if (b == fi->bb_list || is_named(b->label) || edge_length(prev->successors) != 1 ||
             prev->successors->bb != b)
             continue;
-        std::vector<int> targets;
+        targets.clear();
         bool falls = true;
         if (!prev->statements.empty()) list_branch_targets(prev->statements.back().tree, targets, falls);
         if (!targets.empty() || !falls) continue;
@@ -655,7 +723,7 @@ bool simpcfg(bool merge_blocks, bool keep_empty) {
     FUNINFO* fi = currfuninfo;
     OPT_REQUIRE(fi->loops.empty());
     std::vector<BBLK*> rejumped;  // blocks whose last jump changed
-    for (BBLK* b : layout_blocks()) {
+    for (BBLK* b = fi->bb_list; b; b = b->next) {
         if (b->statements.empty()) continue;
         NODE* t = b->statements.back().tree;
         if (t->opcode == CBRANCH && t->left && t->left->opcode == ICON) {
@@ -697,7 +765,9 @@ bool simpcfg(bool merge_blocks, bool keep_empty) {
     if (changed) free_liveness(fi);
     // Blocks that can't be reached from the entry, nor from a label of the
     // exception table (a handler is entered by no jump).
-    std::vector<BBLK*> work{fi->bb_list};
+    std::vector<BBLK*> work;
+    work.reserve(static_cast<size_t>(std::max(fi->bb_count, 0)) + 1);
+    work.push_back(fi->bb_list);
     clear_visited();
     if (fi->bb_list) fi->bb_list->visited = true;
     if (!fi->eht.empty()) {

@@ -89,7 +89,7 @@ void compute_call_effects(const call_graph& g, const unit_uses& u) {
     for (const call_graph::node& nd : g.nodes) of_function[nd.fn] = {};
     std::vector<std::vector<const SYMTAB*>> callees(g.nodes.size());
     for (size_t i = 0; i < g.nodes.size(); ++i)
-        with_function_statements(g.nodes[i].fn, [&](FUNINFO* fi) {
+        read_function_statements(g.nodes[i].fn, [&](const FUNINFO* fi) {
             memory_effects& fx = *of_function.find(g.nodes[i].fn);
             for (const BODY_ENTRY& e : fi->body)
                 if (e.kind == BODY_ENTRY::STMT && e.tree) add_tree_effects(e.tree, fx, &callees[i]);

@@ -149,6 +149,19 @@ void with_function_statements(SYMTAB* fn, const std::function<void(FUNINFO*)>& f
     currfuninfo = nullptr;
 }
 
+void read_function_statements(SYMTAB* fn, const std::function<void(const FUNINFO*)>& f) {
+    FUNINFO* fi = make_FUNINFO(fn);
+    currfunc = fn;
+    currfuninfo = fi;
+    apply_function_options();
+    unpark_statements_keeping_bytes();
+    f(fi);
+    repark_unchanged();
+    restore_function_options(false);
+    currfunc = nullptr;
+    currfuninfo = nullptr;
+}
+
 size_t body_size(const FUNINFO* fi) {
     size_t size = 0;
     for_each_body_node(fi->body, [&](const NODE*) { ++size; });
@@ -165,7 +178,7 @@ call_graph build_call_graph() {
         g.nodes.emplace_back().fn = fn;
     }
     for (call_graph::node& nd : g.nodes)
-        with_function_statements(nd.fn, [&](FUNINFO* fi) {
+        read_function_statements(nd.fn, [&](const FUNINFO* fi) {
             for_each_body_node(fi->body, [&](const NODE* n) {
                 SYMTAB* callee = n->opcode == CALL || n->opcode == UCALL ? called_function(n) : nullptr;
                 const int* at = callee ? index.find(callee) : nullptr;

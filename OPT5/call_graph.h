@@ -46,6 +46,8 @@ call_graph build_call_graph();
 // unparked and its own option set in force, then parks it again.  For
 // barrier steps, which find every function parked.
 void with_function_statements(SYMTAB* fn, const std::function<void(FUNINFO*)>& f);
+// The same for f that only looks: the function stays parked as it was.
+void read_function_statements(SYMTAB* fn, const std::function<void(const FUNINFO*)>& f);
 
 // A defined function's optimisation level under its own option set; its
 // statements stay parked.

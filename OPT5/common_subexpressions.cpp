@@ -5,7 +5,6 @@
 #include <map>
 #include <memory>
 #include <set>
-#include <unordered_map>
 #include <vector>
 
 #include "OPT5/bbutils.h"
@@ -19,6 +18,7 @@
 #include "OPT5/opt_client.h"
 #include "OPT5/symtab.h"
 #include "TYPES/type_pkg.h"
+#include "UTIL/ptr_map.h"
 #include "UTIL/small_vector.h"
 
 namespace {
@@ -113,7 +113,7 @@ using available_ptr = std::shared_ptr<available>;
 
 // A hash of a tree's structure: equal trees hash alike.  Every node of the
 // tree gets its own in `out`.
-uint64_t shape_of(const NODE* tree, std::unordered_map<const NODE*, uint64_t>* out = nullptr) {
+uint64_t shape_of(const NODE* tree, ptr_map<const NODE*, uint64_t>* out = nullptr) {
     struct item {
         const NODE* n;
         bool done;  // its operands' hashes are on `values`
@@ -195,12 +195,13 @@ private:
     // The assignments to temporaries, by the statement they go in front of;
     // put in place once every block is done.
     std::map<const NODE*, std::vector<BODY_ENTRY>> before_;
-    std::unordered_map<const NODE*, uint64_t> shapes_;  // of the statement being rewritten
+    ptr_map<const NODE*, uint64_t> shapes_;  // of the statement being rewritten
 };
 
 bool cse::describe(const NODE* e, available& a) const {
     if (!e->left || e->opcode == LABEL) return false;
-    std::vector<const NODE*> work{e};
+    small_vector<const NODE*, 32> work;
+    work.push_back(e);
     while (!work.empty()) {
         const NODE* n = work.back();
         work.pop_back();
@@ -228,7 +229,8 @@ bool cse::describe(const NODE* e, available& a) const {
 
 effects cse::effects_of(const NODE* stmt) const {
     effects fx;
-    std::vector<const NODE*> work{stmt};
+    small_vector<const NODE*, 32> work;
+    work.push_back(stmt);
     while (!work.empty()) {
         const NODE* n = work.back();
         work.pop_back();
@@ -311,7 +313,7 @@ int cse::rewrite(BODY_ENTRY& e) {
     // Everything the statement reads must be read before anything it
     // changes: an embedded assignment, or a call other than the
     // statement's own, could change what an expression reads.
-    std::vector<NODE*> work;
+    small_vector<NODE*, 32> work;
     int calls = 0;
     work.push_back(root);
     while (!work.empty()) {
@@ -330,7 +332,7 @@ int cse::rewrite(BODY_ENTRY& e) {
         NODE** slot;
         bool always;  // evaluated whenever the statement runs
     };
-    std::vector<item> slots;
+    small_vector<item, 32> slots;
     auto operands = [&](NODE* n, bool always) {
         bool rest = always && n->opcode != ANDAND && n->opcode != OROR && n->opcode != QUEST;
         if (n->right) slots.push_back({&n->right, rest});

@@ -153,7 +153,7 @@ unit_uses scan_unit_uses() {
     for (SYMTAB* fn : functions) {
         FUNINFO* fi = find_FUNINFO(fn);
         if (!fi || !fi->defined) continue;
-        with_function_statements(fn, [&](FUNINFO* f) {
+        read_function_statements(fn, [&](const FUNINFO* f) {
             for (const BODY_ENTRY& e : f->body)
                 if (e.kind == BODY_ENTRY::STMT && e.tree) scan_tree(e.tree, fn, u);
         });

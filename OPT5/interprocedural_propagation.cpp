@@ -73,7 +73,7 @@ int do_interprocedural_propagation() {
             continue;
         callee& c = callees[fn];
         c.result = ft->base;
-        with_function_statements(fn, [&](FUNINFO* f) {
+        read_function_statements(fn, [&](const FUNINFO* f) {
             c.params = function_parameters(f);
             c.passed.resize(c.params.size());
             c.varies.assign(c.params.size(), 0);
@@ -85,7 +85,7 @@ int do_interprocedural_propagation() {
     }
     if (callees.size() == 0) return 0;
     for (SYMTAB* fn : defined)
-        with_function_statements(fn, [&](FUNINFO* f) {
+        read_function_statements(fn, [&](const FUNINFO* f) {
             for_each_body_node(f->body, [&](const NODE* n) {
                 SYMTAB* target = n->opcode == CALL || n->opcode == UCALL ? called_function(n) : nullptr;
                 callee* c = target ? callees.find(target) : nullptr;

@@ -278,19 +278,53 @@ void park_function() {
     recycle_erased_nodes();  // parking happens between steps: no step holds a node
 }
 
-void unpark_statements() {
-    FUNINFO* fi = currfuninfo;
-    if (!fi->is_parked) return;
+namespace {
+void unpack_body(FUNINFO* fi) {
     unpacker u{fi->parked.data(), fi->parked.data() + fi->parked.size()};
     size_t n = static_cast<size_t>(u.uint());
     take_spare_body(fi->body);
     fi->body.reserve(n);
     for (size_t i = 0; i < n; ++i) fi->body.push_back(u.entry());
     OPT_REQUIRE(u.at == u.end);
-    fi->parked.clear();
     fi->is_parked = false;
     fi->unparked_without_cfg = true;
     note_address_change();
+}
+}  // namespace
+
+void unpark_statements() {
+    FUNINFO* fi = currfuninfo;
+    if (!fi->is_parked) return;
+    unpack_body(fi);
+    fi->parked.clear();
+}
+
+void unpark_statements_keeping_bytes() {
+    FUNINFO* fi = currfuninfo;
+    if (fi->is_parked) unpack_body(fi);
+}
+
+void repark_unchanged() {
+    FUNINFO* fi = currfuninfo;
+    if (fi->is_parked || !fi->parked.data()) return;  // it was not parked
+    OPT_REQUIRE(!fi->bb_list);
+    // What nodes hold out of line belongs to the bytes, which keep it.
+    std::vector<NODE*> work;
+    for (const BODY_ENTRY& e : fi->body) {
+        if (e.tree) work.push_back(e.tree);
+        while (!work.empty()) {
+            NODE* n = work.back();
+            work.pop_back();
+            if (n->has_extra()) n->release_extra();
+            if (n->left) work.push_back(n->left);
+            if (n->right) work.push_back(n->right);
+        }
+    }
+    erase_tree_list(fi->body);
+    spare_body(fi->body);
+    fi->unparked_without_cfg = false;
+    fi->is_parked = true;
+    recycle_erased_nodes();
 }
 
 void unpark_function() {

@@ -39,6 +39,11 @@ void park_function();
 void unpark_function();
 // Only the statement list, as it was parked.
 void unpark_statements();
+// For a look that changes nothing: the statement list made again while the
+// parked bytes stay; then `repark_unchanged` erases the statements and the
+// function is parked as before, without packing it again.
+void unpark_statements_keeping_bytes();
+void repark_unchanged();
 // Lets go of a statement list (its trees already erased), keeping its
 // storage for the next function.
 void spare_body(std::vector<BODY_ENTRY>& body);

@@ -2,7 +2,8 @@
 // asks: open addressing with linear probing in one array, so an entry costs
 // no allocation of its own and a lookup touches one or two cache lines.
 // Entries are never erased one by one; clear() empties the map.  The null
-// pointer marks an empty slot and is not a key.
+// pointer marks an empty slot and is not a key.  A map cleared and filled
+// again keeps its first array.
 #pragma once
 
 #include <cstddef>
@@ -61,6 +62,10 @@ private:
         return static_cast<size_t>(x ^ (x >> 29));
     }
     void grow() {
+        if (slots_.empty()) {  // after clear(), the old room is used again
+            slots_.assign(16, SLOT{});
+            return;
+        }
         std::vector<SLOT> old = std::move(slots_);
         slots_.assign(old.empty() ? 16 : old.size() * 2, SLOT{});
         for (SLOT& s : old) {

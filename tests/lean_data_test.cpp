@@ -139,6 +139,50 @@ TEST_F(Park, FunctionComesBackWhole) {
     for (BODY_ENTRY& e : after) erase_tree(e.tree);
 }
 
+// A look that changes nothing gets the statements and leaves the function
+// parked as it was: the same bytes, not packed again, and its trees gone.
+// A function that was not parked is left alone.
+TEST_F(Park, ALookLeavesTheFunctionParkedAsItWas) {
+    stmt(mktree(ASG, i16, name(a), mktree(PLUS, i16, name(b), mk_ICON(1, i16))), {file, 3, 4});
+    NODE* p = new_node(PPRAGMA, nullptr);  // a payload held out of line
+    p->mx().pragma = new PRAGMA{9, {"4", "unroll"}};
+    stmt(p);
+    stmt(mktree(URETURN, i16, name(a)));
+    repark_unchanged();  // not parked: nothing happens
+    EXPECT_FALSE(fi.is_parked);
+    ASSERT_EQ(fi.body.size(), 3u);
+
+    park_function();
+    const unsigned char* bytes = fi.parked.data();
+    std::vector<unsigned char> packed(bytes, bytes + fi.parked.size());
+    size_t parked_nodes = live_node_count();
+    for (int look = 0; look < 2; ++look) {
+        unpark_statements_keeping_bytes();
+        EXPECT_FALSE(fi.is_parked);
+        ASSERT_EQ(fi.body.size(), 3u);
+        EXPECT_EQ(fi.body[0].tree->right->opcode, PLUS);
+        ASSERT_TRUE(fi.body[1].tree->has_extra() && fi.body[1].tree->x().pragma);
+        EXPECT_EQ(fi.body[1].tree->x().pragma->args, (std::vector<std::string>{"4", "unroll"}));
+        EXPECT_EQ(fi.body[0].pos.line, 3u);
+        EXPECT_GT(live_node_count(), parked_nodes);
+        repark_unchanged();
+        EXPECT_TRUE(fi.is_parked);
+        EXPECT_TRUE(fi.body.empty());
+        EXPECT_EQ(live_node_count(), parked_nodes);
+        EXPECT_EQ(fi.parked.data(), bytes);
+        EXPECT_EQ(std::vector<unsigned char>(fi.parked.data(), fi.parked.data() + fi.parked.size()), packed);
+    }
+    // A look that turns into a change packs the function again.
+    unpark_statements_keeping_bytes();
+    erase_tree(fi.body.back().tree);
+    fi.body.pop_back();
+    park_function();
+    unpark_function();
+    ASSERT_NE(fi.bb_list, nullptr);
+    ASSERT_EQ(fi.bb_list->statements.size(), 2u);
+    EXPECT_EQ(fi.bb_list->statements[1].tree->x().pragma->args, (std::vector<std::string>{"4", "unroll"}));
+}
+
 // Trees far deeper than any recursion could follow are packed and unpacked
 // with work lists.
 TEST_F(Park, DeepTreesPark) {
@@ -269,6 +313,18 @@ TEST(PtrMap, FindsEveryKeyThroughGrowthAndCollisions) {
     m.clear();
     EXPECT_TRUE(m.empty());
     EXPECT_EQ(m.find(storage.data()), nullptr);
+    // Filled again in the room it kept: only the new entries are there.
+    for (int i = 1; i < 100; i += 2) m[&storage[16 * static_cast<size_t>(i)]].push_back(i);
+    EXPECT_EQ(m.size(), 50u);
+    for (int i = 0; i < 100; ++i) {
+        const std::vector<int>* v = m.find(&storage[16 * static_cast<size_t>(i)]);
+        if (i % 2) {
+            ASSERT_NE(v, nullptr) << i;
+            EXPECT_EQ(*v, std::vector<int>{i});
+        } else {
+            EXPECT_EQ(v, nullptr) << i;
+        }
+    }
 }
 
 }  // namespace
