@@ -5,6 +5,7 @@
 
 #include "IFILE/if_file.h"
 #include "OPT5/funinfo.h"
+#include "OPT5/function_summary.h"
 #include "OPT5/node.h"
 #include "OPT5/object_access.h"
 #include "OPT5/opcodes.h"
@@ -63,7 +64,12 @@ void memory_effects::merge(const memory_effects& o) {
     globals.swap(all);
 }
 
-void add_tree_effects(const NODE* root, memory_effects& fx, std::vector<const SYMTAB*>* callees) {
+void add_tree_effects(const NODE* root, memory_effects& fx, std::vector<const SYMTAB*>* callees, bool any_defined) {
+    auto defined = [&](const SYMTAB* f) {
+        if (!any_defined) return of_function.find(f) != nullptr;
+        const FUNINFO* fi = find_FUNINFO(const_cast<SYMTAB*>(f));
+        return fi && fi->defined;
+    };
     for_each_node(root, [&](const NODE* n) {
         int op = n->opcode;
         if (op == NAME) {
@@ -72,7 +78,7 @@ void add_tree_effects(const NODE* root, memory_effects& fx, std::vector<const SY
         }
         if (is_call(op)) {
             const SYMTAB* f = called_function(n);
-            if (callees && f && of_function.find(f)) callees->push_back(f);
+            if (callees && f && defined(f)) callees->push_back(f);
             else fx.merge(effects_of_call(n));
         } else if (op == UMULT) {
             if (!access_through(n->left, nullptr).object) fx.through_pointers = true;
@@ -88,12 +94,11 @@ void compute_call_effects(const call_graph& g, const unit_uses& u) {
     clear_call_effects();
     for (const call_graph::node& nd : g.nodes) of_function[nd.fn] = {};
     std::vector<std::vector<const SYMTAB*>> callees(g.nodes.size());
-    for (size_t i = 0; i < g.nodes.size(); ++i)
-        read_function_statements(g.nodes[i].fn, [&](const FUNINFO* fi) {
-            memory_effects& fx = *of_function.find(g.nodes[i].fn);
-            for (const BODY_ENTRY& e : fi->body)
-                if (e.kind == BODY_ENTRY::STMT && e.tree) add_tree_effects(e.tree, fx, &callees[i]);
-        });
+    for (size_t i = 0; i < g.nodes.size(); ++i) {
+        const function_summary& s = summary_of(g.nodes[i].fn);
+        *of_function.find(g.nodes[i].fn) = s.effects;
+        callees[i] = s.effect_callees;
+    }
     // What the callees do, callees first; the members of a cycle go round
     // until nothing changes.
     for (bool changed = true; changed;) {

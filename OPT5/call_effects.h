@@ -31,8 +31,11 @@ struct memory_effects {
 
 // Adds what a tree does to memory beyond its direct accesses, with the
 // globals it names.  Calls of defined functions go to `callees` when it is
-// given, else their effects are added.
-void add_tree_effects(const NODE* root, memory_effects& fx, std::vector<const SYMTAB*>* callees = nullptr);
+// given, else their effects are added.  A function counts as defined when
+// its effects have been worked out, or, with `any_defined`, when its body
+// has been read.
+void add_tree_effects(const NODE* root, memory_effects& fx, std::vector<const SYMTAB*>* callees = nullptr,
+                      bool any_defined = false);
 
 // Works the effects out for the graph's functions.
 void compute_call_effects(const call_graph& g, const unit_uses& u);

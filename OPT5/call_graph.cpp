@@ -7,6 +7,7 @@
 #include "OPT5/abort.h"
 #include "OPT5/call_effects.h"
 #include "OPT5/driver.h"
+#include "OPT5/function_summary.h"
 #include "OPT5/funinfo.h"
 #include "OPT5/global_symbols.h"
 #include "OPT5/globals.h"
@@ -178,14 +179,8 @@ call_graph build_call_graph() {
         g.nodes.emplace_back().fn = fn;
     }
     for (call_graph::node& nd : g.nodes)
-        read_function_statements(nd.fn, [&](const FUNINFO* fi) {
-            for_each_body_node(fi->body, [&](const NODE* n) {
-                SYMTAB* callee = n->opcode == CALL || n->opcode == UCALL ? called_function(n) : nullptr;
-                const int* at = callee ? index.find(callee) : nullptr;
-                if (at && std::find(nd.callees.begin(), nd.callees.end(), *at) == nd.callees.end())
-                    nd.callees.push_back(*at);
-            });
-        });
+        for (SYMTAB* callee : summary_of(nd.fn).called)
+            if (const int* at = index.find(callee)) nd.callees.push_back(*at);
     find_cycles(g);
     return g;
 }

@@ -39,7 +39,7 @@ bool calls_own_frame_function(const NODE* t);
 std::vector<SYMTAB*> function_parameters(const FUNINFO* fi);
 std::vector<SYMTAB*> function_locals(const FUNINFO* fi);
 
-// Reads every defined function's statements (each is parked again after).
+// From every defined function's summary (function_summary.h).
 call_graph build_call_graph();
 
 // Runs f on a defined function (its FUNINFO current) with its statements

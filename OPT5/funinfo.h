@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <memory>
 #include <mutex>
 #include <set>
 #include <string>
@@ -63,7 +64,12 @@ struct FUNINFO {
     // While the function waits for other functions (reading the unit, a
     // barrier step), its body is kept packed here and it has no trees.
     parked_body parked;
+    uint64_t packings = 0;  // how often it has been packed
     bool is_parked = false;
+    // What the barrier steps read from it, while `packings` stays what it
+    // was then.
+    std::shared_ptr<const struct function_summary> summary;
+    uint64_t summary_packing = 0;
     bool unparked_without_cfg = false;  // its statements are back, its flow graph not yet
 
     // The flow graph (after buildcfg): the scope records and local symbols in

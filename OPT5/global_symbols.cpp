@@ -11,6 +11,7 @@
 #include "OPT5/call_graph.h"
 #include "OPT5/cmdline.h"
 #include "OPT5/copyprop.h"
+#include "OPT5/function_summary.h"
 #include "OPT5/funinfo.h"
 #include "OPT5/globals.h"
 #include "OPT5/node.h"
@@ -148,15 +149,27 @@ bool unit_uses::is_private(const SYMTAB* sym) const {
     return !g || !g->escapes;
 }
 
+void scan_function_tree(const NODE* root, const SYMTAB* fn, unit_uses& u) { scan_tree(root, fn, u); }
+
 unit_uses scan_unit_uses() {
     unit_uses u;
     for (SYMTAB* fn : functions) {
         FUNINFO* fi = find_FUNINFO(fn);
         if (!fi || !fi->defined) continue;
-        read_function_statements(fn, [&](const FUNINFO* f) {
-            for (const BODY_ENTRY& e : f->body)
-                if (e.kind == BODY_ENTRY::STMT && e.tree) scan_tree(e.tree, fn, u);
-        });
+        const function_summary& s = summary_of(fn);
+        u.assembly |= s.assembly;
+        for (const auto& [sym, own] : s.globals) {
+            global_use& g = u.of[sym];
+            g.escapes |= own.escapes;
+            g.read |= own.read;
+            g.volatile_access |= own.volatile_access;
+            g.calls += own.calls;
+            if (own.written) {
+                g.written = true;
+                if (g.writer && g.writer != fn) g.several_writers = true;
+                g.writer = fn;
+            }
+        }
     }
     for (I_SYMTAB* g : unit_globals())
         for (const BASE_NODE* t : g->x().init_trees) scan_tree(static_cast<const NODE*>(t), nullptr, u);

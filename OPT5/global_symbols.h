@@ -41,9 +41,11 @@ struct unit_uses {
     bool is_private(const SYMTAB* sym) const;
 };
 
-// Reads every defined function (each is parked again after) and every
+// From every defined function's summary (function_summary.h) and every
 // initializer.
 unit_uses scan_unit_uses();
+// Adds what one statement of the function `fn` does with the globals.
+void scan_function_tree(const NODE* root, const SYMTAB* fn, unit_uses& u);
 
 // Whether no other unit can name the global.
 bool is_internal(const SYMTAB* sym);

@@ -273,6 +273,7 @@ void park_function() {
     p.uint(fi->body.size());
     for (const BODY_ENTRY& e : fi->body) p.entry(e);
     fi->parked.assign(scratch.data(), scratch.size());
+    ++fi->packings;
     spare_body(fi->body);
     fi->is_parked = true;
     recycle_erased_nodes();  // parking happens between steps: no step holds a node

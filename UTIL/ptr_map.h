@@ -37,6 +37,12 @@ public:
         }
         return slots_[i].value;
     }
+    // f(key, value) for every entry, in no particular order.
+    template <class F>
+    void for_each(F&& f) const {
+        for (const SLOT& s : slots_)
+            if (s.key) f(s.key, s.value);
+    }
     size_t size() const { return size_; }
     bool empty() const { return size_ == 0; }
     void clear() {
