@@ -207,6 +207,9 @@ bool some_function_at_level(int level) {
 }
 
 void detect_recursion() {
+    // Only the inliner and the listings ask: a unit with no function at
+    // level 2 is not read for it unless a listing is written.
+    if (!print_debug && !write_opt_info && !some_function_at_level(2)) return;
     call_graph g = build_call_graph();
     for (const call_graph::node& nd : g.nodes) {
         FUNINFO* fi = make_FUNINFO(nd.fn);

@@ -128,6 +128,25 @@ int main(void) { printf("%d\n", twice(5)); return 0; })");
     EXPECT_LT(twice, main);
 }
 
+// Recursion is found at every level when the information file asks for it
+// (at level 0 nothing else reads the functions for it).
+TEST_F(Interprocedural, RecursiveFunctionsAreNamedAtEveryLevel) {
+    compile(R"(#include <stdio.h>
+static int fact(int n) { return n <= 1 ? 1 : n * fact(n - 1); }
+static int even(int n);
+static int odd(int n) { return n ? even(n - 1) : 0; }
+static int even(int n) { return n ? odd(n - 1) : 1; }
+int main(void) { printf("%d %d\n", fact(5), even(7)); return 0; })");
+    for (const char* level : {"-o0", "-o2"}) {
+        fs::path file = dir.path / (std::string(level) + ".info");
+        run(std::vector<std::string>{level, "--info_file=" + file.string()});
+        std::string text = slurp(file);
+        for (const char* fn : {"fact", "odd", "even"})
+            EXPECT_TRUE(has(text, std::string("Function ") + fn + "() is recursive.")) << level << " " << fn << "\n" << text;
+        EXPECT_FALSE(has(text, "Function main() is recursive.")) << level;
+    }
+}
+
 // After inlining, the static functions nothing can reach any more are not
 // written; those reachable from outside, through a pointer or from a kept
 // function stay.
