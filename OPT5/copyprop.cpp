@@ -183,11 +183,6 @@ bool is_private_variable(const SYMTAB* sym, const std::set<const SYMTAB*>& taken
     return sym && sym_level(sym) > 0 && !taken.count(sym) && !(sym->type && is_volatile(sym->type));
 }
 
-bool is_op_assign(int op) {
-    return op == PLUSASG || op == MINUSASG || op == MULTASG || op == DIVASG || op == MODASG || op == ANDBASG ||
-           op == ORBASG || op == XORBASG || op == SLLASG || op == SRLASG || op == PLUSPLUS || op == MINMIN;
-}
-
 void for_each_read_name(NODE*& tree, const std::function<void(NODE*&)>& f) {
     struct item {
         NODE** slot;

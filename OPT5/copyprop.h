@@ -34,7 +34,15 @@ void remove_unneeded_stores_from_destructor();
 void find_live_variables(bool record, bool loops);
 
 // x op= e, ++ and --: assignments that also read the variable.
-bool is_op_assign(int op);
+inline bool is_op_assign(int op) {
+    switch (op) {
+    case PLUSASG: case MINUSASG: case MULTASG: case DIVASG: case MODASG: case ANDBASG: case ORBASG:
+    case XORBASG: case SLLASG: case SRLASG: case PLUSPLUS: case MINMIN:
+        return true;
+    default:
+        return false;
+    }
+}
 // Any assignment: = and the ones above.
 inline bool is_assignment(int op) { return op == ASG || is_op_assign(op); }
 // Whether the statement assigns the variable, at its root or inside.
