@@ -298,6 +298,7 @@ void unpark_statements() {
     if (!fi->is_parked) return;
     unpack_body(fi);
     fi->parked.clear();
+    fi->summary.reset();  // what was read from the bytes goes with them
 }
 
 void unpark_statements_keeping_bytes() {
