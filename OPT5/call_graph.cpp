@@ -137,30 +137,29 @@ bool calls_own_frame_function(const NODE* t) {
 std::vector<SYMTAB*> function_parameters(const FUNINFO* fi) { return declared(fi, true); }
 std::vector<SYMTAB*> function_locals(const FUNINFO* fi) { return declared(fi, false); }
 
-void with_function_statements(SYMTAB* fn, const std::function<void(FUNINFO*)>& f) {
+namespace {
+// Runs f on the function made current with its own options, between
+// unpacking its statements (`unpack`) and parking it again (`park`).
+void in_function(SYMTAB* fn, void (*unpack)(), void (*park)(), const std::function<void(FUNINFO*)>& f) {
     FUNINFO* fi = make_FUNINFO(fn);
     currfunc = fn;
     currfuninfo = fi;
     apply_function_options();
-    unpark_statements();
+    unpack();
     f(fi);
-    park_function();
+    park();
     restore_function_options(false);
     currfunc = nullptr;
     currfuninfo = nullptr;
 }
+}  // namespace
+
+void with_function_statements(SYMTAB* fn, const std::function<void(FUNINFO*)>& f) {
+    in_function(fn, unpark_statements, park_function, f);
+}
 
 void read_function_statements(SYMTAB* fn, const std::function<void(const FUNINFO*)>& f) {
-    FUNINFO* fi = make_FUNINFO(fn);
-    currfunc = fn;
-    currfuninfo = fi;
-    apply_function_options();
-    unpark_statements_keeping_bytes();
-    f(fi);
-    repark_unchanged();
-    restore_function_options(false);
-    currfunc = nullptr;
-    currfuninfo = nullptr;
+    in_function(fn, unpark_statements_keeping_bytes, repark_unchanged, [&](FUNINFO* fi) { f(fi); });
 }
 
 size_t body_size(const FUNINFO* fi) {
