@@ -466,10 +466,20 @@ void buildcfg() {
 
     BBLK* current = nullptr;
     bool current_has_labeldef = false;
-    // The blocks by label; a label made here is new, and nothing jumps to it.
+    // The blocks by label; a label made here is new, and nothing jumps to
+    // it.  Labels below 1 come only from damaged units.
     std::vector<BBLK*> by_label(static_cast<size_t>(max_label) + 1, nullptr);
+    std::map<int, BBLK*> odd_labels;
     auto bind = [&](int label, BBLK* b) {
-        if (label > 0 && label <= max_label) by_label[static_cast<size_t>(label)] = b;
+        if (label > max_label) return;
+        if (label > 0) by_label[static_cast<size_t>(label)] = b;
+        else odd_labels[label] = b;
+    };
+    auto block_of = [&](int label) -> BBLK* {
+        if (label > max_label) return nullptr;
+        if (label > 0) return by_label[static_cast<size_t>(label)];
+        auto it = odd_labels.find(label);
+        return it == odd_labels.end() ? nullptr : it->second;
     };
     // A block's statements: those up to its jump or the next label.
     auto block_length = [&](size_t from) {
@@ -486,7 +496,7 @@ void buildcfg() {
         current = mkbblock({}, nullptr, fi);
         current->statements.reserve(block_length(from));
         current->label = label;
-        bind(label, current);
+        if (label) bind(label, current);
     };
     for (size_t at = 0; at < body.size(); ++at) {
         BODY_ENTRY& e = body[at];
@@ -526,8 +536,7 @@ void buildcfg() {
         list_branch_targets(b->last_tree(), labels, falls);
         if (falls && b->next) b->successors = add_edge(b->next, b->successors);
         for (int l : labels)
-            if (l > 0 && l <= max_label && by_label[static_cast<size_t>(l)])
-                b->successors = add_edge(by_label[static_cast<size_t>(l)], b->successors);
+            if (BBLK* target = block_of(l)) b->successors = add_edge(target, b->successors);
         b->successors = rev_edge_list(b->successors);
         for (EDGE* e = b->successors; e; e = e->rest) e->bb->predecessors = add_edge(b, e->bb->predecessors);
     }

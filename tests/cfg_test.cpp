@@ -176,6 +176,25 @@ TEST_F(Cfg, DominanceAgreesWithPathsOnRandomGraphs) {
     }
 }
 
+// A jump finds its block whatever the label's number; the blocks the graph
+// makes for statements without a label get new numbers no jump uses.
+TEST_F(Cfg, JumpsFindTheirBlocksWhateverTheLabel) {
+    for (int target : {1, 7, 1000}) {
+        free_cfg(&fi);
+        fi.body.clear();
+        set(i, 0);
+        cbranch(cmp(LT, i, 1), target);
+        set(i, 2);
+        label(target);
+        ret();
+        buildcfg();
+        ASSERT_EQ(fi.bb_count, 3) << target;
+        EXPECT_EQ(succs(1), (std::vector<int>{2, 3})) << target;
+        EXPECT_EQ(dominators()->DFSblock(3)->label, target);
+        EXPECT_GT(dominators()->DFSblock(2)->label, target);  // made here
+    }
+}
+
 // Numbering the blocks of a graph whose successor lists are all there
 // marks its edges complete, once: a mark set already stays as it is.
 TEST_F(Cfg, NumberingCompletesPendingEdges) {
