@@ -434,22 +434,30 @@ bool promote_embedded_assignments_in_bb(BBLK* bb) {
         // conditional operator.
         NODE** found = nullptr;
         int effects = 0;
-        std::function<void(NODE*&, bool)> visit = [&](NODE*& slot, bool conditional) {
-            if (!slot || slot->opcode == LABEL || slot->opcode == FIELD) return;
-            int op = slot->opcode;
-            if (op < 0 || op >= NUM_OPCODES) return;
+        struct item {
+            NODE** slot;
+            bool conditional;
+        };
+        small_vector<item, 32> work;
+        if (t->opcode == ASG) work.push_back({&t->right, false});
+        else if (t->opcode == CBRANCH || t->opcode == URETURN || t->opcode == RETURN || t->opcode == SWITCH)
+            work.push_back({&t->left, false});
+        else continue;
+        while (!work.empty()) {
+            auto [slot, conditional] = work.back();
+            work.pop_back();
+            NODE* n = *slot;
+            if (!n || n->opcode == LABEL || n->opcode == FIELD) continue;
+            int op = n->opcode;
+            if (op < 0 || op >= NUM_OPCODES) continue;
             if (side_effects[op] == 1 || side_effects[op] == 255) {
                 ++effects;
-                if (op == ASG && !conditional && tracked(slot->left) >= 0) found = &slot;
+                if (op == ASG && !conditional && tracked(n->left) >= 0) found = slot;
             }
             bool cond_right = op == QUEST || op == ANDAND || op == OROR;
-            visit(slot->left, conditional);
-            visit(slot->right, conditional || cond_right);
-        };
-        if (t->opcode == ASG) visit(t->right, false);
-        else if (t->opcode == CBRANCH || t->opcode == URETURN || t->opcode == RETURN || t->opcode == SWITCH)
-            visit(t->left, false);
-        else continue;
+            work.push_back({&n->right, conditional || cond_right});
+            work.push_back({&n->left, conditional});
+        }
         if (effects != 1 || !found) continue;
         if (t->opcode == ASG && tracked(t->left) < 0 && has_side_effects(t->left)) continue;
         NODE* inner = *found;
@@ -509,16 +517,12 @@ bool combine_asgs_to_memory() {
             // never seen.
             if (!same_tree(a->left, c->left) || has_side_effects(a->left) || has_side_effects(c->right)) continue;
             bool reads_memory = false;
-            std::function<void(const NODE*)> scan = [&](const NODE* n) {
-                if (!n) return;
-                if (n->opcode == UMULT || n->opcode == STREF || n->opcode == CALL || n->opcode == UCALL ||
-                    (n->opcode == NAME && n->symbol && lva_index(n->symbol) < 0))
-                    reads_memory = true;
-                scan(n->left);
-                scan(n->right);
-            };
-            scan(c->right);
-            scan(c->left->left);
+            for (const NODE* side : {c->right, c->left->left})
+                for_each_node(side, [&](const NODE* n) {
+                    if (n->opcode == UMULT || n->opcode == STREF || n->opcode == CALL || n->opcode == UCALL ||
+                        (n->opcode == NAME && n->symbol && lva_index(n->symbol) < 0))
+                        reads_memory = true;
+                });
             if (reads_memory) continue;
             NODE* rest = peel_for_effect(a->right);
             a->right = nullptr;
@@ -574,17 +578,13 @@ void delay_assignments() {
             const SYMTAB* sym = a->left->symbol;
             std::set<const SYMTAB*> reads;
             bool reads_memory = false;
-            std::function<void(const NODE*)> scan = [&](const NODE* n) {
-                if (!n) return;
+            for_each_node(a->right, [&](const NODE* n) {
                 if (n->opcode == NAME && n->symbol) {
                     reads.insert(n->symbol);
                     if (lva_index(n->symbol) < 0) reads_memory = true;
                 }
                 if (n->opcode == UMULT || n->opcode == STREF) reads_memory = true;
-                scan(n->left);
-                scan(n->right);
-            };
-            scan(a->right);
+            });
             size_t j = i + 1;
             for (; j < st.size(); ++j) {
                 NODE* t = st[j].tree;
@@ -691,25 +691,28 @@ void fast_CP(int32_t iterations, int32_t early) {
             NODE* only_value = nullptr;  // the right side of its only top-level assignment
         };
         std::unordered_map<const SYMTAB*, USAGE> usage;
+        small_vector<NODE*, 32> work;
         for_each_statement([&](BBLK*, BODY_ENTRY& e) {
-            std::function<void(NODE*, bool)> scan = [&](NODE* n, bool top) {
-                if (!n || n->opcode == LABEL || n->opcode == FIELD) return;
+            work.push_back(e.tree);
+            while (!work.empty()) {
+                NODE* n = work.back();
+                work.pop_back();
+                if (!n || n->opcode == LABEL || n->opcode == FIELD) continue;
                 if (n->opcode == NAME && n->symbol) {
                     ++usage[n->symbol].uses;
-                    return;
+                    continue;
                 }
                 if ((n->opcode == ASG || is_op_assign(n->opcode)) && n->left && n->left->opcode == NAME) {
                     USAGE& u = usage[n->left->symbol];
                     ++u.assignments;
                     if (is_op_assign(n->opcode)) ++u.uses;
-                    u.only_value = top && n->opcode == ASG ? n->right : nullptr;
-                    scan(n->right, false);
-                    return;
+                    u.only_value = n == e.tree && n->opcode == ASG ? n->right : nullptr;
+                    work.push_back(n->right);
+                    continue;
                 }
-                scan(n->left, false);
-                scan(n->right, false);
-            };
-            scan(e.tree, true);
+                work.push_back(n->right);
+                work.push_back(n->left);
+            }
         });
         std::vector<const SYMTAB*> fresh;
         for (const FUNC_SYM& fs : function_symbols()) {
