@@ -570,8 +570,7 @@ void free_cfg(FUNINFO* fi) {
     fi->bb_list = nullptr;
     fi->bb_count = 0;
     free_loops(fi);
-    delete fi->dominator;
-    fi->dominator = nullptr;
+    release_dominators(fi);
     fi->scopes.clear();
 }
 

@@ -3,6 +3,7 @@
 #include "OPT5/copyprop.h"
 
 #include <cstdio>
+#include <memory>
 
 #include "OPT5/abort.h"
 #include "OPT5/bbutils.h"
@@ -14,16 +15,34 @@ const char THIS_MODULE[] = "OPT5/dominator";
 
 Dominator::Dominator() { builder(); }
 
+namespace {
+// The dominators of the thread's last graph that went: their vectors keep
+// their room for the next one.
+thread_local std::unique_ptr<Dominator> spare;
+
+Dominator* fresh_dominators() {
+    if (!spare) return new Dominator;
+    Dominator* d = spare.release();
+    d->builder();
+    return d;
+}
+}  // namespace
+
+void release_dominators(FUNINFO* fi) {
+    if (fi->dominator) spare.reset(fi->dominator);
+    fi->dominator = nullptr;
+}
+
 Dominator* compute_dominators(bool with_liveness) {
     FUNINFO* fi = currfuninfo;
-    if (!fi->dominator) fi->dominator = new Dominator;
+    if (!fi->dominator) fi->dominator = fresh_dominators();
     else fi->dominator->builder();
     if (with_liveness) find_live_variables(true, true);
     return fi->dominator;
 }
 
 Dominator* dominators() {
-    if (!currfuninfo->dominator) currfuninfo->dominator = new Dominator;
+    if (!currfuninfo->dominator) currfuninfo->dominator = fresh_dominators();
     return currfuninfo->dominator;
 }
 

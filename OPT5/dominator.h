@@ -62,3 +62,5 @@ private:
 Dominator* compute_dominators(bool with_liveness);
 // The current function's dominators, built on first use.
 Dominator* dominators();
+// Lets go of a function's dominators (its flow graph is gone).
+void release_dominators(struct FUNINFO* fi);
