@@ -171,6 +171,7 @@ std::set<const SYMTAB*> address_taken_symbols() {
 
 std::vector<FUNC_SYM> function_symbols() {
     std::vector<FUNC_SYM> out;
+    out.reserve(currfuninfo->scopes.size());
     bool in_args = true;
     for (const BODY_ENTRY& e : currfuninfo->scopes) {
         if (e.kind == BODY_ENTRY::CONTROL && e.control == IR_END_ARGS) in_args = false;
@@ -181,27 +182,6 @@ std::vector<FUNC_SYM> function_symbols() {
 
 bool is_private_variable(const SYMTAB* sym, const std::set<const SYMTAB*>& taken) {
     return sym && sym_level(sym) > 0 && !taken.count(sym) && !(sym->type && is_volatile(sym->type));
-}
-
-void for_each_read_name(NODE*& tree, const std::function<void(NODE*&)>& f) {
-    struct item {
-        NODE** slot;
-        bool place;  // a named place, not a read
-    };
-    small_vector<item, 32> work;
-    work.push_back({&tree, false});
-    while (!work.empty()) {
-        auto [slot, place] = work.back();
-        work.pop_back();
-        NODE* t = *slot;
-        if (!t || t->opcode == LABEL || t->opcode == FIELD) continue;
-        if (t->opcode == NAME) {
-            if (!place) f(*slot);
-            continue;
-        }
-        work.push_back({&t->left, t->opcode == ASG || is_op_assign(t->opcode) || t->opcode == UAND});
-        work.push_back({&t->right, false});
-    }
 }
 
 int lva_sym_count() { return currfuninfo ? static_cast<int>(currfuninfo->lva_syms.size()) : 0; }

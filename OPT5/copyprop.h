@@ -3,12 +3,13 @@
 #pragma once
 
 #include <cstdint>
-#include <functional>
 #include <set>
 #include <vector>
 
 #include "OPT5/bbutils.h"
+#include "OPT5/node.h"
 #include "OPT5/opcodes.h"
+#include "UTIL/small_vector.h"
 
 struct SYMTAB;
 struct TYPE;
@@ -51,7 +52,27 @@ bool assigns_variable(const NODE* t, const SYMTAB* sym);
 size_t tree_size_up_to(const NODE* t, size_t limit);
 // Hands each NAME node of the tree that is read (not the place an
 // assignment or & names) to `f` by its operand slot, where f may replace it.
-void for_each_read_name(NODE*& tree, const std::function<void(NODE*&)>& f);
+template <class F>
+void for_each_read_name(NODE*& tree, F&& f) {
+    struct item {
+        NODE** slot;
+        bool place;  // a named place, not a read
+    };
+    small_vector<item, 32> work;
+    work.push_back({&tree, false});
+    while (!work.empty()) {
+        auto [slot, place] = work.back();
+        work.pop_back();
+        NODE* t = *slot;
+        if (!t || t->opcode == LABEL || t->opcode == FIELD) continue;
+        if (t->opcode == NAME) {
+            if (!place) f(*slot);
+            continue;
+        }
+        work.push_back({&t->left, t->opcode == ASG || is_op_assign(t->opcode) || t->opcode == UAND});
+        work.push_back({&t->right, false});
+    }
+}
 
 // The value as the type: a constant truncated to it, or a conversion.
 NODE* converted(NODE* value, TYPE* type);

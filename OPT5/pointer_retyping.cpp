@@ -23,10 +23,11 @@ namespace {
 // parents first.
 template <class F>
 void for_each_node(F&& f) {
+    std::vector<std::tuple<NODE**, NODE*, NODE*>> work;
     for (BBLK* b = currfuninfo->bb_list; b; b = b->next)
         for (BODY_ENTRY& e : b->statements) {
             if (!e.tree) continue;
-            std::vector<std::tuple<NODE**, NODE*, NODE*>> work{{&e.tree, nullptr, nullptr}};
+            work.assign(1, {&e.tree, nullptr, nullptr});
             while (!work.empty()) {
                 auto [slot, parent, grand] = work.back();
                 work.pop_back();
