@@ -3,8 +3,6 @@
 #include <algorithm>
 #include <climits>
 #include <map>
-#include <mutex>
-#include <new>
 #include <set>
 
 #include "BITVEC/bitvec.h"
@@ -13,6 +11,7 @@
 #include "OPT5/dominator.h"
 #include "OPT5/globals.h"
 #include "OPT5/node.h"
+#include "UTIL/cell_pool.h"
 #include "UTIL/ptr_map.h"
 
 namespace {
@@ -40,41 +39,22 @@ std::string BBLK::str() const { return "BB " + std::to_string(dfn) + " (L" + std
 // ---------------------------------------------------------------------------
 // Edge lists
 
-namespace {
-// Chunks of cells live until the end of the run: a cell made on one thread
-// may be freed on another, and then serves that thread.
-struct edge_chunks {
-    static constexpr size_t cells = 2048;
-    std::mutex lock;
-    std::vector<std::unique_ptr<EDGE[]>> all;
-    EDGE* take() {
-        std::lock_guard<std::mutex> hold(lock);
-        all.push_back(std::make_unique_for_overwrite<EDGE[]>(cells));
-        return all.back().get();
-    }
-};
-edge_chunks chunks;
-struct free_cell {
-    free_cell* next;
-};
-thread_local free_cell* free_cells = nullptr;
-}  // namespace
+using edge_cells = cell_pool<sizeof(EDGE), alignof(EDGE)>;
+using block_cells = cell_pool<sizeof(BBLK), alignof(BBLK)>;
 
 void* EDGE::operator new(size_t size) {
     OPT_REQUIRE(size == sizeof(EDGE));
-    if (!free_cells) {
-        EDGE* chunk = chunks.take();
-        for (size_t i = edge_chunks::cells; i-- > 0;)
-            free_cells = new (static_cast<void*>(&chunk[i])) free_cell{free_cells};
-    }
-    free_cell* c = free_cells;
-    free_cells = c->next;
-    return c;
+    return edge_cells::take();
 }
 
-void EDGE::operator delete(void* cell, size_t) noexcept {
-    if (cell) free_cells = new (cell) free_cell{free_cells};
+void EDGE::operator delete(void* cell, size_t) noexcept { edge_cells::give(cell); }
+
+void* BBLK::operator new(size_t size) {
+    OPT_REQUIRE(size == sizeof(BBLK));
+    return block_cells::take();
 }
+
+void BBLK::operator delete(void* cell, size_t) noexcept { block_cells::give(cell); }
 
 EDGE* add_edge(BBLK* bb, EDGE* list, double weight) {
     if (edge_memberp(bb, list)) return list;

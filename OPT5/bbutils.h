@@ -25,9 +25,9 @@ struct EDGE {
     double weight = -1.0;  // -1.0: unknown
     EDGE* rest = nullptr;
 
-    // Cells are made by the thousand with every flow graph and freed with
-    // it: they come from a free list of the thread, filled a chunk at a
-    // time, never one by one from the heap.
+    // Made by the thousand with every flow graph and freed with it: from
+    // a cell pool of the thread (UTIL/cell_pool.h), never one by one from
+    // the heap.
     static void* operator new(size_t size);
     static void operator delete(void* cell, size_t size) noexcept;
 };
@@ -49,6 +49,10 @@ struct BBLK {
     const NODE* last_tree() const;
     // How dumps name the block: "BB 3 (L12)".
     std::string str() const;
+
+    // From a cell pool, as edges are.
+    static void* operator new(size_t size);
+    static void operator delete(void* cell, size_t size) noexcept;
 };
 
 // An induction variable: assigned once per iteration by a constant step.

@@ -3,7 +3,9 @@
 
 #include <cstring>
 #include <memory>
+#include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "BITVEC/bitvec.h"
@@ -14,6 +16,7 @@
 #include "OPT5/opcodes.h"
 #include "OPT5/park.h"
 #include "OPT5/symtab.h"
+#include "UTIL/cell_pool.h"
 #include "UTIL/ptr_map.h"
 #include "UTIL/small_vector.h"
 #include "XINT/int65.h"
@@ -287,6 +290,41 @@ TEST(SmallVector, MovesTakeTheHeapPartAndLeaveTheSourceEmpty) {
     }
     for (size_t i = 1; i < 40; ++i) EXPECT_EQ(sets[i].count(), 1u) << i;
     for (size_t i = 1; i < 40; ++i) EXPECT_TRUE(sets[i].test(i * 10 - 1)) << i;
+}
+
+// Cells are aligned, never handed out twice while taken, come back after
+// they are given, and a cell given on another thread serves that thread;
+// objects living in them keep what was written.
+TEST(CellPool, CellsAreDistinctUntilGivenBack) {
+    using pool = cell_pool<24, 8>;
+    std::vector<void*> taken;
+    std::set<void*> distinct;
+    for (int i = 0; i < 3000; ++i) {  // past one chunk
+        void* c = pool::take();
+        EXPECT_EQ(reinterpret_cast<uintptr_t>(c) % 8, 0u);
+        std::memset(c, i & 0xff, 24);
+        taken.push_back(c);
+        distinct.insert(c);
+    }
+    EXPECT_EQ(distinct.size(), taken.size());
+    for (size_t i = 0; i < taken.size(); ++i)
+        EXPECT_EQ(static_cast<unsigned char*>(taken[i])[23], static_cast<unsigned char>(i & 0xff)) << i;
+    pool::give(taken.back());
+    EXPECT_EQ(pool::take(), taken.back());  // the last given is the next taken
+    void* elsewhere = nullptr;
+    std::thread([&] {
+        pool::give(taken.front());
+        elsewhere = pool::take();
+    }).join();
+    EXPECT_EQ(elsewhere, taken.front());
+    for (void* c : taken) pool::give(c);
+
+    // Flow-graph edges live in such cells.
+    EDGE* list = nullptr;
+    for (int i = 0; i < 100; ++i) list = new EDGE{nullptr, static_cast<double>(i), list};
+    int n = 99;
+    for (EDGE* e = list; e; e = e->rest, --n) EXPECT_EQ(e->weight, n);
+    free_edge_list(list);
 }
 
 TEST(PtrMap, FindsEveryKeyThroughGrowthAndCollisions) {
