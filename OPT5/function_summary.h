@@ -26,5 +26,6 @@ struct function_summary {
     std::vector<const SYMTAB*> effect_callees;
 };
 
-// The summary of a defined function, read now or kept from before.
+// The summary of a defined function, read now or kept from before; the
+// reference holds until the function is changed or summarized again.
 const function_summary& summary_of(SYMTAB* fn);
