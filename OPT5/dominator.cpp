@@ -227,17 +227,15 @@ bool Dominator::post_dominates(int a, int b) { return a == b || within(tree(true
 
 bool Dominator::post_dominates(const BBLK* a, const BBLK* b) { return post_dominates(a->dfn, b->dfn); }
 
-std::span<const int> Dominator::dominator_children(int dfn) {
-    TREE& t = tree(false);
+std::span<const int> Dominator::children(bool post, int dfn) {
+    TREE& t = tree(post);
     if (dfn < 1 || dfn > count_) return {};
     return {t.kids.data() + t.first_kid[dfn], static_cast<size_t>(t.first_kid[dfn + 1] - t.first_kid[dfn])};
 }
 
-std::span<const int> Dominator::post_dominator_children(int dfn) {
-    TREE& t = tree(true);
-    if (dfn < 1 || dfn > count_) return {};
-    return {t.kids.data() + t.first_kid[dfn], static_cast<size_t>(t.first_kid[dfn + 1] - t.first_kid[dfn])};
-}
+std::span<const int> Dominator::dominator_children(int dfn) { return children(false, dfn); }
+
+std::span<const int> Dominator::post_dominator_children(int dfn) { return children(true, dfn); }
 
 std::vector<BBLK*> Dominator::dominator_children(const BBLK* bb) {
     std::vector<BBLK*> out;

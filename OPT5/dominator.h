@@ -53,6 +53,7 @@ private:
 
     void refresh();
     TREE& tree(bool post);
+    std::span<const int> children(bool post, int dfn);
     void build_tree(bool post);
     static bool within(const TREE& t, int a, int b);
 };

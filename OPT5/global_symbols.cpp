@@ -29,16 +29,19 @@ const std::vector<I_SYMTAB*>& unit_globals() {
     return i_file ? i_file->globals : none;
 }
 
+// The global is written by `fn` (null: an initializer).
+void note_write(global_use& g, const SYMTAB* fn) {
+    g.written = true;
+    if (g.writer && g.writer != fn) g.several_writers = true;
+    g.writer = fn;
+}
+
 // `access` is the node that reads or writes the object.
 void note(unit_uses& u, const SYMTAB* sym, operand_role r, const NODE* access, const SYMTAB* fn) {
     global_use& g = u.of[sym];
     if (r == ADDRESS) g.escapes = true;
     if (r == VALUE || r == PLACE_READ) g.read = true;
-    if (r == PLACE || r == PLACE_READ) {
-        g.written = true;
-        if (g.writer && g.writer != fn) g.several_writers = true;
-        g.writer = fn;
-    }
+    if (r == PLACE || r == PLACE_READ) note_write(g, fn);
     if (is_volatile_access(access) || mentions_volatile(sym->type)) g.volatile_access = true;
 }
 
@@ -164,11 +167,7 @@ unit_uses scan_unit_uses() {
             g.read |= own.read;
             g.volatile_access |= own.volatile_access;
             g.calls += own.calls;
-            if (own.written) {
-                g.written = true;
-                if (g.writer && g.writer != fn) g.several_writers = true;
-                g.writer = fn;
-            }
+            if (own.written) note_write(g, fn);
         }
     }
     for (I_SYMTAB* g : unit_globals())
