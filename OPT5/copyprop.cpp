@@ -192,6 +192,16 @@ int lva_index(const SYMTAB* sym) {
     return at ? *at : -1;
 }
 
+bool is_fixed_address(const NODE* t) {
+    bool moved = false;
+    while (t && (t->opcode == PCONV || ((t->opcode == PLUS || t->opcode == MINUS) && t->right && t->right->opcode == ICON))) {
+        t = t->left;
+        moved = true;
+    }
+    if (!t || t->opcode != UAND || !t->left || t->left->opcode != NAME || !t->left->symbol) return false;
+    return !moved || !t->left->symbol->global;
+}
+
 NODE* peel_for_effect(NODE* t) {
     if (!t) return nullptr;
     if (!has_side_effects(t)) {
@@ -715,13 +725,12 @@ void fast_CP(int32_t iterations, int32_t early) {
                 continue;
             }
             if (u.assignments != 1 || !u.only_value) continue;
-            // A value that is the same wherever it is read: a constant, the
-            // address of a global, or an argument (or a variable already
-            // known) that is never assigned.
+            // A value that is the same wherever it is read: a constant, an
+            // address fixed while the function runs (see is_fixed_address),
+            // or an argument (or a variable already known) that is never
+            // assigned.
             NODE* v = u.only_value;
-            bool constant = v->opcode == ICON || v->opcode == FCON ||
-                            (v->opcode == UAND && v->left && v->left->opcode == NAME && v->left->symbol &&
-                             v->left->symbol->global);
+            bool constant = v->opcode == ICON || v->opcode == FCON || is_fixed_address(v);
             if (!constant && v->opcode == NAME && v->symbol && v->symbol != s && lva_index(v->symbol) >= 0) {
                 USAGE& src = usage[v->symbol];
                 constant = src.assignments == 0;

@@ -76,6 +76,12 @@ void for_each_read_name(NODE*& tree, F&& f) {
 
 // The value as the type: a constant truncated to it, or a conversion.
 NODE* converted(NODE* value, TYPE* type);
+// Whether the tree is an address the same wherever the function reads it:
+// a symbol's, or a local's converted or moved by constants.  Taken into
+// its uses, a local's makes their accesses direct (and the local may then
+// become variables); a global's converted one would only cost more than
+// the pointer that holds it.
+bool is_fixed_address(const NODE* tree);
 // The side effects of a tree (null when it has none); the rest is freed.
 NODE* peel_for_effect(NODE* tree);
 bool sym_appears_in_tree(const SYMTAB* sym, const NODE* tree);

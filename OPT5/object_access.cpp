@@ -67,7 +67,13 @@ void object_parts::add(const object_access& a) {
     if (static_cast<uint64_t>(off + units) * 16 > a.sym->size) return;
     auto it = at.find(off);
     if (it != at.end()) {
-        ok = exact_types(it->second->stripped(), type->stripped());
+        TYPE* part = it->second->stripped();
+        TYPE* mine = type->stripped();
+        // Another view of the same bits: a conversion between integers of
+        // one size keeps them (not so to or from bool).
+        auto bits = [](TYPE* t) { return is_integer_type(t) && !(t->kind == TYPE::INT_T && t->subkind == TYPE::IK_BOOL); };
+        ok = exact_types(part, mine) ||
+             (integer_views && a.role != PLACE_READ && bits(part) && bits(mine) && part->size == mine->size);
         return;
     }
     // No overlap with the parts before and after it.

@@ -30,6 +30,7 @@
 #include "OPT5/loop_unrolling.h"
 #include "OPT5/local_symbols.h"
 #include "OPT5/stack_sharing.h"
+#include "OPT5/statement_splitting.h"
 #include "OPT5/forward_substitution.h"
 #include "OPT5/register_promotion.h"
 #include "OPT5/scalar_replacement.h"
@@ -63,7 +64,10 @@ void pass_2_header() {
 // function carries a scope tree yet, so the dump shows the empty tree.
 void pass_2_inits() {
     if (print_debug) DBG_CHECK(std::fputs("<<NULL SCOPE>>\n", FDEBUG));
-    if (opt_level() > 0) promote_all_embedded_assignments();  // level 0 leaves statements as they are
+    if (opt_level() > 0) {  // level 0 leaves statements as they are
+        split_statements_at_commas();  // again: inlining makes more
+        promote_all_embedded_assignments();
+    }
 }
 
 // Copy propagation and dead assignments.
@@ -72,7 +76,11 @@ void pass_1_fcp_eda() {
     fast_CP(4, 0);
     elim_dead_assigns(false, false);
 }
-void fast_CP_4_0() { fast_CP(4, 0); }
+// Comma lists become statements before anything looks at them.
+void pass_1_fast_CP() {
+    split_statements_at_commas();
+    fast_CP(4, 0);
+}
 void fast_CP_4_1() { fast_CP(4, 1); }
 void fast_CP_0_1() { fast_CP(0, 1); }
 // The copies whose reads copy propagation rewrote are often dead then.
@@ -138,7 +146,7 @@ struct step {
 
 const step pass_table[] = {
     {"pass 1 fcp/eda", false, pass_1_fcp_eda, 2},
-    {"pass 1 fast_CP(4,0)", false, fast_CP_4_0, 1},
+    {"pass 1 fast_CP(4,0)", false, pass_1_fast_CP, 1},
     {"value propagation for pass 1", false, no_action, NEVER},
     {"analyze globals", true, analyze_globals, NEVER},
     {"detect_recursion", true, detect_recursion, NEVER},

@@ -1,5 +1,6 @@
 #include "OPT5/scalar_replacement.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <map>
 #include <string>
@@ -8,13 +9,44 @@
 #include "OPT5/bbutils.h"
 #include "OPT5/call_graph.h"
 #include "OPT5/cmdline.h"
+#include "OPT5/copyprop.h"
 #include "OPT5/funinfo.h"
 #include "OPT5/globals.h"
 #include "OPT5/object_access.h"
 #include "OPT5/opt_client.h"
 #include "TYPES/type_pkg.h"
+#include "UTIL/small_vector.h"
 #include "UTIL/ptr_map.h"
 
+namespace {
+
+// The assignments whose place is one of `places` (variables assigned as
+// another type of their size) store the value converted to the variable's
+// type; where the assignment's own value is used, it converts back.
+void assign_in_own_types(NODE*& root, const small_vector<const NODE*, 4>& places) {
+    struct item {
+        NODE** slot;
+        bool value_used;
+    };
+    small_vector<item, 32> work;
+    work.push_back({&root, false});
+    while (!work.empty()) {
+        auto [slot, used] = work.back();
+        work.pop_back();
+        NODE* n = *slot;
+        if (!n || n->opcode == LABEL || n->opcode == FIELD) continue;
+        work.push_back({&n->left, n->opcode != COMMA});
+        work.push_back({&n->right, n->opcode != COMMA || used});
+        if (n->opcode != ASG || std::find(places.begin(), places.end(), n->left) == places.end()) continue;
+        TYPE* seen = n->type;
+        n->type = n->left->type;
+        n->right = converted(n->right, n->type);
+        work.back().slot = &n->right;  // the converted value is walked
+        if (used) *slot = converted(n, seen);
+    }
+}
+
+}  // namespace
 
 int explode_auto_aggregates() {
     FUNINFO* fi = currfuninfo;
@@ -23,7 +55,7 @@ int explode_auto_aggregates() {
     std::vector<SYMTAB*> order;
     for (SYMTAB* s : function_locals(fi))
         if (is_aggregate_object(s) && !mentions_volatile(s->type)) {
-            locals[s];
+            locals[s].integer_views = true;
             order.push_back(s);
         }
     if (order.empty()) return 0;
@@ -53,15 +85,26 @@ int explode_auto_aggregates() {
     }
     if (!replaced) return 0;
     for (BBLK* b : blocks)
-        for (BODY_ENTRY& e : b->statements)
+        for (BODY_ENTRY& e : b->statements) {
+            // Parts assigned as another integer type than their own.
+            small_vector<const NODE*, 4> viewed;
             for_each_local_access(e.tree, [&](const object_access& a) {
                 std::map<int64_t, SYMTAB*>* v = vars.find(a.sym);
                 if (!v) return;
                 NODE* access = *a.slot;
                 SYMTAB* part = v->at(a.where.offset.as<int64_t>());
-                *a.slot = mk_NAME(part, access->type);
+                if (exact_types(part->type->stripped(), access->type->stripped())) {
+                    *a.slot = mk_NAME(part, access->type);
+                } else if (a.role == PLACE) {
+                    *a.slot = mk_NAME(part, part->type);
+                    viewed.push_back(*a.slot);
+                } else {
+                    *a.slot = converted(mk_NAME(part, part->type), access->type);
+                }
                 erase_tree(access);
             });
+            if (!viewed.empty()) assign_in_own_types(e.tree, viewed);
+        }
     if (write_opt_info && finfo)
         for (SYMTAB* s : order)
             if (const std::map<int64_t, SYMTAB*>* v = vars.find(s))

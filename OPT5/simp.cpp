@@ -801,6 +801,19 @@ int decided_by_assertion(const NODE* n) {
 }
 }  // namespace
 
+namespace {
+// A zero, converted or not.
+bool is_null(const NODE* t) {
+    while (t && (t->opcode == PCONV || t->opcode == SCONV)) t = t->left;
+    return is_icon(t) && t->value.is_zero();
+}
+// &x for a local x, converted and moved by constants.
+bool is_local_address(const NODE* t) {
+    while (t && (t->opcode == PCONV || ((t->opcode == PLUS || t->opcode == MINUS) && is_icon(t->right)))) t = t->left;
+    return t && t->opcode == UAND && t->left && t->left->opcode == NAME && t->left->symbol && !t->left->symbol->global;
+}
+}  // namespace
+
 NODE* simp_relop(NODE* n, struct LOOP* loop) {
     int op = n->opcode;
     if (op == EXCLAIM) {
@@ -823,6 +836,9 @@ NODE* simp_relop(NODE* n, struct LOOP* loop) {
         bool res = op == EQ || op == LE || op == GE || op == ULE || op == UGE;
         return replace_by_constant(n, INT65(res ? 1 : 0), n->type);
     }
+    // A local's address, moved by constants, is never null.
+    if ((op == EQ || op == NEQ) && ((is_null(r) && is_local_address(l)) || (is_null(l) && is_local_address(r))))
+        return replace_by_constant(n, INT65(op == NEQ ? 1 : 0), n->type);
     if (is_icon(r)) {
         bool unsigned_cmp = is_unsigned_relop(op) || !is_signed_int(ot);
         if (unsigned_cmp && r->value.is_zero()) {

@@ -198,4 +198,43 @@ int main(void) {
     EXPECT_LT(replaced.operations * 10, kept.operations * 9) << replaced.operations << " " << kept.operations;
 }
 
+// Structures passed and returned by value: the front end copies them unit
+// by unit (as unsigned) into temporaries whose addresses the calls take.
+// Split into statements, the calls are inlined, the addresses the copies'
+// parameters hold lead straight to the temporaries, and every structure
+// becomes variables although its copies read its members as another
+// integer type: no load or store is left.
+TEST_F(Frames, StructuresPassedAndReturnedByValueBecomeVariables) {
+    compile(R"(#include <stdio.h>
+typedef struct { int re, im; } cplx;
+int n = 5;
+static cplx cmul(cplx a, cplx b) {
+    cplx r;
+    r.re = ((long)a.re * b.re - (long)a.im * b.im) >> 15;
+    r.im = ((long)a.re * b.im + (long)a.im * b.re) >> 15;
+    return r;
+}
+static cplx cadd(cplx a, cplx b) { cplx r; r.re = a.re + b.re; r.im = a.im + b.im; return r; }
+int main(void) {
+    cplx acc = {0, 0}, w = {23170, -23170};
+    for (int i = 0; i < n; i++) {
+        cplx x;
+        x.re = i * 1000 - 7000;
+        x.im = 3000 - i * 411;
+        acc = cadd(acc, cmul(x, w));
+    }
+    printf("%d %d\n", acc.re, acc.im);
+    return 0;
+}
+)");
+    IFRUN_RESULT reference = expect_same_at_every_level();
+    IFRUN_RESULT o2 = run("-o2");
+    EXPECT_EQ(ops(o2, "UMULT"), 0u);
+    EXPECT_EQ(ops(o2, "CALL"), 1u);  // printf
+    EXPECT_LT(o2.operations * 3, reference.operations) << o2.operations << " " << reference.operations;
+    std::string text = optimize("o2.if");
+    for (const char* kept : {"'acc' is kept as 2 variables", "'x' is kept as 2 variables", "'tmp' is kept as 2 variables"})
+        EXPECT_TRUE(has(text, kept)) << kept << "\n" << text;
+}
+
 }  // namespace

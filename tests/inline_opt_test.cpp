@@ -94,6 +94,30 @@ int main(void) {
     EXPECT_EQ(ops(run("-o2"), "UMULT"), 0u);
 }
 
+// Comma lists become statements of their own where they run whenever the
+// statement does, in their order; the calls in them are then inlined.
+// Under && and || and in the arms of ?: they stay where they are.
+TEST_F(InlineOpt, CommaListsRunInTheirOrderAndOnlyWhenTheyWould) {
+    compile(R"(#include <stdio.h>
+int n = 3, k = 0, seen = 0;
+static int note(int v) { seen = seen * 3 + v; return v; }
+int main(void) {
+    int t, m, u = n;
+    int r = u > 100 && (k = 7, note(1));        /* never runs */
+    int q = u < 100 || (k = 9, note(2));        /* never runs */
+    int s = n ? (u = 4, note(3) + u) : (u = 5, note(4));
+    int v = (t = u, u = 11, note(5), t + u);
+    int w = (m = 2, m * note(6));
+    int z = note((note(7), 8));
+    printf("%d %d %d %d %d %d %d %d %d\n", r, q, k, s, u, v, w, z, seen);
+    return 0;
+})");
+    IFRUN_RESULT reference = expect_same_at_every_level();
+    ASSERT_TRUE(reference.ok);
+    EXPECT_EQ(reference.output, "0 1 0 7 11 15 12 8 461\n");
+    EXPECT_EQ(calls(run("-o2")), 2u);  // printf, and note(3) in an arm of ?:
+}
+
 // The level, the size/speed goal and the switches decide.
 TEST_F(InlineOpt, TheCostModelFollowsLevelGoalAndSwitches) {
     compile(R"(

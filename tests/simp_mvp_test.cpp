@@ -179,6 +179,23 @@ TEST_F(Simp, AssertionsDecideTestsButNotThemselves) {
     fi.assertions.clear();
 }
 
+// A local's address, converted or moved by constants, is never null; a
+// global's may be compared (it stays), and so may a pointer variable's.
+TEST_F(Simp, LocalAddressesAreNeverNull) {
+    TYPE* pi = type_pkg->mk_ptr(i16);
+    TYPE* pu = type_pkg->mk_ptr(u16);
+    SYMTAB g, p;
+    g.name = "g";
+    g.global = true;
+    p.name = "p";
+    auto address = [&](SYMTAB& s) { return mktree(PLUS, pu, mktree(PCONV, pu, mktree(UAND, pi, name(s))), k(4)); };
+    auto null = [&]() { return mktree(PCONV, pu, k(0)); };
+    EXPECT_EQ(simp(mktree(EQ, i16, address(x), null())), "0");
+    EXPECT_EQ(simp(mktree(NEQ, i16, null(), address(x))), "1");
+    EXPECT_NE(simp(mktree(EQ, i16, address(g), null())), "0");
+    EXPECT_NE(simp(mktree(EQ, i16, name(p, pu), null())), "0");
+}
+
 TEST_F(Simp, MemberAccessAndIndirection) {
     TYPE* rec = type_pkg->mk_struct("pt");
     TYPE* ptr = type_pkg->mk_ptr(rec);
