@@ -7,6 +7,7 @@
 #include "OPT5/copyprop.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstdio>
 #include <deque>
 #include <functional>
@@ -51,14 +52,18 @@ void for_each_statement(F f) {
 void number_tracked_symbols() {
     FUNINFO* fi = currfuninfo;
     std::set<const SYMTAB*> taken = address_taken_symbols();
+    // Each numbering has a stamp of its own: a symbol numbered before
+    // (or by another function) does not carry it.
+    static std::atomic<unsigned> numberings{0};
+    fi->lva_numbering = ++numberings;
     fi->lva_syms.clear();
-    fi->lva_map.clear();
     for (const FUNC_SYM& fs : function_symbols()) {
         SYMTAB* s = fs.sym;
         if (!s->type || !is_private_variable(s, taken)) continue;
         TYPE* t = s->type->stripped();
         if (!t->is_scalar() || t->kind == TYPE::VECTOR_T) continue;
-        fi->lva_map[s] = static_cast<int>(fi->lva_syms.size());
+        s->lva = static_cast<int>(fi->lva_syms.size());
+        s->lva_numbering = fi->lva_numbering;
         fi->lva_syms.push_back(s);
     }
 }
@@ -69,22 +74,40 @@ int tracked(const NODE* n) {
 }
 
 // The tracked variables a statement reads, and those it surely assigns (not
-// under a condition: such a kill is not certain), as indices.
+// under a condition: such a kill is not certain), as indices.  Users apply
+// the kills before the uses, so the order within each list is free.
 void scan_uses_kills(const NODE* t, bool conditional, std::vector<int>& uses, std::vector<int>& kills) {
-    if (!t || t->opcode == LABEL || t->opcode == FIELD) return;
-    int i = tracked(t);
-    if (i >= 0) {
-        uses.push_back(i);
-        return;
+    struct item {
+        const NODE* n;
+        bool conditional;
+    };
+    small_vector<item, 32> work;
+    while (true) {
+        // Down the left spine; right operands wait on the stack.
+        while (t) {
+            int op = t->opcode;
+            if (op == LABEL || op == FIELD || op == ICON) break;
+            if (op == NAME) {
+                int i = t->symbol ? lva_index(t->symbol) : -1;
+                if (i >= 0) uses.push_back(i);
+                break;
+            }
+            if (op == ASG) {
+                int k = tracked(t->left);
+                if (k >= 0) {
+                    if (!conditional) kills.push_back(k);
+                    t = t->right;
+                    continue;
+                }
+            }
+            if (t->right) work.push_back({t->right, conditional || op == QUEST || op == ANDAND || op == OROR});
+            t = t->left;
+        }
+        if (work.empty()) return;
+        t = work.back().n;
+        conditional = work.back().conditional;
+        work.pop_back();
     }
-    if (t->opcode == ASG && tracked(t->left) >= 0) {
-        scan_uses_kills(t->right, conditional, uses, kills);
-        if (!conditional) kills.push_back(tracked(t->left));
-        return;
-    }
-    bool cond_right = t->opcode == QUEST || t->opcode == ANDAND || t->opcode == OROR;
-    scan_uses_kills(t->left, conditional, uses, kills);
-    scan_uses_kills(t->right, conditional || cond_right, uses, kills);
 }
 
 // live = (live - kills) | uses, the effect of one statement seen backwards;
@@ -187,9 +210,8 @@ bool is_private_variable(const SYMTAB* sym, const std::set<const SYMTAB*>& taken
 int lva_sym_count() { return currfuninfo ? static_cast<int>(currfuninfo->lva_syms.size()) : 0; }
 
 int lva_index(const SYMTAB* sym) {
-    if (!currfuninfo) return -1;
-    const int* at = currfuninfo->lva_map.find(sym);
-    return at ? *at : -1;
+    const FUNINFO* fi = currfuninfo;
+    return fi && sym && fi->lva_numbering && sym->lva_numbering == fi->lva_numbering ? sym->lva : -1;
 }
 
 bool is_fixed_address(const NODE* t) {

@@ -97,7 +97,7 @@ struct FUNINFO {
 
     // Variables whose liveness is tracked, by their index in the live sets.
     std::vector<SYMTAB*> lva_syms;
-    ptr_map<const SYMTAB*, int> lva_map;
+    unsigned lva_numbering = 0;  // stamped on the symbols numbered (0: none yet)
     bool wants_dead_assign_elim = false;  // copy propagation left dead assignments
     bool unroll_completely = false;       // complete unrolling gets the full size budget
 
