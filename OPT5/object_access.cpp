@@ -72,8 +72,15 @@ void object_parts::add(const object_access& a) {
         // Another view of the same bits: a conversion between integers of
         // one size keeps them (not so to or from bool).
         auto bits = [](TYPE* t) { return is_integer_type(t) && !(t->kind == TYPE::INT_T && t->subkind == TYPE::IK_BOOL); };
-        ok = exact_types(part, mine) ||
-             (integer_views && a.role != PLACE_READ && bits(part) && bits(mine) && part->size == mine->size);
+        if (exact_types(part, mine)) {
+            ok = true;
+        } else if (integer_views && bits(part) && bits(mine) && part->size == mine->size) {
+            // A part updated in place keeps that access's type; the others
+            // convert.
+            ok = a.role != PLACE_READ || !updated.count(off);
+            if (ok && a.role == PLACE_READ) it->second = type;
+        }
+        if (ok && a.role == PLACE_READ) updated.insert(off);
         return;
     }
     // No overlap with the parts before and after it.
@@ -84,5 +91,6 @@ void object_parts::add(const object_access& a) {
         if (prev->first + static_cast<int64_t>(prev->second->size / 16) > off) return;
     }
     at[off] = type;
+    if (a.role == PLACE_READ) updated.insert(off);
     ok = true;
 }

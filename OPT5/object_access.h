@@ -3,6 +3,7 @@
 #pragma once
 
 #include <map>
+#include <set>
 
 #include "OPT5/node.h"
 #include "OPT5/simp.h"
@@ -52,13 +53,14 @@ struct object_access {
 // known, of the whole of an aggregate, by address, volatile, reaching
 // outside the object, overlapping another part or as another type at a
 // part's offset spoils them (`ok` false).  A whole scalar is its part at 0.
-// With `integer_views`, a part may also be read or assigned (not updated
-// in place) as another integer type of its size: the part keeps the type
-// of its first access and the others convert.
+// With `integer_views`, a part may also be accessed as another integer
+// type of its size: the part takes the type of its updates in place (there
+// may be only one), else of its first access, and the others convert.
 struct object_parts {
     bool ok = true;
     bool integer_views = false;
     std::map<int64_t, TYPE*> at;
+    std::set<int64_t> updated;  // offsets updated in place (x op= e)
     void add(const struct object_access& a);
 };
 

@@ -4,7 +4,8 @@
 // reads go, and it needs no memory.
 //  - Every access of the local must be a direct access `*(&x + c)` at a
 //    constant offset inside it, read or written as a scalar; each part is
-//    always accessed as the same type and parts do not overlap.  A local
+//    always accessed as the same type, or as integer types of one size
+//    (which convert), and parts do not overlap.  A local
 //    read or written as a whole, whose address is used otherwise, that is
 //    volatile, or of a function with inline assembly or a call of the
 //    setjmp family stays in memory.

@@ -1095,7 +1095,7 @@ private:
                 T copy = temporary(a->getType(), a->getExprLoc());
                 int pt = ptr_to(a->getType(), at);
                 T to = node(O_UAND, pt, clone(copy.get()));
-                T fill = copy_units(clone(to.get()), struct_address(a), units(a->getType(), at), a->getType().isVolatileQualified(), at);
+                T fill = copy_object(clone(to.get()), struct_address(a), a->getType(), a->getType().isVolatileQualified(), at);
                 args.push_back(node(O_COMMA, pt, std::move(fill), std::move(to)));
                 continue;
             }
@@ -1144,7 +1144,7 @@ private:
                     to = std::move(tmp);
                 }
                 bool vol = l->getType().isVolatileQualified() || b->getRHS()->getType().isVolatileQualified();
-                T copy = copy_units(clone(to.get()), struct_address(b->getRHS()), units(l->getType(), at), vol, at);
+                T copy = copy_object(clone(to.get()), struct_address(b->getRHS()), l->getType(), vol, at);
                 T r = node(O_COMMA, tt, std::move(copy), std::move(to));
                 return prefix ? node(O_COMMA, tt, std::move(prefix), std::move(r)) : std::move(r);
             }
@@ -1320,15 +1320,51 @@ private:
     T copy_aggregate(const Expr* l, const Expr* r) {
         SourceLocation at = l->getExprLoc();
         bool vol = l->getType().isVolatileQualified() || r->getType().isVolatileQualified();
-        return copy_units(address(l), struct_address(r), units(l->getType(), at), vol, at);
+        return copy_object(address(l), struct_address(r), l->getType(), vol, at);
     }
 
-    // Copies n units from `from` to `to`, unit by unit; each address is
-    // worked out once.
-    T copy_units(T to, T from, uint64_t n, bool vol, SourceLocation at) {
+    // The pieces a copy of an object of type q moves, by their offset in
+    // units: each scalar member wider than a unit (of nested structs and
+    // arrays too) as its own type.  Unions, bit-fields, integers of one
+    // unit and whatever no member covers are left to the caller.
+    void scalar_pieces(QualType q, uint64_t at_unit, std::map<uint64_t, QualType>& pieces, SourceLocation at) {
+        q = q.getCanonicalType().getUnqualifiedType();
+        if (const auto* a = dyn_cast<ConstantArrayType>(q.getTypePtr())) {
+            uint64_t step = units(a->getElementType(), at);
+            uint64_t n = a->getSize().getZExtValue();
+            for (uint64_t i = 0; i < n && step; ++i) scalar_pieces(a->getElementType(), at_unit + i * step, pieces, at);
+            return;
+        }
+        if (const auto* r = q->getAs<RecordType>()) {
+            if (r->getDecl()->isUnion()) return;
+            const LAYOUT& l = layout(r->getDecl(), at);
+            for (const auto& [f, place] : l.members)
+                if (!f->isBitField()) scalar_pieces(f->getType(), at_unit + place.unit, pieces, at);
+            return;
+        }
+        // One unit of an integer moves as the unsigned unit it is.
+        SCALAR sc = scalar(q);
+        if (sc.bits > 16) pieces[at_unit] = q;
+    }
+
+    // Copies an object of type q from `from` to `to`: a member wider than a
+    // unit as its own type, so that the copy moves it whole; the rest, and
+    // all of a volatile object, unit by unit.  Each address is worked out
+    // once.
+    T copy_object(T to, T from, QualType q, bool vol, SourceLocation at) {
+        uint64_t n = units(q, at);
         QualType unit = ctx_.UnsignedIntTy;
+        std::map<uint64_t, QualType> pieces;
         if (vol) unit = ctx_.getVolatileType(unit);
-        int ut = type_id(unit, at);
+        else scalar_pieces(q, 0, pieces, at);
+        for (uint64_t u = 0; u < n;) {
+            auto it = pieces.find(u);
+            if (it != pieces.end()) {
+                u += units(it->second, at);
+                continue;
+            }
+            pieces[u++] = unit;
+        }
         int up = ptr_to(unit, at);
         to = node(O_PCONV, up, std::move(to));
         from = node(O_PCONV, up, std::move(from));
@@ -1341,14 +1377,16 @@ private:
             *side = std::move(tmp);
         }
         T seq = std::move(prefix);
-        for (uint64_t i = 0; i < n; ++i) {
-            auto at_unit = [&](const T& base) {
+        for (const auto& [i, type] : pieces) {
+            int pt = type_id(type, at);
+            auto piece = [&](const T& base) {
                 T a = clone(base.get());
                 if (i) a = node(O_PLUS, up, std::move(a), icon(int_type(32, true), static_cast<int64_t>(i)));
-                return node(O_UMULT, ut, std::move(a));
+                if (type != unit) a = node(O_PCONV, ptr_to(type, at), std::move(a));
+                return node(O_UMULT, pt, std::move(a));
             };
-            T one = node(O_ASG, ut, at_unit(to), at_unit(from));
-            seq = seq ? node(O_COMMA, ut, std::move(seq), std::move(one)) : std::move(one);
+            T one = node(O_ASG, pt, piece(to), piece(from));
+            seq = seq ? node(O_COMMA, pt, std::move(seq), std::move(one)) : std::move(one);
         }
         return seq;
     }
@@ -1602,8 +1640,8 @@ private:
             QualType rt = func_->getReturnType();
             if (r->getRetValue() && rt->isRecordType()) {
                 T to = node(O_NAME, ptr_to(rt, r->getBeginLoc()), nullptr, nullptr, " R:1:0");
-                emit(copy_units(std::move(to), struct_address(r->getRetValue()), units(rt, r->getBeginLoc()),
-                                false, r->getBeginLoc()), r->getBeginLoc());
+                emit(copy_object(std::move(to), struct_address(r->getRetValue()), rt, false, r->getBeginLoc()),
+                     r->getBeginLoc());
                 jump(return_label_, r->getBeginLoc());
             } else if (r->getRetValue() && !rt->isVoidType()) {
                 T v = convert(value(r->getRetValue()), func_->getReturnType(), r->getBeginLoc());
