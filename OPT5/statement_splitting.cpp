@@ -110,6 +110,19 @@ NODE** first_hoistable_comma(NODE*& root, const std::set<const SYMTAB*>& taken) 
     return found;
 }
 
+// Statements whose tree runs as an expression: assignments, calls, lists,
+// and the values that jumps and returns compute.  Markers (assertions,
+// loop and block bounds, pragmas, assembly) are left alone.
+bool runs_as_expression(const NODE* t) {
+    switch (t->opcode) {
+    case BRANCH: case LABELDEF: case PPRAGMA: case ASM: case ASSERT: case NASSERT: case LOOP: case ENDLOOP:
+    case DDNODE: case SKIP: case CASE: case DEFAULT: case BGNBLOCK: case ENDBLOCK: case ENDINIT: case INITLOOP:
+        return false;
+    default:
+        return true;
+    }
+}
+
 }  // namespace
 
 int split_statements_at_commas() {
@@ -122,7 +135,7 @@ int split_statements_at_commas() {
         std::vector<BODY_ENTRY>& st = b->statements;
         for (size_t i = 0; i < st.size();) {
             NODE* t = st[i].tree;
-            if (!t) {
+            if (!t || !runs_as_expression(t)) {
                 ++i;
                 continue;
             }
