@@ -215,13 +215,9 @@ int lva_index(const SYMTAB* sym) {
 }
 
 bool is_fixed_address(const NODE* t) {
-    bool moved = false;
-    while (t && (t->opcode == PCONV || ((t->opcode == PLUS || t->opcode == MINUS) && t->right && t->right->opcode == ICON))) {
-        t = t->left;
-        moved = true;
-    }
-    if (!t || t->opcode != UAND || !t->left || t->left->opcode != NAME || !t->left->symbol) return false;
-    return !moved || !t->left->symbol->global;
+    bool moved;
+    const SYMTAB* s = addressed_symbol(t, moved);
+    return s && (!moved || !s->global);
 }
 
 NODE* peel_for_effect(NODE* t) {

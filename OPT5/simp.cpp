@@ -809,10 +809,20 @@ bool is_null(const NODE* t) {
 }
 // &x for a local x, converted and moved by constants.
 bool is_local_address(const NODE* t) {
-    while (t && (t->opcode == PCONV || ((t->opcode == PLUS || t->opcode == MINUS) && is_icon(t->right)))) t = t->left;
-    return t && t->opcode == UAND && t->left && t->left->opcode == NAME && t->left->symbol && !t->left->symbol->global;
+    bool moved;
+    const SYMTAB* s = addressed_symbol(t, moved);
+    return s && !s->global;
 }
 }  // namespace
+
+const SYMTAB* addressed_symbol(const NODE* t, bool& moved) {
+    moved = false;
+    while (t && (t->opcode == PCONV || ((t->opcode == PLUS || t->opcode == MINUS) && is_icon(t->right)))) {
+        t = t->left;
+        moved = true;
+    }
+    return t && t->opcode == UAND && t->left && t->left->opcode == NAME ? t->left->symbol : nullptr;
+}
 
 NODE* simp_relop(NODE* n, struct LOOP* loop) {
     int op = n->opcode;

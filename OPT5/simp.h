@@ -112,6 +112,10 @@ bool is_integer_type(TYPE* type);
 unsigned int_width(TYPE* type);
 // True when evaluating the tree can change state or trap.
 bool has_side_effects(const NODE* tree);
+// The symbol whose address the tree is, through pointer conversions and
+// constants added or taken (`moved` tells whether there were any); null
+// for any other tree.
+const SYMTAB* addressed_symbol(const NODE* tree, bool& moved);
 // The two ways a rewrite replaces a node, freeing what it no longer holds:
 // by its operand `keep` (the other operand and the node go), or by the
 // constant v of `type` when it has no side effects (otherwise it stays).
