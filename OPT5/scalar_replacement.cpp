@@ -40,8 +40,7 @@ void assign_in_own_types(NODE*& root, const small_vector<const NODE*, 4>& places
         if (n->opcode != ASG || std::find(places.begin(), places.end(), n->left) == places.end()) continue;
         TYPE* seen = n->type;
         n->type = n->left->type;
-        n->right = converted(n->right, n->type);
-        work.back().slot = &n->right;  // the converted value is walked
+        n->right = converted(n->right, n->type);  // walked through its new slot
         if (used) *slot = converted(n, seen);
     }
 }
