@@ -18,21 +18,20 @@
 
 namespace {
 
-// The variables a tree assigns by name.
-std::set<const SYMTAB*> assigned_names(const NODE* tree) {
-    std::set<const SYMTAB*> out;
-    for_each_node(tree, [&](const NODE* n) {
-        if (is_assignment(n->opcode) && n->left && n->left->opcode == NAME && n->left->symbol)
-            out.insert(n->left->symbol);
-    });
-    return out;
-}
+// The symbols whose address the function takes, worked out when first
+// asked.
+struct lazy_taken {
+    std::optional<std::set<const SYMTAB*>> set;
+    const std::set<const SYMTAB*>& get() {
+        if (!set) set = address_taken_symbols();
+        return *set;
+    }
+};
 
 // Whether evaluating `tree` gives the same result after `moved` has run as
 // before: no effects, no memory read, and only constants, addresses,
 // functions and private variables `moved` does not assign.
-bool unaffected_by(const NODE* tree, const NODE* moved, const std::set<const SYMTAB*>& taken,
-                   std::optional<std::set<const SYMTAB*>>& writes) {
+bool unaffected_by(const NODE* tree, const NODE* moved, lazy_taken& taken) {
     if (!tree) return true;
     if (has_side_effects(tree)) return false;
     small_vector<const NODE*, 32> work;
@@ -44,9 +43,7 @@ bool unaffected_by(const NODE* tree, const NODE* moved, const std::set<const SYM
         if (n->opcode == UAND && n->left && n->left->opcode == NAME) continue;  // an address
         if (n->opcode == NAME) {
             if (is_function_symbol(n->symbol)) continue;
-            if (!is_private_variable(n->symbol, taken)) return false;
-            if (!writes) writes = assigned_names(moved);
-            if (writes->count(n->symbol)) return false;
+            if (!is_private_variable(n->symbol, taken.get()) || assigns_variable(moved, n->symbol)) return false;
             continue;
         }
         if (n->opcode == UMULT || n->opcode == STREF || n->opcode == UAND) return false;
@@ -58,7 +55,7 @@ bool unaffected_by(const NODE* tree, const NODE* moved, const std::set<const SYM
 
 // The slot of the comma operator that the statement runs first, when its
 // left operand may run as a statement of its own in front; null otherwise.
-NODE** first_hoistable_comma(NODE*& root, const std::set<const SYMTAB*>& taken) {
+NODE** first_hoistable_comma(NODE*& root, lazy_taken& taken) {
     // The first comma in evaluation order (left operands first), with the
     // slots from the root down to it.
     small_vector<NODE**, 16> path;
@@ -104,9 +101,8 @@ NODE** first_hoistable_comma(NODE*& root, const std::set<const SYMTAB*>& taken) 
             before.push_back(parent->left);
         }
     }
-    std::optional<std::set<const SYMTAB*>> writes;
     for (const NODE* b : before)
-        if (!unaffected_by(b, comma->left, taken, writes)) return nullptr;
+        if (!unaffected_by(b, comma->left, taken)) return nullptr;
     return found;
 }
 
@@ -129,8 +125,7 @@ int split_statements_at_commas() {
     FUNINFO* fi = currfuninfo;
     if (opt_level() < 1 || !fi || !fi->bb_list) return 0;
     int hoisted = 0;
-    std::set<const SYMTAB*> taken;
-    bool taken_known = false;
+    lazy_taken taken;
     for (BBLK* b : layout_blocks()) {
         std::vector<BODY_ENTRY>& st = b->statements;
         for (size_t i = 0; i < st.size();) {
@@ -156,16 +151,6 @@ int split_statements_at_commas() {
                         st.erase(st.begin() + static_cast<long>(k));
                     }
                 continue;
-            }
-            bool any_comma = false;
-            for_each_node(t, [&](const NODE* m) { any_comma |= m->opcode == COMMA; });
-            if (!any_comma) {
-                ++i;
-                continue;
-            }
-            if (!taken_known) {
-                taken = address_taken_symbols();
-                taken_known = true;
             }
             NODE** slot = first_hoistable_comma(st[i].tree, taken);
             if (!slot) {
